@@ -1,0 +1,4 @@
+#ifndef NIM_LOG_H
+#define NIM_LOG_H
+#include "nim/types.h"
+#endif

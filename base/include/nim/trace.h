@@ -1,0 +1,4 @@
+#ifndef NIM_TRACE_H
+#define NIM_TRACE_H
+#include "nim/types.h"
+#endif

@@ -1,0 +1,1 @@
+// drives_posix.cpp

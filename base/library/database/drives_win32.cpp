@@ -1,0 +1,1 @@
+// drives_win32.cpp

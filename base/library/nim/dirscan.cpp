@@ -1,0 +1,1 @@
+// dirscan.cpp

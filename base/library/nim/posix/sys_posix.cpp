@@ -1,0 +1,1 @@
+// sys_posix.cpp

@@ -1,0 +1,52 @@
+// sys.h: the whole platform interface of the base services.
+//
+// Everything that differs between Linux and Windows stands behind these functions, in posix/ and
+// win32/. Paths are UTF-8; on Windows they are converted for the wide-character calls. No function
+// here traces, takes memory from a pool or knows an object. All results are true on success.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// ---- files ----
+constexpr intptr_t SYS_NO_FILE = -1;
+enum SysOpenFlags : uint32_t { SYS_READ = 1, SYS_WRITE = 2, SYS_CREATE = 4, SYS_TRUNCATE = 8 };
+// Refuses directories. Binary, unbuffered, closed on exec, shared for reading, writing, deletion.
+bool SysFileOpen(intptr_t* file, const char* path, uint32_t flags);
+bool SysFileClose(intptr_t file);
+// One positioned transfer: may be short, *moved is 0 at the end of the file. Retries interruptions.
+bool SysFileRead(size_t* moved, intptr_t file, void* buffer, size_t size, int64_t offset);
+bool SysFileWrite(size_t* moved, intptr_t file, const void* buffer, size_t size, int64_t offset);
+bool SysFileLength(int64_t* length, intptr_t file);
+// Reserves disk space for [offset, offset + size) without changing the length. True also where the
+// file system cannot reserve; false only when it refuses (full, over quota, too large).
+bool SysFileReserve(intptr_t file, int64_t offset, int64_t size);
+// Maps [0, size) for reading. On Linux `size` may lie past the end of the file (such pages may not
+// be touched until the file has grown); where SysMapPastEnd() is false it may not.
+bool SysMapPastEnd();
+bool SysMap(void** address, intptr_t file, size_t size);
+void SysUnmap(void* address, size_t size);
+
+// ---- directories and names ----
+bool SysMakeDirectory(const char* path);                    // one level; false when it exists
+enum SysKind : uint32_t { SYS_ABSENT = 0, SYS_DIRECTORY = 1, SYS_OTHER = 2 };
+SysKind SysPathKind(const char* path);
+using SysNameCallback = bool (*)(void* context, const char* name);
+// Calls `f` for every name in no particular order, "." and ".." left out; stops when f says false.
+// False when the directory cannot be read or f stopped it.
+bool SysScan(const char* directory, SysNameCallback f, void* context);
+bool SysReplaceFile(const char* from, const char* to);      // rename over an existing file
+bool SysRemoveFile(const char* path);
+char SysSeparator();                                        // '/' or '\\'
+bool SysIsSeparator(char c);
+bool SysIsAbsolute(const char* path);
+// Directory of the running program, without a trailing separator. False when it does not fit.
+bool SysProgramDirectory(char* buffer, size_t size);
+
+// ---- process ----
+// Copies the variable's value; false when it is not set or does not fit.
+bool SysGetEnvironment(const char* name, char* buffer, size_t size);
+uint64_t SysRandom();                                       // unpredictable between processes
+void SysWriteStandardError(const char* text, size_t size);
+[[noreturn]] void SysEndProcess(uint32_t code);
+void SysYield();

@@ -1,0 +1,1 @@
+// sys_win32.cpp

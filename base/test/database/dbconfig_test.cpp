@@ -1,0 +1,1 @@
+// dbconfig_test.cpp

@@ -1,0 +1,1 @@
+// index/companion_test.cpp

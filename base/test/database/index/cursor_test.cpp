@@ -1,0 +1,1 @@
+// index/cursor_test.cpp

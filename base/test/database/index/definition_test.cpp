@@ -1,0 +1,1 @@
+// index/definition_test.cpp

@@ -1,0 +1,1 @@
+// index/delete_test.cpp

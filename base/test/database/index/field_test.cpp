@@ -1,0 +1,1 @@
+// index/field_test.cpp

@@ -1,0 +1,1 @@
+// index/insert_test.cpp

@@ -1,0 +1,1 @@
+// index/key_test.cpp

@@ -1,0 +1,1 @@
+// index/node_test.cpp

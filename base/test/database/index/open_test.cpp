@@ -1,0 +1,1 @@
+// index/open_test.cpp

@@ -1,0 +1,1 @@
+// dirscan_test.cpp

@@ -1,0 +1,1 @@
+// format_test.cpp

@@ -1,0 +1,1 @@
+// headers_test.cpp

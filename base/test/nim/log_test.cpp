@@ -1,0 +1,1 @@
+// log_test.cpp

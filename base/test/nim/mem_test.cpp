@@ -1,0 +1,1 @@
+// mem_test.cpp

@@ -1,0 +1,1 @@
+// objmap_test.cpp

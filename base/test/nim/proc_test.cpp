@@ -1,0 +1,1 @@
+// proc_test.cpp

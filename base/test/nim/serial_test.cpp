@@ -1,0 +1,1 @@
+// serial_test.cpp

@@ -1,0 +1,1 @@
+// stanza_test.cpp

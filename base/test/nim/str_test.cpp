@@ -1,0 +1,1 @@
+// str_test.cpp

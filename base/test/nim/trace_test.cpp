@@ -1,0 +1,1 @@
+// trace_test.cpp

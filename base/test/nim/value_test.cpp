@@ -1,0 +1,1 @@
+// value_test.cpp
