@@ -1,0 +1,258 @@
+/* index.h: databases, tables, fields, cursors, records and keys.
+ *
+ * All handles are objects of the base services. An out-parameter receives a new reference, which
+ * the caller gives back with the matching release or close operation, passing the address of its
+ * variable. A null handle and an object of another type are refused everywhere. The handles of one
+ * database are used by one thread at a time.
+ */
+#ifndef DATABASE_INDEX_H
+#define DATABASE_INDEX_H
+
+#include "database/export.h"
+#include "nim/types.h"
+
+NIM_BEGIN
+
+/* Result codes of the cursor operations. */
+enum {
+    INDX_RESULT_EMPTY_KEY = 1,     /* the text key is empty                                       */
+    INDX_RESULT_LONG_KEY = 2,      /* the text key is longer than the field allows                */
+    INDX_RESULT_BAD_LENGTH = 3,    /* a stored text has a negative length: damaged record         */
+    INDX_RESULT_KEY_TYPE = 5,      /* this kind of index cannot be searched or keyed              */
+    INDX_RESULT_FOUND = 6,         /* the cursor is on a key                                      */
+    INDX_RESULT_NOT_FOUND = 7,     /* not found, or no further matching key                       */
+    INDX_RESULT_NO_KEY = 8,        /* no key in that direction: at the beginning or the end       */
+    INDX_RESULT_STATUS = 9,        /* the cursor has no valid status                              */
+    INDX_RESULT_CURSOR = 11,       /* not a cursor                                                */
+    INDX_RESULT_KEY_OBJECT = 12    /* the key object is of the wrong type for the index           */
+};
+
+/* Reserved table versions. */
+#define INDX_VERSION_ABSENT 0xFFFFFFFDu /* read: the table does not exist                         */
+#define INDX_VERSION_NONE 0xFFFFFFFEu   /* read: no version file; asked: make no version file     */
+#define INDX_VERSION_ANY 0xFFFFFFFFu    /* asked: accept whatever version is stored               */
+
+/* ---- databases and tables ---------------------------------------------------------------- */
+
+/* Opens the database `name` under the home directory (see dbconfig.h), creating its directories
+ * where they are missing, and loads its tables.
+ *   ppDatabase  out: the database, given back with IndxCloseDatabase; null on failure.
+ *   name        in: name of the database directory, not null.
+ *   tableNames  in: null for all tables, or a list of string objects naming those to load, compared
+ *               without regard to case; the others can still be opened by name later.
+ *   homeDir     in: the home directory to use in clustered mode; may be null; not looked at
+ *               otherwise.
+ * TRUE or FALSE. Last error 28: the home or database directory cannot be made or is no directory;
+ * 29: one of its subdirectories; other failures (unusable argument, no memory) set none. A table
+ * that cannot be loaded does not fail the open; it is missing from the list of tables. */
+NIMDB_API NimBool IndxOpenDatabase(
+    void** ppDatabase, const char* name, void* tableNames, const char* homeDir);
+
+/* Closes every table of the database and drops the caller's reference; *ppDatabase becomes null.
+ * TRUE, or FALSE when ppDatabase or *ppDatabase is null. */
+NIMDB_API NimBool IndxCloseDatabase(void** ppDatabase);
+
+/* Opens the table `name`, creating it when it does not exist.
+ *   ppTable    out: a new reference, given back with IndxReleaseTable (or IndxCloseTable when nobody
+ *              else uses the table); null on failure. May be null: the table then stays with the
+ *              database only.
+ *   oDatabase  in: an open database.
+ *   name       in: the table's name, matched without regard to case. Not null.
+ *   fileName   in: name of the table's files. Normally the same as `name`. Not null.
+ *   magic      in: magic of the records' objects.
+ *   format     in: format text of the records' objects, not null. "i;s" and "i;s;" are the same.
+ *   fields     in: one name per item of the format, separated by ",", each with its flags behind
+ *              ";": "Id, Name;Indexed;Case Sensitive, Size;Indexed;Unique". Not compared when the
+ *              table exists. One field is named "Id" and is a 32-bit integer.
+ *   flag       in: for a new table, whether each record gets a companion file.
+ *   version    in: the version the table must have, or is given when new; INDX_VERSION_NONE,
+ *              INDX_VERSION_ANY.
+ * TRUE or FALSE. Last error 15: an argument is unusable; 25: the table has another magic or format;
+ * 19 to 24, 30, 31: `format` or `fields` is refused (see IndxError). Unchanged when the version is
+ * wrong or cannot be read or written, the format is refused by the object services, names and
+ * format differ in number, there is no field "Id", the description is too large, or the table's
+ * block file is there but cannot be loaded; the trace tells which. A failed creation leaves the
+ * files that were made; a table on disk is never created over. */
+NIMDB_API NimBool IndxOpenTableInternal(
+    void** ppTable, void* oDatabase, const char* name, const char* fileName, uint32_t magic,
+    const char* format, const char* fields, uint32_t flag, uint32_t version);
+
+/* Loads one table from its block file, without adding it to the database's list.
+ *   ppTable    out: the table; null on failure. May be null.
+ *   oDatabase  in: an open database.
+ *   fileName   in: name of the table's files. Not null.
+ *   name       in: the name under which the list is searched first. Not null.
+ * TRUE, or FALSE: the database has a table of this name already, or the block file cannot be
+ * opened or holds no sound description. Sets no error code. */
+NIMDB_API NimBool IndxLoadTable(
+    void** ppTable, void* oDatabase, const char* fileName, const char* name);
+
+/* Opens the table's records file, creating it when absent, into the table. TRUE also when the file
+ * could not be opened: the operations on records meet a closed file instead. FALSE for a bad
+ * argument. */
+NIMDB_API NimBool IndxRecordsOpen(void* oTable, const char* fileName);
+
+/* Closes a table and drops the caller's reference; *ppTable becomes null. Only for a table that
+ * nobody else uses any more: it has no fields afterwards. Changes that were not stored are lost.
+ * TRUE, or FALSE when ppTable or *ppTable is null or no table. */
+NIMDB_API NimBool IndxCloseTable(void** ppTable);
+
+/* Drops the caller's reference to a table; *ppTable becomes null. The table stays open.
+ * TRUE, or FALSE when ppTable or *ppTable is null or no table. */
+NIMDB_API NimBool IndxReleaseTable(void** ppTable);
+
+/* Comparison for ListSearch: TRUE when the string object `item` equals the text `name` without
+ * regard to case. */
+NIMDB_API NimBool IndxFindTableInList(const void* name, const void* item);
+
+/* The stored version of a table.
+ *   pVersion   out: the version, INDX_VERSION_ABSENT or INDX_VERSION_NONE; untouched on failure.
+ *   fileName   in: name of the table's files.
+ *   oDatabase  in: an open database.
+ * TRUE, or FALSE when there is a version file that cannot be read. Sets no error code. */
+NIMDB_API NimBool IndxGetTableVersion(uint32_t* pVersion, const char* fileName, void* oDatabase);
+
+/* A version as text: "Does not exist", "None", "Any", or its decimal digits. A new string that the
+ * caller frees with MemFree; null when there is no memory. */
+NIMDB_API char* IndxTableVersionString(uint32_t version);
+
+/* Ends a changing operation on a table: stores the table's description if it changed, then writes
+ * every changed node and the control block. Called by the operations below; hosts call it after
+ * IndxAddRecord and IndxAddRecordOnly, or to let go of the blocks kept in memory by reading.
+ * TRUE, or FALSE when oTable is no table or the description could not be stored (log message 1301;
+ * the nodes are written all the same). */
+NIMDB_API NimBool IndxUpdateTable(void* oTable);
+
+/* The last error of the table and record operations; process-wide, 0 before the first. Codes:
+ * 5 no such field, 6 field not indexed, 12 seek failed, 13 read failed, 14 index update or write
+ * failed, 15 invalid argument, 18 record of another type than the table's, 19 empty format, 20 empty
+ * fields text, 21 empty field name, 23 duplicate field name, 24 kind of field not allowed or "Id"
+ * not of kind "i", 25 table shape changed, 28 home or database directory unusable, 29 database
+ * subdirectory unusable, 30 empty field flag, 31 unknown field flag, 33 id of a modified record
+ * differs from the stored one. */
+NIMDB_API uint32_t IndxError(void);
+
+/* ---- fields and cursors -------------------------------------------------------------------- */
+
+/* The field `name` of a table, compared without regard to case.
+ *   ppField  out: a new reference, given back with ObjRelease; null on failure.
+ * TRUE or FALSE. Last error 5: no such field; unchanged for an unusable argument. */
+NIMDB_API NimBool IndxGetField(void** ppField, void* oTable, const char* name);
+
+/* A new cursor on an indexed field, standing nowhere.
+ *   ppCursor  out: the cursor, given back with IndxReleaseCursor; null on failure.
+ *   oField    in: a field.
+ * TRUE or FALSE. Last error 15: unusable argument; 6: the field is not indexed. */
+NIMDB_API NimBool IndxGetCursor(void** ppCursor, void* oField);
+
+/* IndxGetField and IndxGetCursor in one call. Results as theirs; no error code for an unusable
+ * table or name. */
+NIMDB_API NimBool IndxGetFieldCursor(void** ppCursor, void* oTable, const char* fieldName);
+
+/* Ends a cursor; *ppCursor becomes null. TRUE, or FALSE when ppCursor or *ppCursor is null or no
+ * cursor. */
+NIMDB_API NimBool IndxReleaseCursor(void** ppCursor);
+
+/* Positions a cursor on a key.
+ *   oCursor     in: the cursor.
+ *   id          in: record id; 0 = any record with this value. For an index of record ids the key.
+ *   oKeyObject  in: the value: an integer, 64-bit integer, string or unique-id object, by the type
+ *               of the index; not looked at for an index of record ids. Borrowed.
+ * Result code 6: on the key. 7: not found; the cursor is on the next greater key, or at the end.
+ * 1, 2, 5, 12: the key is unusable; the cursor has not moved. 11: not a cursor. When a damaged node
+ * ended the search the result is 7, last error 13. */
+NIMDB_API int32_t IndxFindKey(void* oCursor, uint32_t id, void* oKeyObject);
+
+/* The first, last, next or previous key. Result code 6: on a key (a step from a key on which a find
+ * missed keeps that find's 7). 8: no key in that direction; the cursor is at the end (first, next)
+ * or the beginning (last, previous). 9: the cursor stands nowhere yet. 11: not a cursor. When a
+ * damaged node ended the move the result is 8, last error 13. A cursor whose key was deleted moves
+ * to the key after or before it. */
+NIMDB_API int32_t IndxFirstKey(void* oCursor);
+NIMDB_API int32_t IndxLastKey(void* oCursor);
+NIMDB_API int32_t IndxNextKey(void* oCursor);
+NIMDB_API int32_t IndxPreviousKey(void* oCursor);
+
+/* The next key if it has the same value: result 6; 7 when the value differs (the cursor moved all
+ * the same), for a unique index and for a cursor without a key; 8, 11 as above. */
+NIMDB_API int32_t IndxNextMatchingKey(void* oCursor);
+
+/* Finds the cursor's key again if the index changed; the result code. */
+NIMDB_API int32_t IndxCurrentKey(void* oCursor);
+
+/* Move before the first or behind the last key. TRUE, or FALSE when oCursor is no cursor. */
+NIMDB_API NimBool IndxCursorBOI(void* oCursor);
+NIMDB_API NimBool IndxCursorEOI(void* oCursor);
+
+/* *pId = the record id of the cursor's key, if it holds one; otherwise untouched. Always 0. */
+NIMDB_API uint32_t IndxCursorGetId(uint32_t* pId, void* oCursor);
+
+/* ---- records ------------------------------------------------------------------------------- */
+
+/* Encodes an object and adds it under the next record id.
+ *   pId      out: the new id; untouched on failure; may be null.
+ *   oTable   in: the table.
+ *   oObject  in: an object of the table's record type; another type ends the process.
+ * TRUE or FALSE. Last error 12: the records file cannot be positioned or would pass 2 GiB; 14: a key
+ * was refused (duplicate, empty or too long) or the record could not be written. After a failure
+ * nothing was added; the id is not issued again. */
+NIMDB_API NimBool IndxAddObjectToTable(uint32_t* pId, void* oTable, void* oObject);
+
+/* The same with an encoded record (a database BLOB, dbrecord.h); its length and id are stamped into
+ * it. Last error 18: the record's type is not the table's. */
+NIMDB_API NimBool IndxAddRecordToTable(uint32_t* pId, void* oTable, void* oRecord);
+
+/* Adds an encoded record under an id of the caller's choice, raising the highest id when `id` is
+ * larger (compared signed). A table with unique (value, id) pairs refuses an id that is present.
+ * Results as IndxAddRecordToTable. */
+NIMDB_API NimBool IndxSetRecordInTable(uint32_t id, void* oTable, void* oRecord);
+
+/* The body of the two above: stamps length and id, enters all keys, appends the record, and (not
+ * IndxAddRecordOnly) creates the companion file when the table asks for one. Neither stores nor
+ * backs out: the caller ends with IndxUpdateTable, and must not go on after a failure other than by
+ * closing the table, since the keys entered so far stay in memory.
+ *   pData  in/out: ObjData, the record's bytes.
+ * TRUE or FALSE; last error 12 or 14. */
+NIMDB_API NimBool IndxAddRecord(uint32_t id, void* oTable, void* pData);
+NIMDB_API NimBool IndxAddRecordOnly(uint32_t id, void* oTable, void* pData);
+
+/* Reads the record at an offset of the records file.
+ *   pData   out: ObjData; its bytes are the caller's, freed with MemFree; untouched on failure.
+ * TRUE or FALSE. Last error 12: seek failed (log message 1305); 13: read failed or the record is
+ * damaged (1304 header, 1303 record). */
+NIMDB_API NimBool IndxRetriveRecord(void* pData, void* oTable, uint32_t offset);
+
+/* The same as a new database BLOB, given back with ObjRelease; null on failure. */
+NIMDB_API NimBool IndxGetRecord(void** ppRecord, void* oTable, uint32_t offset);
+
+/* The record at which a cursor stands, decoded into a new object, given back with ObjRelease; null
+ * on failure. TRUE, or FALSE: not on a key, the record cannot be read (last error 12, 13) or
+ * decoded. A record whose id is not its key's ends the process: the database is corrupt. */
+NIMDB_API NimBool IndxGetObjectAtCursor(void** ppObject, void* oCursor);
+
+/* The same without decoding and without that check: a new database BLOB. */
+NIMDB_API NimBool IndxGetRecordAtCursor(void** ppRecord, void* oCursor);
+
+/* ---- companion files ----------------------------------------------------------------------- */
+
+/* The id that the next added record will get; 0 when oTable is no table. Nothing is reserved. */
+NIMDB_API uint32_t IndxNextId(void* oTable);
+
+/* The path of a record's companion file; its directories are made, the file is not.
+ *   ppPath  out: a new string, freed with MemFree; null on failure.
+ *   id      in: 1 to 0x7FFFFFFF.
+ * TRUE or FALSE; sets no error code. */
+NIMDB_API NimBool IndxGetFilePath(char** ppPath, void* oTable, uint32_t id);
+
+/* The same for the record at which a cursor stands. TRUE with *ppPath untouched when an argument is
+ * unusable or the cursor is not on a key: look at *ppPath. */
+NIMDB_API NimBool IndxGetFilePathAtCursor(char** ppPath, void* oCursor);
+
+/* The ids of all records that have a companion file.
+ *   ppList  out: a new list of integer objects, given back with ObjRelease; untouched when an
+ *           argument is unusable. Look at *ppList: the result is always 0. */
+NIMDB_API NimBool IndxGetFileList(void** ppList, void* oTable);
+
+NIM_END
+
+#endif /* DATABASE_INDEX_H */

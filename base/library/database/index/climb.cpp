@@ -1,0 +1,1 @@
+// climb.cpp
