@@ -29,7 +29,8 @@ void SysUnmap(void* address, size_t size);
 
 // ---- directories and names ----
 bool SysMakeDirectory(const char* path);                    // one level; false when it exists
-enum SysKind : uint32_t { SYS_ABSENT = 0, SYS_DIRECTORY = 1, SYS_OTHER = 2 };
+// SYS_UNKNOWN: something may be there, the system does not tell (no permission, a failing device).
+enum SysKind : uint32_t { SYS_ABSENT = 0, SYS_DIRECTORY = 1, SYS_OTHER = 2, SYS_UNKNOWN = 3 };
 SysKind SysPathKind(const char* path);
 using SysNameCallback = bool (*)(void* context, const char* name);
 // Calls `f` for every name in no particular order, "." and ".." left out; stops when f says false.
