@@ -47,7 +47,7 @@ NIMDB_API uint32_t DbGetClusteredMode(void);
  * ppDbPath  in/out: address of a valid pointer (null or not): its text is traced in every case.
  *           Receives a new text, freed by the caller; untouched when the result is 0.
  *
- * Returns 1 with *ppDbPath set (null when there was no memory for it), or 0. */
+ * Returns 1 with *ppDbPath set, or 0: the path belongs to none, or there was no memory. */
 NIMDB_API NimBool DbGetClusterDerivedPath(const char* path, char** ppDbPath);
 
 /* Packs the drive of a path and a qtree id into a munged qtree id.

@@ -32,22 +32,20 @@ NIM_BEGIN
 #define DB_BLOB_MAGIC 0xca66cae6u
 #define DB_BLOB_FORMAT "i;s;d;"
 
-/* How each item of a template is encoded: the first word of its ObjDbField. The kinds 0, 5, 6, 9
- * and 12 have no database form. */
+/* How each item of a template is encoded: the first word of its ObjDbField, under the names of this
+ * module. The last three have no database form, and neither have 0 and 5, which name nothing. */
 enum {
-    DB_KIND_NONE = 0,
-    DB_KIND_BOOLEAN = 1,
-    DB_KIND_INTEGER = 2,
-    DB_KIND_STRING = 3,
-    DB_KIND_OBJECT = 4,
-    DB_KIND_UNASSIGNED = 5,
-    DB_KIND_POINTER = 6,
-    DB_KIND_DATA = 7,
-    DB_KIND_ARRAY = 8,
-    DB_KIND_TRANSIENT_OBJECT = 9,
-    DB_KIND_INT64 = 10,
-    DB_KIND_UNIQUE = 11,
-    DB_KIND_TRANSIENT_STRING = 12
+    DB_KIND_BOOLEAN = OBJ_KIND_BOOLEAN,
+    DB_KIND_INTEGER = OBJ_KIND_INTEGER,
+    DB_KIND_STRING = OBJ_KIND_STRING,
+    DB_KIND_OBJECT = OBJ_KIND_OBJECT,
+    DB_KIND_DATA = OBJ_KIND_DATA,
+    DB_KIND_ARRAY = OBJ_KIND_ARRAY,
+    DB_KIND_INT64 = OBJ_KIND_INT64,
+    DB_KIND_UNIQUE = OBJ_KIND_UNIQUE,
+    DB_KIND_POINTER = OBJ_KIND_POINTER,
+    DB_KIND_TRANSIENT_OBJECT = OBJ_KIND_TRANSIENT_OBJECT,
+    DB_KIND_TRANSIENT_STRING = OBJ_KIND_TRANSIENT_STRING
 };
 
 /* The longest record, in bytes: offsets in a records file are signed 32-bit numbers. */
@@ -101,24 +99,24 @@ NIMDB_API NimBool DbConvertObjectFromDbFormat(void** ppObject, const void* oBlob
 /* *pValue receives the 32-bit word as it is stored, also when it is neither 0 nor 1. */
 NIMDB_API NimBool DbFormatGetBoolean(
     uint32_t* pValue, const ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField);
-NIMDB_API NimBool DbFormatGetInteger(
-    int32_t* pValue, const ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField);
-NIMDB_API NimBool DbFormatGetInt64(
-    int64_t* pValue, const ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField);
+NIMDB_API NimBool
+DbFormatGetInteger(int32_t* pValue, const ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField);
+NIMDB_API NimBool
+DbFormatGetInt64(int64_t* pValue, const ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField);
 /* pValue: out, room for 32 bytes (a UniqueId). */
-NIMDB_API NimBool DbFormatGetUnique(
-    void* pValue, const ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField);
+NIMDB_API NimBool
+DbFormatGetUnique(void* pValue, const ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField);
 
 /* The word is stored as it is given, also when it is neither 0 nor 1. */
-NIMDB_API NimBool DbFormatSetBoolean(
-    ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField, uint32_t bValue);
-NIMDB_API NimBool DbFormatSetInteger(
-    ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField, int32_t lValue);
-NIMDB_API NimBool DbFormatSetInt64(
-    ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField, int64_t lValue);
+NIMDB_API NimBool
+DbFormatSetBoolean(ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField, uint32_t bValue);
+NIMDB_API NimBool
+DbFormatSetInteger(ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField, int32_t lValue);
+NIMDB_API NimBool
+DbFormatSetInt64(ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField, int64_t lValue);
 /* pValue: in, 32 bytes (a UniqueId). */
-NIMDB_API NimBool DbFormatSetUnique(
-    ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField, const void* pValue);
+NIMDB_API NimBool
+DbFormatSetUnique(ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField, const void* pValue);
 
 /* Writes a boolean through a table's field object, which knows the slot.
  *

@@ -54,10 +54,22 @@ inline void PutU64(void* bytes, uint64_t value)
 }
 
 // The signed readings of the same words: two's complement, so the bytes do not differ.
-inline int32_t GetI32(const void* bytes) { return static_cast<int32_t>(GetU32(bytes)); }
-inline int64_t GetI64(const void* bytes) { return static_cast<int64_t>(GetU64(bytes)); }
-inline void PutI32(void* bytes, int32_t value) { PutU32(bytes, static_cast<uint32_t>(value)); }
-inline void PutI64(void* bytes, int64_t value) { PutU64(bytes, static_cast<uint64_t>(value)); }
+inline int32_t GetI32(const void* bytes)
+{
+    return static_cast<int32_t>(GetU32(bytes));
+}
+inline int64_t GetI64(const void* bytes)
+{
+    return static_cast<int64_t>(GetU64(bytes));
+}
+inline void PutI32(void* bytes, int32_t value)
+{
+    PutU32(bytes, static_cast<uint32_t>(value));
+}
+inline void PutI64(void* bytes, int64_t value)
+{
+    PutU64(bytes, static_cast<uint64_t>(value));
+}
 
 // True when `length` bytes at `offset` lie inside a buffer of `size` bytes. The sum is taken in 64
 // bits, so that no pair of 32-bit words from a file can wrap it.

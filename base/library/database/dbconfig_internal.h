@@ -1,6 +1,6 @@
 // dbconfig_internal.h: the drives of the machine, the only thing outside the base services that the
 // database library asks the operating system for. drives_win32.cpp and drives_posix.cpp define
-// kDbSystemDrives, the one or the other is built; tests put drives of their own into gDbDrives.
+// kDbSystemDrives, the one or the other is built; tests point gpDbDrives at drives of their own.
 #pragma once
 
 #include <cstdint>
@@ -17,4 +17,4 @@ struct DbDrives {
 constexpr uint32_t DB_DRIVE_FIXED = 3;
 
 extern const DbDrives kDbSystemDrives;
-extern DbDrives gDbDrives; // kDbSystemDrives until a test replaces it
+extern const DbDrives* gpDbDrives; // kDbSystemDrives, until a test puts others in their place
