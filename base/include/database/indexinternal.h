@@ -325,7 +325,9 @@ constexpr int32_t INDX_POSITION_DAMAGED = INT32_MIN;
 // FALSE when an entry that had to be looked at cannot be believed.
 NimBool IndxSearchNode(
     int32_t* pIndex, IndxCursor* pCursor, const uint8_t* pNode, const IndxKeyInfo* pKey);
-NimBool IndxFind(IndxCursor* pCursor, const IndxKeyInfo* pKey);
+// Positions the cursor on the key, or on the first greater one; whether it stands in a leaf exactly.
+// *pDamaged (may be null) becomes true when a node could not be had: code 7, at the end.
+NimBool IndxFind(IndxCursor* pCursor, const IndxKeyInfo* pKey, bool* pDamaged);
 void IndxUpdateCursor(IndxCursor* pCursor, uint8_t* pNode, int32_t status);
 // Child of entry `position`, negative counting as 0; INDX_NO_NODE for a node without entries.
 uint32_t IndxChildAt(const uint8_t* pNode, int32_t position);

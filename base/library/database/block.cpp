@@ -1,1 +1,511 @@
-// block.cpp
+// block.cpp: the only code that touches a block file.
+//
+// A block file handle is the control block object; it owns the open file and the map of the blocks
+// in memory. Nothing reaches the file between the start of an operation and its release, except by
+// an explicit BlckFlushBlock. A release writes blocks first, in ascending order of their ids, and
+// the control block last: the free chain and the count on disk never speak of blocks that are not
+// there yet. What the blocks hold is the index's business.
+//
+// A new block's space is reserved in the file when it is handed out, while the operation can still
+// be backed out: a full disk met at the release would already have overwritten the old half of a
+// split node.
+
+#include "database/block.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "block_internal.h"
+#include "bytes.h"
+#include "nim/nim.h"
+#include "scope.h"
+
+namespace {
+
+constexpr const char* TAG = "BLCK        ";
+constexpr int32_t ALWAYS = -1;
+constexpr int32_t OPENED = 3;
+constexpr int32_t DETAIL = 4;
+#define BLCK_TRACE(level, ...) NIM_TRACE(TAG, 0, (level), __VA_ARGS__)
+
+constexpr uint32_t OPEN_MODE = 261; // read and write, created when absent, never truncated
+constexpr uint32_t LOG_CLASS = 96;
+constexpr uint32_t LOG_CONTROL_FLUSH = 1298;
+constexpr uint32_t LOG_BLOCK_FLUSH = 1299;
+constexpr uint32_t LOG_BLOCK_DISCARD = 1300;
+constexpr uint32_t LINK_SIZE = 4; // a free block's link to the next one
+
+const char* Truth(NimBool b) { return b ? "TRUE" : "FALSE"; }
+
+uint32_t Pool()
+{
+    static const uint32_t pool = MemGetDefaultPoolId();
+    return pool;
+}
+
+BlckControl* AsControl(const void* oBlck)
+{
+    return ObjGetMagic(oBlck) == BLCK_CONTROL_MAGIC
+               ? static_cast<BlckControl*>(const_cast<void*>(oBlck))
+               : nullptr;
+}
+
+// The block object around a block's data.
+BlckBlock* BlockOf(const void* pData)
+{
+    return reinterpret_cast<BlckBlock*>(
+        const_cast<uint8_t*>(static_cast<const uint8_t*>(pData)) - offsetof(BlckBlock, data));
+}
+
+BlckBlock* AsBlock(const void* pData)
+{
+    if (!pData)
+        return nullptr;
+    BlckBlock* pBlock = BlockOf(pData);
+    return ObjGetMagic(pBlock) == BLCK_BLOCK_MAGIC ? pBlock : nullptr;
+}
+
+// The id is a signed 32-bit number, to which one is added before it is widened.
+int64_t OffsetOf(int32_t tId)
+{
+    const int32_t place = static_cast<int32_t>(static_cast<uint32_t>(tId) + 1);
+    return static_cast<int64_t>(place) * BLCK_BLOCK_SIZE;
+}
+
+int32_t BlckCompareBlocks(const void* pLeft, const void* pRight)
+{
+    const uint32_t tLeft = static_cast<uint32_t>(static_cast<const BlckBlock*>(pLeft)->tId);
+    const uint32_t tRight = static_cast<uint32_t>(static_cast<const BlckBlock*>(pRight)->tId);
+    return static_cast<int32_t>(tLeft - tRight);
+}
+
+int32_t BlckCompareBlockId(const void* pKey, const void* pBlock)
+{
+    const uint32_t tKey = GetU32(pKey);
+    return static_cast<int32_t>(
+        tKey - static_cast<uint32_t>(static_cast<const BlckBlock*>(pBlock)->tId));
+}
+
+// Writes a block's data to its place. A failed seek is a failed write, with no message of its own:
+// written all the same, the block would overwrite whatever lies at the file's present position.
+bool WriteBlock(BlckControl* pOwner, const BlckBlock* pBlock)
+{
+    const int64_t offset = OffsetOf(pBlock->tId);
+    BLCK_TRACE(
+        DETAIL, "Write out block %ld, %ld bytes at offset %ld", pBlock->tId, BLCK_BLOCK_SIZE,
+        static_cast<uint32_t>(offset));
+    uint32_t moved = 0;
+    if (!FileSysSeek(pOwner->hFile, offset))
+        return false;
+    return FileSysWrite(&moved, pOwner->hFile, pBlock->data, BLCK_BLOCK_SIZE) != 0;
+}
+
+// Runs when the map gives a block up, which is the end of an operation or of the file. The owner's
+// memory outlives its last block, but its file may be closed already: the write then fails cleanly.
+void BlkBlockDestructor(void* oBlock)
+{
+    BLCK_TRACE(DETAIL, "BlkBlockDestructor(%p)", oBlock);
+    auto* pBlock = static_cast<BlckBlock*>(oBlock);
+    BlckControl* pOwner = pBlock->pOwner;
+    const uint32_t tFormerHead = pOwner->tFreeChain;
+    if (pBlock->bDiscarded) {
+        BLCK_TRACE(DETAIL, "Add Block %ld to free chain", pBlock->tId);
+        pBlock->bModified = TRUE;
+        PutU32(pBlock->data, tFormerHead);
+        pOwner->tFreeChain = static_cast<uint32_t>(pBlock->tId);
+        pOwner->bModified = TRUE;
+    }
+    if (!pBlock->bModified || WriteBlock(pOwner, pBlock))
+        return;
+    // One text for every failed write here, discarded or not: operators know it.
+    LogMessage(LOG_BLOCK_DISCARD, LOG_CLASS, 0, "Failed to discard database block");
+    // Without its link on disk the block would lead the chain to whatever its first word was.
+    if (pBlock->bDiscarded)
+        pOwner->tFreeChain = tFormerHead;
+}
+
+void BlckControlBlockDestructor(void* oBlck)
+{
+    auto* pControl = static_cast<BlckControl*>(oBlck);
+    BlckFlushControlBlock(pControl);
+    FileSysClose(&pControl->hFile);
+}
+
+ObjTemplate* BlockTemplate()
+{
+    static ObjTemplate* const tmpl = [] {
+        ObjTemplate* made = nullptr;
+        ObjTemplateCreateInternal(
+            &made, sizeof(BlckBlock), BLCK_BLOCK_MAGIC, "p;n16384;i;b;b;", BlkBlockDestructor);
+        return made;
+    }();
+    return tmpl;
+}
+
+// Makes a control block that was read harmless: its destructor would flush and close through
+// words that came from the file.
+void DisarmControl(BlckControl* pControl)
+{
+    pControl->bModified = FALSE;
+    pControl->hFile = FILE_NONE;
+    pControl->oMap = nullptr;
+}
+
+// Takes the image read (count bytes of it) as the state of the open file.
+bool AdoptHeader(BlckControl* pControl, uint32_t count)
+{
+    if (count == 0) {
+        BLCK_TRACE(DETAIL, "Set free chain empty");
+        pControl->magic = BLCK_FILE_MAGIC;
+        pControl->blockSize = BLCK_BLOCK_SIZE;
+        pControl->blockCount = 0;
+        pControl->tFreeChain = BLCK_NO_BLOCK;
+        pControl->bModified = TRUE;
+        return true;
+    }
+    if (count == BLCK_CONTROL_SIZE && pControl->magic == BLCK_FILE_MAGIC)
+        return true;
+    BLCK_TRACE(ALWAYS, "Invalid control block (%ld)", pControl->magic);
+    return false;
+}
+
+// The control block of an open file, with one reference; null when the file holds none.
+BlckControl* ReadControl(void* hFile)
+{
+    ObjTemplate* tmpl = nullptr;
+    if (!ObjTemplateCreateInternal(
+            &tmpl, sizeof(BlckControl), BLCK_CONTROL_MAGIC, "i;i;i;i;b;p;o;n16128;",
+            BlckControlBlockDestructor))
+        return nullptr;
+    HeldObject<BlckControl> control;
+    if (!ObjTemplateCreateInstanceFromPool(control.OutVoid(), tmpl, Pool()))
+        return nullptr;
+    uint32_t count = 0;
+    const bool bRead = FileSysSeekStart(hFile) &&
+                       FileSysRead(&count, hFile, control.get(), BLCK_CONTROL_SIZE);
+    bool bSound = false;
+    if (bRead) {
+        BLCK_TRACE(DETAIL, "Read '%ld' of '%ld' byte header", count, BLCK_CONTROL_SIZE);
+        bSound = AdoptHeader(control.get(), count);
+    }
+    const uint32_t bModified = control->bModified;
+    DisarmControl(control.get());
+    if (!bSound || !ObjMapCreateInternal(
+                       &control->oMap, BLCK_BLOCK_MAGIC, BLCK_MAP_SIZE_HINT, BlckCompareBlocks,
+                       BlckCompareBlockId, 0))
+        return nullptr;
+    ObjMapSetIntegerKey(control->oMap, offsetof(BlckBlock, tId));
+    control->bModified = bModified;
+    control->hFile = hFile;
+    return control.Take();
+}
+
+} // namespace
+
+NimBool BlckFileOpen(void** ppBlck, const char* path)
+{
+    BLCK_TRACE(DETAIL, "BlckFileOpen(%p, %s)", static_cast<void*>(ppBlck), path);
+    if (ppBlck)
+        *ppBlck = nullptr;
+    NimBool bOpened = FALSE;
+    void* hFile = FILE_NONE;
+    if (ppBlck && !StrIsEmpty(path) && FileSysOpen(&hFile, path, OPEN_MODE)) {
+        HeldObject<BlckControl> control(ReadControl(hFile));
+        bOpened = control ? TRUE : FALSE;
+        if (bOpened)
+            *ppBlck = ObjIncRefCount(control.get());
+        else
+            FileSysClose(&hFile);
+    }
+    BLCK_TRACE(
+        OPENED, "%s = BlckFileOpen(%p, %s)", Truth(bOpened), static_cast<void*>(ppBlck), path);
+    return bOpened;
+}
+
+namespace {
+
+// Takes the head off the free chain. A link that cannot be read ends the chain: kept as the head,
+// the block would be handed out twice.
+int32_t PopFreeBlock(BlckControl* pControl)
+{
+    const auto tId = static_cast<int32_t>(pControl->tFreeChain);
+    uint8_t link[LINK_SIZE] = {};
+    uint32_t moved = 0;
+    const bool bRead = FileSysSeek(pControl->hFile, OffsetOf(tId)) &&
+                       FileSysRead(&moved, pControl->hFile, link, LINK_SIZE) && moved == LINK_SIZE;
+    pControl->tFreeChain = bRead ? GetU32(link) : BLCK_NO_BLOCK;
+    // A block that names itself as the next one would be handed out twice, too.
+    if (pControl->tFreeChain == static_cast<uint32_t>(tId))
+        pControl->tFreeChain = BLCK_NO_BLOCK;
+    pControl->bModified = TRUE;
+    return tId;
+}
+
+// The next id never used, with its space in the file.
+int32_t ExtendFile(BlckControl* pControl, bool* pReserved)
+{
+    const int32_t tId = pControl->blockCount;
+    pControl->blockCount = static_cast<int32_t>(static_cast<uint32_t>(tId) + 1);
+    pControl->bModified = TRUE;
+    BLCK_TRACE(DETAIL, "Allocate new block %ld", tId);
+    *pReserved = tId >= 0 && FileSysReserve(pControl->hFile, OffsetOf(tId), BLCK_BLOCK_SIZE);
+    if (!*pReserved)
+        BLCK_TRACE(ALWAYS, "No room in the file for block %ld", tId);
+    return tId;
+}
+
+} // namespace
+
+int32_t BlckNewBlock(void** ppData, void* oBlck)
+{
+    BLCK_TRACE(DETAIL, "BlckNewBlock(%p, %p)", static_cast<void*>(ppData), oBlck);
+    if (ppData)
+        *ppData = nullptr;
+    int32_t tId = -1;
+    if (BlckControl* pControl = AsControl(oBlck)) {
+        bool bReserved = true;
+        if (pControl->tFreeChain != BLCK_NO_BLOCK)
+            tId = PopFreeBlock(pControl);
+        else
+            tId = ExtendFile(pControl, &bReserved);
+        BLCK_TRACE(DETAIL, "tFreeChain %ld", pControl->tFreeChain);
+        void* pData = nullptr;
+        if (bReserved && BlckGetBlock(&pData, oBlck, tId))
+            memset(pData, 0, BLCK_BLOCK_SIZE);
+        if (ppData)
+            *ppData = pData;
+    }
+    BLCK_TRACE(DETAIL, "%ld = BlckNewBlock(%p, %p)", tId, static_cast<void*>(ppData), oBlck);
+    return tId;
+}
+
+int32_t BlckNewUnusedBlock(void** ppData, void* oBlck)
+{
+    if (BlckControl* pControl = AsControl(oBlck); pControl && pControl->tFreeChain != BLCK_NO_BLOCK) {
+        HeldObject<BlckBlock> inUse;
+        if (ObjMapFind(inUse.OutVoid(), pControl->oMap, &pControl->tFreeChain)) {
+            BLCK_TRACE(
+                ALWAYS, "Free chain leads to block %ld, which is in use: the chain is given up",
+                pControl->tFreeChain);
+            pControl->tFreeChain = BLCK_NO_BLOCK;
+            pControl->bModified = TRUE;
+        }
+    }
+    return BlckNewBlock(ppData, oBlck);
+}
+
+uint32_t BlckSize(const void*) { return BLCK_BLOCK_SIZE; }
+
+void* BlckUserData(void* oBlck)
+{
+    BlckControl* pControl = AsControl(oBlck);
+    return pControl ? pControl->userData : nullptr;
+}
+
+uint32_t BlckUserDataLength(const void* oBlck) { return AsControl(oBlck) ? BLCK_USER_DATA_SIZE : 0; }
+
+void BlckUserDataModified(void* oBlck)
+{
+    if (BlckControl* pControl = AsControl(oBlck)) {
+        BLCK_TRACE(DETAIL, "Mark user data modified");
+        pControl->bModified = TRUE;
+    }
+}
+
+uint32_t BlckBlockLimit(const void* oBlck)
+{
+    const BlckControl* pControl = AsControl(oBlck);
+    if (!pControl || pControl->blockCount <= 0)
+        return 0;
+    int64_t length = 0;
+    FileSysGetLength(&length, pControl->hFile);
+    const int64_t inFile = (length + BLCK_BLOCK_SIZE - 1) / BLCK_BLOCK_SIZE;
+    const int64_t atMost = inFile + ObjMapCount(pControl->oMap);
+    return static_cast<uint32_t>(std::min<int64_t>(pControl->blockCount, atMost));
+}
+
+void BlckFlushControlBlock(BlckControl* pControl)
+{
+    if (!pControl->bModified)
+        return;
+    uint32_t moved = 0;
+    if (pControl->hFile == FILE_NONE) {
+        BLCK_TRACE(ALWAYS, "Modified control block has no handle");
+    } else if (!FileSysSeekStart(pControl->hFile)) {
+        BLCK_TRACE(ALWAYS, "Failed to seek to begining of file");
+    } else if (!FileSysWrite(&moved, pControl->hFile, pControl, BLCK_CONTROL_SIZE)) {
+        BLCK_TRACE(ALWAYS, "Failed to write control block to file");
+    } else {
+        pControl->bModified = FALSE; // after the write: the image on disk carries 1
+        return;
+    }
+    HeldMemory<char> dump;
+    TraceDumpToString(dump.Out(), 0);
+    LogMessageWithContext(
+        LOG_CONTROL_FLUSH, LOG_CLASS, 0, dump.get(), "Failed to flush a database control block");
+}
+
+namespace {
+
+// The checks of BlckGetBlock, in the order in which they are answered.
+bool CanGetBlock(void** ppData, void* oBlck, int32_t tId)
+{
+    const BlckControl* pControl = AsControl(oBlck);
+    if (!ppData)
+        BLCK_TRACE(ALWAYS, "Invalid ppData at %p", static_cast<void*>(ppData));
+    else if (!pControl)
+        BLCK_TRACE(ALWAYS, "Invalid oBlck at %p", oBlck);
+    else if (tId < 0)
+        BLCK_TRACE(ALWAYS, "Invalid tId %ld", tId);
+    else if (tId >= pControl->blockCount)
+        BLCK_TRACE(ALWAYS, "Unallocated tId %ld", tId);
+    else
+        return true;
+    return false;
+}
+
+// Reads a block into a new block object and puts it into the map, which then holds it.
+bool LoadBlock(void** ppData, BlckControl* pControl, int32_t tId)
+{
+    const int64_t offset = OffsetOf(tId);
+    BLCK_TRACE(DETAIL, "Seek to read position %ld", static_cast<uint32_t>(offset));
+    if (!FileSysSeek(pControl->hFile, offset))
+        return false;
+    HeldObject<BlckBlock> block;
+    if (!ObjTemplateCreateInstanceUncleared(block.OutVoid(), BlockTemplate(), Pool()))
+        return false;
+    block->pOwner = pControl;
+    block->tId = tId;
+    uint32_t count = 0;
+    if (!FileSysRead(&count, pControl->hFile, block->data, BLCK_BLOCK_SIZE))
+        return false;
+    if (count < BLCK_BLOCK_SIZE)
+        memset(block->data + count, 0, BLCK_BLOCK_SIZE - count);
+    BLCK_TRACE(DETAIL, "Insert into map");
+    if (!ObjMapInsert(pControl->oMap, block.get()))
+        return false;
+    *ppData = block->data;
+    return true;
+}
+
+} // namespace
+
+NimBool BlckGetBlock(void** ppData, void* oBlck, int32_t tId)
+{
+    BLCK_TRACE(
+        DETAIL, "BlckGetBlock(%p, 0x%p, %ld)", static_cast<void*>(ppData), oBlck, tId);
+    NimBool bGot = FALSE;
+    if (CanGetBlock(ppData, oBlck, tId)) {
+        BlckControl* pControl = AsControl(oBlck);
+        HeldObject<BlckBlock> block;
+        if (ObjMapFind(block.OutVoid(), pControl->oMap, &tId)) {
+            BLCK_TRACE(DETAIL, "Block already in memory");
+            BLCK_TRACE(
+                DETAIL, "Block %ld (%ld) at %p", tId, block->tId,
+                static_cast<void*>(block->data));
+            *ppData = block->data;
+            bGot = TRUE;
+        } else {
+            bGot = LoadBlock(ppData, pControl, tId) ? TRUE : FALSE;
+        }
+    }
+    BLCK_TRACE(
+        DETAIL, "%s = BlckGetBlock(%p, %p, %ld) %p", Truth(bGot), static_cast<void*>(ppData), oBlck,
+        tId, ppData ? *ppData : nullptr);
+    return bGot;
+}
+
+namespace {
+
+// The block to be marked, or null with the trace that says what is wrong.
+BlckBlock* BlockToMark(void* pData, void* oBlck)
+{
+    BlckBlock* pBlock = nullptr;
+    if (!AsControl(oBlck))
+        BLCK_TRACE(ALWAYS, "Invalid oBlck at %p", oBlck);
+    else if (!pData)
+        BLCK_TRACE(ALWAYS, "Invalid pData at %p", pData);
+    else if (pBlock = AsBlock(pData); !pBlock)
+        BLCK_TRACE(ALWAYS, "Invalid oBlock at %p", static_cast<void*>(BlockOf(pData)));
+    return pBlock;
+}
+
+} // namespace
+
+NimBool BlckModifiedBlock(void* pData, void* oBlck)
+{
+    BlckBlock* pBlock = BlockToMark(pData, oBlck);
+    if (pBlock) {
+        BLCK_TRACE(
+            DETAIL, "Block %ld ref count %ld Modified", pBlock->tId, OBJ_HEADER(pBlock)->refCount);
+        pBlock->bModified = TRUE;
+    }
+    const NimBool bMarked = pBlock ? TRUE : FALSE;
+    BLCK_TRACE(DETAIL, "%s = BlckModifiedBlock(%p, %p)", Truth(bMarked), pData, oBlck);
+    return bMarked;
+}
+
+NimBool BlckDiscardBlock(void* pData, void* oBlck)
+{
+    BlckBlock* pBlock = BlockToMark(pData, oBlck);
+    if (pBlock)
+        pBlock->bDiscarded = TRUE;
+    return pBlock ? TRUE : FALSE;
+}
+
+NimBool BlckFlushBlock(void* oBlck, void* pData)
+{
+    BlckControl* pControl = AsControl(oBlck);
+    if (!pControl) {
+        BLCK_TRACE(ALWAYS, "Invalid oBlck at %p", oBlck);
+        return FALSE;
+    }
+    BlckBlock* pBlock = AsBlock(pData);
+    if (!pBlock)
+        return FALSE;
+    if (WriteBlock(pControl, pBlock)) {
+        pBlock->bModified = FALSE;
+        return TRUE;
+    }
+    BLCK_TRACE(ALWAYS, "Failed to flush database block");
+    LogMessage(LOG_BLOCK_FLUSH, LOG_CLASS, 0, "Failed to flush database block");
+    return FALSE;
+}
+
+int32_t BlckId(const void* pData)
+{
+    const BlckBlock* pBlock = AsBlock(pData);
+    if (!pBlock) {
+        BLCK_TRACE(ALWAYS, "Invalid BlckBlock at %p", const_cast<void*>(pData));
+        return -1;
+    }
+    return pBlock->tId;
+}
+
+void BlckReleaseAll(void* oBlck)
+{
+    if (BlckControl* pControl = AsControl(oBlck)) {
+        ObjMapReleaseEntries(pControl->oMap);
+        BlckFlushControlBlock(pControl);
+    }
+}
+
+namespace {
+
+NimBool BlckForgetBlock(void*, void* oBlock)
+{
+    auto* pBlock = static_cast<BlckBlock*>(oBlock);
+    pBlock->bModified = FALSE;
+    pBlock->bDiscarded = FALSE;
+    return TRUE;
+}
+
+} // namespace
+
+void BlckBackoutAll(void* oBlck)
+{
+    if (BlckControl* pControl = AsControl(oBlck)) {
+        ObjMapWalk(pControl->oMap, BlckForgetBlock, nullptr);
+        ObjMapReleaseEntries(pControl->oMap);
+    }
+}

@@ -1,1 +1,360 @@
-// index/cursor.cpp
+// cursor.cpp: positions in an index and their moves.
+//
+// A cursor stands before the first key, behind the last, or on a key, of which it keeps a copy.
+// Every key that enters or leaves the index makes the cursors on it untrusted; an untrusted cursor
+// finds its place again from its copy before it moves. A cursor that holds no copy has nothing to
+// search with and is treated as one on an empty index.
+//
+// A node that cannot be had ends a move as if there were no key in that direction, with last error
+// 13 and a failure trace.
+
+#include "../scope.h"
+#include "node.h"
+
+void IndxReportDamage(IndxCursor* pCursor, uint32_t tNode)
+{
+    const IndxField* pField = pCursor->oField;
+    INDX_TRACE_ERROR(
+        INDX_ALWAYS, "Cannot use node %ld of field '%s' of table '%s'", tNode, pField->name,
+        pField->oTable ? pField->oTable->name : nullptr);
+    IndxSetError(INDX_ERROR_READ);
+}
+
+uint8_t* IndxGetNeighbour(IndxCursor* pCursor, uint32_t tFrom, uint32_t tTo, uint32_t link)
+{
+    const uint32_t back = link == INDX_NODE_NEXT ? INDX_NODE_PREVIOUS : INDX_NODE_NEXT;
+    uint8_t* pNode = nullptr;
+    IndxGetNode(&pNode, pCursor, tTo);
+    if (pNode && NodeIsLeaf(pNode) && NodeWord(pNode, back) == tFrom && NodeCount(pNode) > 0)
+        return pNode;
+    IndxReportDamage(pCursor, tTo);
+    return nullptr;
+}
+
+namespace {
+
+// Ends a move without a key in that direction.
+int32_t NoKey(IndxCursor* pCursor, int32_t status)
+{
+    pCursor->result = INDX_RESULT_NO_KEY;
+    IndxUpdateCursor(pCursor, nullptr, status);
+    return pCursor->result;
+}
+
+// Puts the cursor on an entry of a leaf that is at hand. A copy that cannot be made ends the move.
+void Land(IndxCursor* pCursor, uint8_t** ppLeaf, int32_t position, int32_t statusOnFailure)
+{
+    pCursor->tNode = static_cast<uint32_t>(BlckId(*ppLeaf));
+    pCursor->position = position;
+    const int32_t result = pCursor->result;
+    IndxUpdateCursor(pCursor, *ppLeaf, INDX_ON_KEY);
+    IndxReleaseNode(ppLeaf, pCursor, FALSE);
+    const bool bWanted = result == INDX_RESULT_FOUND || result == INDX_RESULT_NOT_FOUND;
+    if (bWanted && !pCursor->oKey)
+        NoKey(pCursor, statusOnFailure);
+}
+
+// The outermost leaf in a direction, checked to be one; null: damage, already reported.
+uint8_t* GetEndLeaf(IndxCursor* pCursor, uint32_t tLeaf)
+{
+    uint8_t* pLeaf = nullptr;
+    IndxGetNode(&pLeaf, pCursor, tLeaf);
+    if (pLeaf && NodeIsLeaf(pLeaf))
+        return pLeaf;
+    IndxReportDamage(pCursor, tLeaf);
+    return nullptr;
+}
+
+// To the first key, or with code 8 to the end.
+int32_t GoFirst(IndxCursor* pCursor)
+{
+    const uint32_t tLeaf = pCursor->oField->roots.tFirstLeaf;
+    uint8_t* pLeaf = tLeaf == INDX_NO_NODE ? nullptr : GetEndLeaf(pCursor, tLeaf);
+    if (!pLeaf || NodeCount(pLeaf) == 0)
+        return NoKey(pCursor, INDX_AT_END);
+    pCursor->result = INDX_RESULT_FOUND;
+    Land(pCursor, &pLeaf, 0, INDX_AT_END);
+    return pCursor->result;
+}
+
+// To the last key, or with code 8 to the beginning.
+int32_t GoLast(IndxCursor* pCursor)
+{
+    const uint32_t tLeaf = pCursor->oField->roots.tLastLeaf;
+    uint8_t* pLeaf = tLeaf == INDX_NO_NODE ? nullptr : GetEndLeaf(pCursor, tLeaf);
+    if (!pLeaf || NodeCount(pLeaf) == 0)
+        return NoKey(pCursor, INDX_AT_BEGINNING);
+    pCursor->result = INDX_RESULT_FOUND;
+    Land(pCursor, &pLeaf, NodeCount(pLeaf) - 1, INDX_AT_BEGINNING);
+    return pCursor->result;
+}
+
+// The leaf a cursor stands on; null: damage, already reported.
+uint8_t* GetOwnLeaf(IndxCursor* pCursor) { return GetEndLeaf(pCursor, pCursor->tNode); }
+
+// One entry on from a key. The result code stays what the operation before left.
+void StepForward(IndxCursor* pCursor)
+{
+    uint8_t* pLeaf = GetOwnLeaf(pCursor);
+    if (!pLeaf) {
+        NoKey(pCursor, INDX_AT_END);
+        return;
+    }
+    INDX_TRACE(
+        INDX_DETAIL, "at %ld:%ld, %ld keys in node", pCursor->tNode, pCursor->position,
+        NodeCount(pLeaf));
+    int32_t position = pCursor->position + 1;
+    if (position >= NodeCount(pLeaf)) {
+        const uint32_t tNext = NodeWord(pLeaf, INDX_NODE_NEXT);
+        IndxReleaseNode(&pLeaf, pCursor, FALSE);
+        if (tNext != INDX_NO_NODE)
+            pLeaf = IndxGetNeighbour(pCursor, pCursor->tNode, tNext, INDX_NODE_NEXT);
+        position = 0;
+    }
+    if (pLeaf)
+        Land(pCursor, &pLeaf, position, INDX_AT_END);
+    else
+        NoKey(pCursor, INDX_AT_END);
+}
+
+void StepBack(IndxCursor* pCursor)
+{
+    uint8_t* pLeaf = GetOwnLeaf(pCursor);
+    if (!pLeaf) {
+        NoKey(pCursor, INDX_AT_BEGINNING);
+        return;
+    }
+    int32_t position = pCursor->position - 1;
+    if (position < 0) {
+        const uint32_t tPrevious = NodeWord(pLeaf, INDX_NODE_PREVIOUS);
+        IndxReleaseNode(&pLeaf, pCursor, FALSE);
+        if (tPrevious != INDX_NO_NODE)
+            pLeaf = IndxGetNeighbour(pCursor, pCursor->tNode, tPrevious, INDX_NODE_PREVIOUS);
+        position = pLeaf ? NodeCount(pLeaf) - 1 : 0;
+    }
+    if (pLeaf)
+        Land(pCursor, &pLeaf, position, INDX_AT_BEGINNING);
+    else
+        NoKey(pCursor, INDX_AT_BEGINNING);
+}
+
+// The key after the cursor's place, by its status.
+void MoveForward(IndxCursor* pCursor)
+{
+    switch (pCursor->status) {
+    case INDX_AT_BEGINNING:
+        INDX_TRACE(INDX_DETAIL, "Cursor is at beginning of index");
+        if (pCursor->oField->roots.tFirstLeaf != INDX_NO_NODE)
+            INDX_TRACE(INDX_DETAIL, "Block is apparently valid");
+        GoFirst(pCursor);
+        break;
+    case INDX_AT_END:
+        NoKey(pCursor, INDX_AT_END);
+        break;
+    case INDX_ON_KEY:
+        StepForward(pCursor);
+        break;
+    default:
+        pCursor->result = INDX_RESULT_STATUS;
+        break;
+    }
+}
+
+enum class Refound { Exactly, Missed, Damaged };
+
+// Finds an untrusted cursor's place again. Without keys in the index or a copy to search with it
+// goes to `statusIfEmpty`, its result code untouched.
+Refound FindAgain(IndxCursor* pCursor, int32_t statusIfEmpty)
+{
+    if (pCursor->oField->roots.tRoot == INDX_NO_NODE || !pCursor->oKey) {
+        IndxUpdateCursor(pCursor, nullptr, statusIfEmpty);
+        return Refound::Missed;
+    }
+    // The find lets go of the saved key.
+    const HeldObject<IndxKeyInfo> key(
+        static_cast<IndxKeyInfo*>(ObjIncRefCount(pCursor->oKey)));
+    bool bDamaged = !key;
+    const NimBool bFound = key ? IndxFind(pCursor, key.get(), &bDamaged) : FALSE;
+    if (bDamaged)
+        return Refound::Damaged;
+    return bFound ? Refound::Exactly : Refound::Missed;
+}
+
+void TraceStatus(const IndxCursor* pCursor)
+{
+    INDX_TRACE(
+        INDX_DETAIL, "Cursor status %ld at %ld:%ld", pCursor->status, pCursor->tNode,
+        pCursor->position);
+}
+
+// A cursor that ended without a key must not say that it found one.
+int32_t ResultOfKey(IndxCursor* pCursor)
+{
+    if (pCursor->result == INDX_RESULT_FOUND && !pCursor->oKey)
+        pCursor->result = INDX_RESULT_NOT_FOUND;
+    return pCursor->result;
+}
+
+} // namespace
+
+int32_t IndxNextKey(void* oCursor)
+{
+    INDX_TRACE(INDX_DETAIL, "IndxNextKey(0x%p)", oCursor);
+    IndxCursor* pCursor = IndxAsCursor(oCursor);
+    if (!pCursor)
+        return INDX_RESULT_CURSOR;
+    TraceStatus(pCursor);
+    bool bOnNext = false;
+    if (pCursor->status == INDX_UNTRUSTED) {
+        const Refound refound = FindAgain(pCursor, INDX_AT_END);
+        // The saved key has gone: the find already stands on the key behind it.
+        bOnNext = refound == Refound::Missed && pCursor->status != INDX_AT_END;
+        if (bOnNext) {
+            pCursor->status = INDX_ON_KEY;
+            pCursor->result = INDX_RESULT_FOUND;
+            INDX_TRACE(INDX_DETAIL, "Cursor was Untrusted, bFound = %s", "TRUE");
+            if (!pCursor->oKey)
+                NoKey(pCursor, INDX_AT_END);
+        }
+    }
+    if (!bOnNext)
+        MoveForward(pCursor);
+    INDX_TRACE(INDX_DETAIL, "%d = IndxNextKey", pCursor->result);
+    return pCursor->result;
+}
+
+int32_t IndxNextMatchingKey(void* oCursor)
+{
+    INDX_TRACE(INDX_DETAIL, "IndxNextMatchingKey(0x%p)", oCursor);
+    IndxCursor* pCursor = IndxAsCursor(oCursor);
+    if (!pCursor)
+        return INDX_RESULT_CURSOR;
+    // Nothing can match the key of a unique index, nor no key at all.
+    if (pCursor->oField->bUnique || !pCursor->oKey) {
+        pCursor->result = INDX_RESULT_NOT_FOUND;
+        return pCursor->result;
+    }
+    const HeldObject<> value(ObjIncRefCount(pCursor->oKey->oValue));
+    TraceStatus(pCursor);
+    Refound refound = Refound::Exactly;
+    if (pCursor->status == INDX_UNTRUSTED)
+        refound = FindAgain(pCursor, INDX_AT_END);
+    if (refound == Refound::Exactly) {
+        MoveForward(pCursor);
+    } else if (refound == Refound::Missed) {
+        INDX_TRACE(INDX_DETAIL, "Cursor was Untrusted, bFound = %s", "TRUE");
+        pCursor->result = INDX_RESULT_FOUND;
+    } else {
+        NoKey(pCursor, INDX_AT_END);
+    }
+    if (ResultOfKey(pCursor) != INDX_RESULT_FOUND)
+        return pCursor->result;
+    const int32_t keyType = pCursor->oField->keyType;
+    if (keyType == INDX_KEY_RECORD_ID || keyType == INDX_KEY_FORBIDDEN) {
+        INDX_TRACE(INDX_ALWAYS, "Unexpected key type");
+        ProcCrash(0);
+        pCursor->result = INDX_RESULT_NOT_FOUND;
+    } else if (!IndxSameValue(keyType, pCursor->oKey->oValue, value.get())) {
+        pCursor->result = INDX_RESULT_NOT_FOUND;
+    }
+    return pCursor->result;
+}
+
+int32_t IndxPreviousKey(void* oCursor)
+{
+    INDX_TRACE(INDX_DETAIL, "IndxPreviousKey(%p)", oCursor);
+    IndxCursor* pCursor = IndxAsCursor(oCursor);
+    if (!pCursor)
+        return INDX_RESULT_CURSOR;
+    // Whatever the find's outcome, the step follows: a cursor whose key has gone stands on the key
+    // behind it, or at the end, and ends on the key before it.
+    if (pCursor->status == INDX_UNTRUSTED &&
+        FindAgain(pCursor, INDX_AT_BEGINNING) == Refound::Damaged)
+        return NoKey(pCursor, INDX_AT_BEGINNING);
+    switch (pCursor->status) {
+    case INDX_AT_BEGINNING:
+        return NoKey(pCursor, INDX_AT_BEGINNING);
+    case INDX_AT_END:
+        return GoLast(pCursor);
+    case INDX_ON_KEY:
+        // A find that missed left 7, but the key before is a key all the same.
+        StepBack(pCursor);
+        break;
+    default:
+        pCursor->result = INDX_RESULT_STATUS;
+        break;
+    }
+    return pCursor->result;
+}
+
+int32_t IndxFirstKey(void* oCursor)
+{
+    INDX_TRACE(INDX_DETAIL, "IndxFirstKey()");
+    IndxCursor* pCursor = IndxAsCursor(oCursor);
+    return pCursor ? GoFirst(pCursor) : static_cast<int32_t>(INDX_RESULT_CURSOR);
+}
+
+int32_t IndxLastKey(void* oCursor)
+{
+    INDX_TRACE(INDX_DETAIL, "IndxLastKey()");
+    IndxCursor* pCursor = IndxAsCursor(oCursor);
+    return pCursor ? GoLast(pCursor) : static_cast<int32_t>(INDX_RESULT_CURSOR);
+}
+
+int32_t IndxCurrentKey(void* oCursor)
+{
+    INDX_TRACE(INDX_DETAIL, "IndxCurrentKey()");
+    IndxCursor* pCursor = IndxAsCursor(oCursor);
+    if (!pCursor)
+        return INDX_RESULT_CURSOR;
+    if (pCursor->status != INDX_UNTRUSTED)
+        return pCursor->result;
+    FindAgain(pCursor, INDX_AT_END);
+    return ResultOfKey(pCursor);
+}
+
+NimBool IndxCursorBOI(void* oCursor)
+{
+    INDX_TRACE(INDX_DETAIL, "IndxCursorBOI(%p)", oCursor);
+    IndxCursor* pCursor = IndxAsCursor(oCursor);
+    if (!pCursor)
+        return FALSE;
+    NoKey(pCursor, INDX_AT_BEGINNING);
+    return TRUE;
+}
+
+NimBool IndxCursorEOI(void* oCursor)
+{
+    INDX_TRACE(INDX_DETAIL, "IndxCursorEOI(%p)", oCursor);
+    IndxCursor* pCursor = IndxAsCursor(oCursor);
+    if (!pCursor)
+        return FALSE;
+    NoKey(pCursor, INDX_AT_END);
+    return TRUE;
+}
+
+uint32_t IndxCursorGetId(uint32_t* pId, void* oCursor)
+{
+    const IndxCursor* pCursor = IndxAsCursor(oCursor);
+    if (pId && pCursor && pCursor->oKey)
+        *pId = pCursor->oKey->recordId;
+    return 0;
+}
+
+namespace {
+
+NimBool MakeUntrusted(void*, void* oCursor)
+{
+    auto* pCursor = static_cast<IndxCursor*>(oCursor);
+    if (pCursor->status == INDX_ON_KEY)
+        pCursor->status = INDX_UNTRUSTED;
+    return TRUE;
+}
+
+} // namespace
+
+void IndxInvalidateCursors(IndxCursor* pCursor)
+{
+    INDX_TRACE(INDX_DETAIL, "IndxInvalidateCursors(%p)", static_cast<void*>(pCursor));
+    ListWalk(pCursor->oField->oCursors, MakeUntrusted, nullptr);
+}

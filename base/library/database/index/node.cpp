@@ -1,1 +1,360 @@
-// index/node.cpp
+// node.cpp: one block as a node: header, entries, heap. Getting, making, releasing and discarding
+// nodes, the room left in them, putting, moving and removing entries; and storing the table's
+// description when an operation ends.
+//
+// Invariants of a node: at most 681 entries; every heap offset is the sum of the lengths up to its
+// entry; entries and heap do not touch. IndxGetNode checks what can be checked in constant time
+// when a node is fetched; what an entry says is checked where it is followed.
+
+#include "node.h"
+
+#include <cassert>
+
+#include "../block_internal.h"
+#include "../scope.h"
+
+namespace {
+
+constexpr uint32_t LOG_CLASS = 96;
+constexpr uint32_t LOG_UPDATE_TABLE = 1301;
+
+IndxTable* TableOf(const IndxCursor* pCursor)
+{
+    return pCursor->oField ? pCursor->oField->oTable : nullptr;
+}
+
+void* BlckOf(const IndxCursor* pCursor)
+{
+    const IndxTable* pTable = TableOf(pCursor);
+    return pTable ? pTable->oBlck : nullptr;
+}
+
+uint32_t HeapFlag(const IndxCursor* pCursor)
+{
+    return pCursor->oField->keyType & INDX_KEY_HEAP_BIT ? 1 : 0;
+}
+
+// In memory a node carries the address of its end.
+void SetNodeEnd(uint8_t* pNode)
+{
+    PutU64(pNode + INDX_NODE_END, reinterpret_cast<uintptr_t>(pNode + BlckSize(nullptr)));
+}
+
+// Heap bytes in use: the last entry's heap offset.
+uint32_t HeapUsed(const uint8_t* pNode) { return IndxHeapBefore(pNode, NodeCount(pNode)); }
+
+// What can be told about a node at once, whoever wrote its bytes.
+bool NodeIsSound(const uint8_t* pNode, uint32_t heapFlag)
+{
+    const int32_t count = NodeCount(pNode);
+    if (count < 0 || count > INDX_NODE_MAX_ENTRIES || NodeWord(pNode, INDX_NODE_LEAF) > 1 ||
+        NodeWord(pNode, INDX_NODE_HEAP) != heapFlag)
+        return false;
+    const uint32_t entries = INDX_ENTRY_SIZE * static_cast<uint32_t>(count);
+    return HeapUsed(pNode) <= INDX_NODE_ROOM - entries;
+}
+
+} // namespace
+
+NimBool IndxIndexOpen(void** ppBlck, IndxTable* pTable, const char* name)
+{
+    const char* directory = pTable && pTable->oDatabase ? pTable->oDatabase->indexesPath : nullptr;
+    HeldMemory<char> path(PathBuild(directory, name, 0));
+    if (!BlckFileOpen(ppBlck, path.get())) {
+        INDX_TRACE(
+            INDX_ALWAYS, "Failed to open blck file when opening indx '%s'", path.get());
+    }
+    // TRUE whether or not the file opened: callers learn of a failure from the null handle.
+    INDX_TRACE(
+        INDX_DETAIL, "%s = IndxIndexOpen(%p, %p, %s)", "TRUE", static_cast<void*>(ppBlck),
+        static_cast<void*>(pTable), name);
+    return TRUE;
+}
+
+void IndxGetNode(uint8_t** ppNode, IndxCursor* pCursor, uint32_t tId)
+{
+    INDX_TRACE(
+        INDX_DETAIL, "IndxGetNode(%p, %p, %ld)", static_cast<void*>(ppNode),
+        static_cast<void*>(pCursor), tId);
+    *ppNode = nullptr;
+    void* pData = nullptr;
+    if (!BlckGetBlock(&pData, BlckOf(pCursor), static_cast<int32_t>(tId)))
+        return;
+    auto* pNode = static_cast<uint8_t*>(pData);
+    if (!NodeIsSound(pNode, HeapFlag(pCursor))) {
+        INDX_TRACE(
+            INDX_ALWAYS, "Node %ld of field '%s' of table '%s' is damaged", tId,
+            pCursor->oField->name, TableOf(pCursor)->name);
+        return;
+    }
+    SetNodeEnd(pNode);
+    *ppNode = pNode;
+}
+
+int32_t IndxNewNode(uint8_t** ppNode, IndxCursor* pCursor)
+{
+    INDX_TRACE(
+        INDX_DETAIL, "IndxNewNode(%p, %p)", static_cast<void*>(ppNode),
+        static_cast<void*>(pCursor));
+    *ppNode = nullptr;
+    void* oBlck = BlckOf(pCursor);
+    void* pData = nullptr;
+    const int32_t tId = BlckNewUnusedBlock(&pData, oBlck);
+    // An id whose block cannot be had (disk full, read failure) is no node.
+    if (tId == -1 || !pData)
+        return -1;
+    auto* pNode = static_cast<uint8_t*>(pData);
+    SetNodeWord(pNode, INDX_NODE_PARENT, INDX_NO_NODE);
+    SetNodeWord(pNode, INDX_NODE_NEXT, INDX_NO_NODE);
+    SetNodeWord(pNode, INDX_NODE_PREVIOUS, INDX_NO_NODE);
+    SetNodeWord(pNode, INDX_NODE_HEAP, HeapFlag(pCursor));
+    SetNodeEnd(pNode);
+    BlckModifiedBlock(pNode, oBlck);
+    *ppNode = pNode;
+    return tId;
+}
+
+void IndxReleaseNode(uint8_t** ppNode, IndxCursor* pCursor, NimBool bModified)
+{
+    INDX_TRACE(
+        INDX_DETAIL, "IndxReleaseNode(%p, %p, %s)", static_cast<void*>(ppNode),
+        static_cast<void*>(pCursor), IndxTruth(bModified));
+    if (bModified && *ppNode) {
+        assert(NodeIsSound(*ppNode, HeapFlag(pCursor)));
+        BlckModifiedBlock(*ppNode, BlckOf(pCursor));
+    }
+    *ppNode = nullptr;
+}
+
+void IndxDiscardNode(uint8_t** ppNode, IndxCursor* pCursor)
+{
+    INDX_TRACE(
+        INDX_DETAIL, "IndxDiscardNode(%p, %p)", static_cast<void*>(ppNode),
+        static_cast<void*>(pCursor));
+    BlckDiscardBlock(*ppNode, BlckOf(pCursor));
+}
+
+void IndxSetTableModified(IndxCursor* pCursor) { TableOf(pCursor)->bChanged = TRUE; }
+
+namespace {
+
+// Serialises the table into its block file's user data. The size is compared all the same: it does
+// not grow with the values it holds, but a write behind the control block could not be mended.
+bool StoreDescription(IndxTable* pTable)
+{
+    void* pUserData = BlckUserData(pTable->oBlck);
+    uint32_t size = 0;
+    return pUserData && ObjSerializedSize(pTable) <= BlckUserDataLength(pTable->oBlck) &&
+           ObjSerializeToMemory(pTable, pUserData, &size);
+}
+
+} // namespace
+
+NimBool IndxUpdateTable(void* oTable)
+{
+    INDX_TRACE(INDX_DETAIL, "IndxUpdateTable(%p)", oTable);
+    IndxTable* pTable = IndxAsTable(oTable);
+    if (!pTable)
+        return FALSE;
+    NimBool bStored = TRUE;
+    if (pTable->bChanged) {
+        // Cleared first, so that the description on disk says unchanged, and left clear on failure.
+        pTable->bChanged = FALSE;
+        if (StoreDescription(pTable)) {
+            BlckUserDataModified(pTable->oBlck);
+        } else {
+            INDX_TRACE_ERROR(INDX_ALWAYS, "Failed to update table");
+            LogMessage(
+                LOG_UPDATE_TABLE, LOG_CLASS, 0, "Failed to update table '%s'", pTable->name);
+            bStored = FALSE;
+        }
+    }
+    BlckReleaseAll(pTable->oBlck);
+    IndxCommitRoots(pTable);
+    return bStored;
+}
+
+uint32_t IndxHeapBefore(const uint8_t* pNode, int32_t position)
+{
+    return NodeHasHeap(pNode) && position > 0 ? EntryHeapOffset(NodeEntry(pNode, position - 1)) : 0;
+}
+
+uint32_t IndxFreeSpace(const uint8_t* pNode)
+{
+    const uint32_t used =
+        INDX_ENTRY_SIZE * static_cast<uint32_t>(NodeCount(pNode)) + HeapUsed(pNode);
+    assert(used <= INDX_NODE_ROOM);
+    return INDX_NODE_ROOM - used;
+}
+
+bool IndxHasRoom(const uint8_t* pNode, uint32_t keyLength)
+{
+    return static_cast<uint64_t>(IndxFreeSpace(pNode)) >=
+           static_cast<uint64_t>(keyLength) + INDX_ENTRY_SIZE;
+}
+
+namespace {
+
+// Whether the heap offsets of a run of entries are the running sums of their lengths, from the
+// entry before it on, inside the heap. Only such a run can be moved without leaving the node.
+bool RunIsSound(const uint8_t* pNode, int32_t position, int32_t count)
+{
+    uint64_t sum = IndxHeapBefore(pNode, position);
+    const uint32_t used = HeapUsed(pNode);
+    for (int32_t i = position; i < position + count; ++i) {
+        const uint8_t* pEntry = NodeEntry(pNode, i);
+        sum += EntryLength(pEntry);
+        if (sum != EntryHeapOffset(pEntry) || sum > used)
+            return false;
+    }
+    return true;
+}
+
+// Makes a node the parent of one of its children.
+NimBool SetParent(IndxCursor* pCursor, uint32_t tChild, uint32_t tParent)
+{
+    uint8_t* pChild = nullptr;
+    IndxGetNode(&pChild, pCursor, tChild);
+    if (!pChild)
+        return FALSE;
+    SetNodeWord(pChild, INDX_NODE_PARENT, tParent);
+    IndxReleaseNode(&pChild, pCursor, TRUE);
+    return TRUE;
+}
+
+// Moves entries whose values lie in the heap: the entries, their heap offsets, the heap bytes.
+void MoveWithHeap(
+    uint8_t* pDest, int32_t destPosition, const uint8_t* pSource, int32_t sourcePosition,
+    int32_t count, int32_t lOffsetCorrection)
+{
+    const auto correction = static_cast<int32_t>(
+        static_cast<uint32_t>(lOffsetCorrection) - IndxHeapBefore(pSource, sourcePosition));
+    INDX_TRACE(INDX_DETAIL, "lOffsetCorrection = %ld", correction);
+    const uint32_t lowest =
+        EntryHeapOffset(NodeEntry(pSource, sourcePosition + count - 1));
+    uint8_t* pSlots = NodeEntry(pDest, destPosition);
+    const uint32_t size = INDX_ENTRY_SIZE * static_cast<uint32_t>(count);
+    INDX_TRACE(
+        INDX_DETAIL, "Move entries %p, %p, %ld", static_cast<void*>(pSlots),
+        static_cast<void*>(const_cast<uint8_t*>(NodeEntry(pSource, sourcePosition))), size);
+    MemCopy(pSlots, NodeEntry(pSource, sourcePosition), size);
+    uint32_t total = 0;
+    for (int32_t i = 0; i < count; ++i) {
+        uint8_t* pEntry = pSlots + INDX_ENTRY_SIZE * static_cast<uint32_t>(i);
+        const uint32_t offset = EntryHeapOffset(pEntry);
+        INDX_TRACE(INDX_DETAIL, " fixup entry %ld offset %ld", i, offset);
+        PutU32(pEntry + INDX_ENTRY_HEAP_OFFSET, offset + static_cast<uint32_t>(correction));
+        total += EntryLength(pEntry);
+    }
+    const uint8_t* pFrom = pSource + INDX_NODE_SIZE - lowest;
+    uint8_t* pTo = pDest + INDX_NODE_SIZE - (lowest + static_cast<uint32_t>(correction));
+    INDX_TRACE(
+        INDX_DETAIL, "Move the heap data %p, %p, %ld", static_cast<void*>(pTo),
+        static_cast<void*>(const_cast<uint8_t*>(pFrom)), total);
+    MemCopy(pTo, pFrom, total);
+}
+
+} // namespace
+
+NimBool IndxMoveEntries(
+    IndxCursor* pCursor, uint8_t* pDest, int32_t destPosition, uint8_t* pSource,
+    int32_t sourcePosition, int32_t count, int32_t lOffsetCorrection)
+{
+    if (count <= 0)
+        return TRUE;
+    INDX_TRACE(
+        INDX_DETAIL, "IndxMoveEntries(%p, %p, %ld, %p, %ld, %ld, %ld)",
+        static_cast<void*>(pCursor), static_cast<void*>(pDest), destPosition,
+        static_cast<void*>(pSource), sourcePosition, count, lOffsetCorrection);
+    if (NodeHasHeap(pDest)) {
+        if (!RunIsSound(pSource, sourcePosition, count)) {
+            IndxReportDamage(pCursor, static_cast<uint32_t>(BlckId(pSource)));
+            return FALSE;
+        }
+        MoveWithHeap(pDest, destPosition, pSource, sourcePosition, count, lOffsetCorrection);
+    } else {
+        const uint8_t* pFrom = NodeEntry(pSource, sourcePosition);
+        const uint32_t size = INDX_ENTRY_SIZE * static_cast<uint32_t>(count);
+        INDX_TRACE(
+            INDX_DETAIL, "Just move entries %p, %p, %ld",
+            static_cast<void*>(NodeEntry(pDest, destPosition)),
+            static_cast<void*>(const_cast<uint8_t*>(pFrom)), size);
+        MemCopy(NodeEntry(pDest, destPosition), pFrom, size);
+    }
+    if (NodeIsLeaf(pDest) || pDest == pSource)
+        return TRUE;
+    const auto tDest = static_cast<uint32_t>(BlckId(pDest));
+    for (int32_t i = destPosition; i < destPosition + count; ++i) {
+        if (!SetParent(pCursor, EntryPointer(NodeEntry(pDest, i)), tDest))
+            return FALSE;
+    }
+    return TRUE;
+}
+
+NimBool IndxPutKeyIntoNode(
+    IndxCursor* pCursor, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey)
+{
+    INDX_TRACE(
+        INDX_DETAIL, "IndxPutKeyIntoNode(%p, %p, %ld, %p)", static_cast<void*>(pCursor),
+        static_cast<void*>(pNode), position,
+        static_cast<void*>(const_cast<IndxKeyInfo*>(pKey)));
+    uint8_t* pEntry = NodeEntry(pNode, position);
+    switch (pKey->keyType) {
+    case INDX_KEY_FORBIDDEN:
+        INDX_TRACE(INDX_ALWAYS, "Unexpected field type");
+        ProcCrash(0);
+        return FALSE;
+    case INDX_KEY_INTEGER:
+        PutI32(pEntry + INDX_ENTRY_VALUE, ObjGetInteger(pKey->oValue));
+        break;
+    case INDX_KEY_INT64:
+        PutI64(pEntry + INDX_ENTRY_VALUE, ObjGetInt64(pKey->oValue));
+        break;
+    case INDX_KEY_TEXT:
+    case INDX_KEY_TEXT_NO_CASE:
+    case INDX_KEY_UNIQUE_ID: {
+        const uint32_t length = ObjGetDataFieldSize(pKey->oValue);
+        const uint32_t offset = IndxHeapBefore(pNode, position) + length;
+        assert(offset <= INDX_NODE_ROOM);
+        PutU32(pEntry + INDX_ENTRY_LENGTH, length);
+        PutU32(pEntry + INDX_ENTRY_HEAP_OFFSET, offset);
+        uint8_t* pTo = pNode + INDX_NODE_SIZE - offset;
+        INDX_TRACE(
+            INDX_DETAIL, "Insert heap data %p, %p, %ld", static_cast<void*>(pTo),
+            ObjGetDataFieldData(pKey->oValue), length);
+        MemCopy(pTo, ObjGetDataFieldData(pKey->oValue), length);
+        break;
+    }
+    default:
+        break;
+    }
+    PutU32(pEntry + INDX_ENTRY_ID, pKey->recordId);
+    if (NodeIsLeaf(pNode)) {
+        PutU32(pEntry + INDX_ENTRY_POINTER, pKey->fileOffset);
+        return TRUE;
+    }
+    PutU32(pEntry + INDX_ENTRY_POINTER, pKey->tChild);
+    return SetParent(pCursor, pKey->tChild, static_cast<uint32_t>(BlckId(pNode)));
+}
+
+NimBool IndxRemoveEntry(IndxCursor* pCursor, uint8_t* pNode, int32_t position)
+{
+    const int32_t count = NodeCount(pNode);
+    assert(position >= 0 && position < count);
+    const auto before = static_cast<int32_t>(IndxHeapBefore(pNode, position));
+    if (!IndxMoveEntries(
+            pCursor, pNode, position, pNode, position + 1, count - position - 1, before))
+        return FALSE;
+    SetNodeCount(pNode, count - 1);
+    return TRUE;
+}
+
+int32_t IndxFindChild(const uint8_t* pNode, uint32_t tChild)
+{
+    const int32_t count = NodeCount(pNode);
+    for (int32_t i = 0; i < count; ++i) {
+        if (EntryPointer(NodeEntry(pNode, i)) == tChild)
+            return i;
+    }
+    return -1;
+}

@@ -1,0 +1,41 @@
+// node.h: reading and writing the words of a node, for the rooms of the tree. No check is made
+// here: IndxGetNode has made sure that the count is in range and the heap clear of the entries,
+// and whoever follows a value or a link checks that one word.
+#pragma once
+
+#include "../bytes.h"
+#include "database/indexinternal.h"
+
+inline uint32_t NodeWord(const uint8_t* pNode, uint32_t offset) { return GetU32(pNode + offset); }
+inline void SetNodeWord(uint8_t* pNode, uint32_t offset, uint32_t value)
+{
+    PutU32(pNode + offset, value);
+}
+inline uint32_t NodeParent(const uint8_t* pNode) { return NodeWord(pNode, INDX_NODE_PARENT); }
+inline bool NodeIsLeaf(const uint8_t* pNode) { return NodeWord(pNode, INDX_NODE_LEAF) != 0; }
+inline bool NodeHasHeap(const uint8_t* pNode) { return NodeWord(pNode, INDX_NODE_HEAP) != 0; }
+inline int32_t NodeCount(const uint8_t* pNode)
+{
+    return static_cast<int32_t>(NodeWord(pNode, INDX_NODE_COUNT));
+}
+inline void SetNodeCount(uint8_t* pNode, int32_t count)
+{
+    SetNodeWord(pNode, INDX_NODE_COUNT, static_cast<uint32_t>(count));
+}
+
+// Address of entry `position` (0-based).
+inline uint8_t* NodeEntry(uint8_t* pNode, int32_t position)
+{
+    return pNode + INDX_NODE_HEADER + INDX_ENTRY_SIZE * static_cast<uint32_t>(position);
+}
+inline const uint8_t* NodeEntry(const uint8_t* pNode, int32_t position)
+{
+    return pNode + INDX_NODE_HEADER + INDX_ENTRY_SIZE * static_cast<uint32_t>(position);
+}
+inline uint32_t EntryId(const uint8_t* pEntry) { return GetU32(pEntry + INDX_ENTRY_ID); }
+inline uint32_t EntryLength(const uint8_t* pEntry) { return GetU32(pEntry + INDX_ENTRY_LENGTH); }
+inline uint32_t EntryHeapOffset(const uint8_t* pEntry)
+{
+    return GetU32(pEntry + INDX_ENTRY_HEAP_OFFSET);
+}
+inline uint32_t EntryPointer(const uint8_t* pEntry) { return GetU32(pEntry + INDX_ENTRY_POINTER); }
