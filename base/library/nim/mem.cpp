@@ -6,6 +6,9 @@
 // heap at once, so that one peak is not kept for ever. Sizes above the largest class always come
 // from the heap. There is one pool; its id is checked, so that a call with a stray id fails.
 //
+// In sanitizer builds and under valgrind none of this takes part: memdirect passes every call
+// through to the heap.
+//
 // Invariants: a live piece's guard word is MemLiveGuard of its prefix; a waiting piece's is
 // MemFreeGuard of its address and of the link in its first 8 body bytes. Nothing is traced, and
 // the heap is not called, while a class is locked.
@@ -15,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "memdirect.h"
 #include "nim/fault.h"
 #include "nim/proc.h"
 #include "nim/trace.h"
@@ -210,47 +214,65 @@ static inline bool MemKeep(uint32_t cls, MemPrefix* p)
     return true;
 }
 
+static inline void MemCountIn([[maybe_unused]] uint32_t size)
+{
+#ifndef NIM_NO_FAULTS
+    gMemLiveBytes.fetch_add(size, std::memory_order_relaxed);
+    gMemLiveCount.fetch_add(1, std::memory_order_relaxed);
+#endif
+}
+
+static inline void MemCountOut([[maybe_unused]] uint32_t size)
+{
+#ifndef NIM_NO_FAULTS
+    gMemLiveBytes.fetch_sub(size, std::memory_order_relaxed);
+    gMemLiveCount.fetch_sub(1, std::memory_order_relaxed);
+#endif
+}
+
 static inline void* MemHandOut(MemPrefix* p, uint32_t size)
 {
     p->size = size;
     p->pool = MEM_DEFAULT_POOL;
     p->guard = MemLiveGuard(p);
-#ifndef NIM_NO_FAULTS
-    gMemLiveBytes.fetch_add(size, std::memory_order_relaxed);
-    gMemLiveCount.fetch_add(1, std::memory_order_relaxed);
-#endif
+    MemCountIn(size);
     return p + 1;
 }
 
-// Waiting pieces of all sizes go first when the heap has nothing left.
-static MemPrefix* MemFromHeap(size_t bytes, bool clear)
+// A fresh piece. When the heap has nothing left, the waiting pieces of all sizes go first.
+static void* MemFromHeap(uint32_t size, uint32_t cls, bool clear)
 {
+    size_t capacity = cls == MEM_NO_CLASS ? size : MemClassCapacity(cls);
+    size_t bytes = sizeof(MemPrefix) + capacity;
     void* p = clear ? calloc(1, bytes) : malloc(bytes);
     if (!p) [[unlikely]] {
         MemTrim();
         p = clear ? calloc(1, bytes) : malloc(bytes);
     }
-    return static_cast<MemPrefix*>(p);
+    return p ? MemHandOut(static_cast<MemPrefix*>(p), size) : nullptr;
+}
+
+static void* MemDirect(uint32_t size, bool clear)
+{
+    void* body = MemDirectAllocate(size, clear);
+    if (body)
+        MemCountIn(size);
+    return body;
 }
 
 static inline void* MemAllocate(uint32_t size, uint32_t pool, bool clear)
 {
     if (pool != MEM_DEFAULT_POOL || FaultFails(FAULT_ALLOC))
         return nullptr;
-    size_t capacity = size;
-    if (MemPooled()) [[likely]] {
-        uint32_t cls = MemClassOf(size);
-        if (cls != MEM_NO_CLASS) {
-            if (MemPrefix* p = MemTake(cls)) {
-                if (clear)
-                    memset(static_cast<void*>(p + 1), 0, size);
-                return MemHandOut(p, size);
-            }
-            capacity = MemClassCapacity(cls);
-        }
-    }
-    MemPrefix* p = MemFromHeap(sizeof(MemPrefix) + capacity, clear);
-    return p ? MemHandOut(p, size) : nullptr;
+    if (!MemPooled()) [[unlikely]]
+        return MemDirect(size, clear);
+    uint32_t cls = MemClassOf(size);
+    MemPrefix* p = cls != MEM_NO_CLASS ? MemTake(cls) : nullptr;
+    if (!p)
+        return MemFromHeap(size, cls, clear);
+    if (clear)
+        memset(static_cast<void*>(p + 1), 0, size);
+    return MemHandOut(p, size);
 }
 
 uint32_t MemGetDefaultPoolId(void)
@@ -268,24 +290,34 @@ void* MemAllocateUncleared(uint32_t size, uint32_t pool)
     return MemAllocate(size, pool, false);
 }
 
+static void MemFreeDirect(void* body)
+{
+    uint32_t size = 0;
+    if (MemDirectFree(body, &size))
+        MemCountOut(size);
+    else
+        MemDamaged("Memory freed twice or not from a pool", body);
+}
+
 void MemFreeInternal(void** pp)
 {
     if (!pp || !*pp)
         return;
     void* body = *pp;
     *pp = nullptr;
+    if (!MemPooled()) [[unlikely]] {
+        MemFreeDirect(body);
+        return;
+    }
     MemPrefix* p = static_cast<MemPrefix*>(body) - 1;
     if (p->guard != MemLiveGuard(p) || p->pool != MEM_DEFAULT_POOL) [[unlikely]] {
-        bool waiting = p->guard == MemFreeGuard(p, nullptr) ||
-                       (p->size <= MEM_LARGE_MAX && p->guard == MemFreeGuard(p, MemNext(p)));
+        bool waiting =
+            p->guard == MemFreeGuard(p, nullptr) || p->guard == MemFreeGuard(p, MemNext(p));
         MemDamaged(waiting ? "Memory freed twice" : "Memory damaged or not from a pool", body);
         return;
     }
-#ifndef NIM_NO_FAULTS
-    gMemLiveBytes.fetch_sub(p->size, std::memory_order_relaxed);
-    gMemLiveCount.fetch_sub(1, std::memory_order_relaxed);
-#endif
-    uint32_t cls = MemPooled() ? MemClassOf(p->size) : MEM_NO_CLASS;
+    MemCountOut(p->size);
+    uint32_t cls = MemClassOf(p->size);
     if (cls != MEM_NO_CLASS && MemKeep(cls, p))
         return;
     // Volatile, since the compiler drops an ordinary store into memory that is freed next: a second
@@ -305,6 +337,7 @@ void MemTrim(void)
     for (uint32_t cls = 0; cls < MEM_CLASSES; ++cls)
         while (MemPrefix* p = MemTake(cls))
             free(p);
+    MemDirectTrim();
 }
 
 #ifndef NIM_NO_FAULTS
