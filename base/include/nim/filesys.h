@@ -5,9 +5,9 @@
  * function answers 0, -1 (FILE_NONE) and any other value that is not an open file with FALSE.
  *
  * A handle keeps its path, its position and the length of the file as far as it knows it. Setting
- * the position is therefore no system call. The known length is set by the open, raised by the
- * handle's own writes, and asked for anew by FileSysSeekEnd and by every read that would pass it:
- * what another handle or process appended is seen there.
+ * the position is therefore no system call. The known length is what the file had at the open; the
+ * handle's own writes raise it, FileSysSeekEnd asks the system for it, and a read that would pass it
+ * sees what another handle or process has appended and raises it at least to its own end.
  *
  * Reads are copied out of a shared mapping of the file that follows the file's growth; where no
  * mapping can be had, or it is switched off, they are positioned reads. Writes are always
@@ -16,7 +16,7 @@
  * process with a signal: a host for which one of them is a possibility switches mappings off.
  *
  * Different handles may be used by several threads at a time; one handle by one thread at a time.
- * At most 65,536 files are open at a time.
+ * At most 65,535 files are open at a time.
  *
  * Out-parameters are written by every call, a refused one included. A null out-parameter makes the
  * call do nothing and return FALSE.

@@ -1,1 +1,102 @@
-// dirscan.cpp
+// dirscan.cpp: the names in a directory, sorted.
+//
+// The names are gathered one behind the other in one growing piece of memory, sorted through an
+// array of their starts, and handed out only after the directory has been closed: callbacks open
+// files, make directories and scan in turn.
+#include "nim/dirscan.h"
+
+#include "nim/fault.h"
+#include "nim/mem.h"
+#include "sys.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+struct NameList {
+    char* text;     // the names, each with its NUL
+    uint32_t size;  // bytes used
+    uint32_t room;  // bytes there are
+    uint32_t count; // names
+    bool broken;    // out of memory
+};
+} // namespace
+
+// Room for `size` more bytes.
+static bool DirMakeRoom(NameList* list, size_t size)
+{
+    if (size <= list->room - list->size)
+        return true;
+    uint64_t room = list->room ? uint64_t{list->room} * 2 : 4096;
+    while (room - list->size < size)
+        room *= 2;
+    if (room > INT32_MAX)
+        return false;
+    void* text = MemAllocateUncleared(static_cast<uint32_t>(room), MemGetDefaultPoolId());
+    if (!text)
+        return false;
+    if (list->size)
+        memcpy(text, list->text, list->size);
+    MemFree(list->text);
+    list->text = static_cast<char*>(text);
+    list->room = static_cast<uint32_t>(room);
+    return true;
+}
+
+static bool DirTakeName(void* context, const char* name)
+{
+    NameList* list = static_cast<NameList*>(context);
+    const size_t size = strlen(name) + 1;
+    if (!DirMakeRoom(list, size)) {
+        list->broken = true;
+        return false;
+    }
+    memcpy(list->text + list->size, name, size);
+    list->size += static_cast<uint32_t>(size);
+    ++list->count;
+    return true;
+}
+
+// The starts of the names in ascending order; null when out of memory.
+static const char** DirSortNames(const NameList* list)
+{
+    const uint64_t bytes = uint64_t{list->count} * sizeof(const char*);
+    if (bytes > INT32_MAX)
+        return nullptr;
+    const char** names = static_cast<const char**>(
+        MemAllocateFromPool(static_cast<uint32_t>(bytes), MemGetDefaultPoolId()));
+    if (!names)
+        return nullptr;
+    const char* name = list->text;
+    for (uint32_t i = 0; i < list->count; ++i) {
+        names[i] = name;
+        name += strlen(name) + 1;
+    }
+    // strcmp compares as unsigned bytes whatever the signedness of char.
+    std::sort(
+        names, names + list->count, [](const char* a, const char* b) { return strcmp(a, b) < 0; });
+    return names;
+}
+
+NimBool DirScan(const char* directory, DirScanCallback callback, void* context)
+{
+    if (!directory || !*directory || !callback || FaultFails(FAULT_SCAN, directory))
+        return FALSE;
+    NameList list = {};
+    const char** names = nullptr;
+    bool good = SysScan(directory, DirTakeName, &list) && !list.broken;
+    if (good) {
+        names = DirSortNames(&list);
+        good = names != nullptr;
+    }
+    for (uint32_t i = 0; good && i < list.count; ++i)
+        good = callback(directory, names[i], context) == 1;
+    MemFree(names);
+    MemFree(list.text);
+    return good;
+}
+
+NimBool DirScanDirect(const char* directory, DirScanCallback callback, void* context)
+{
+    return DirScan(directory, callback, context);
+}

@@ -1,1 +1,405 @@
-// filesys.cpp
+// filesys.cpp: the calls of filesys.h.
+//
+// One handle is one File: the system's file, position, known length, mapping and what was reserved.
+// Which number stands for which File is the table's business (filetable.h), how the mapping grows
+// the mapping's (filemap.h), the system calls stand in sys.h.
+//
+// Invariants: the position is never negative; a byte is taken out of the mapping only when it lies
+// inside the known length; the known length is never more than what the system, or our own write,
+// has told.
+#include "nim/filesys.h"
+
+#include "filemap.h"
+#include "filetable.h"
+#include "nim/fault.h"
+#include "nim/mem.h"
+#include "sys.h"
+
+#include <atomic>
+#include <climits>
+#include <cstring>
+
+struct File {
+    intptr_t system;
+    uint32_t access; // SYS_READ, SYS_WRITE
+    int64_t position;
+    int64_t length; // as far as known
+    FileMapping mapping;
+    int64_t reservedFrom; // disk space for [reservedFrom, reservedTo) has been reserved
+    int64_t reservedTo;
+    char* path; // stands behind the struct
+};
+
+// How far ahead space is reserved: a call for each 16 blocks and not for each block.
+constexpr int64_t RESERVE_STEP = 256 * 1024;
+
+constexpr uint32_t MODE_ACCESS = FILE_MODE_READ | FILE_MODE_EMPTY | FILE_MODE_WRITE;
+
+static std::atomic<bool> gMapping{true};
+
+// ---- faults ----
+
+// What a transfer of `size` bytes is to do, once the faults of a test have been asked.
+struct FilePlan {
+    uint32_t size; // bytes to move
+    bool fails;    // and then to fail
+};
+
+static FilePlan FilePlanTransfer(uint32_t point, const char* path, uint32_t size)
+{
+    FaultStrike strike = {};
+    if (!FaultStrikes(point, path, &strike))
+        return {size, false};
+    const uint32_t part = strike.count < size ? strike.count : size;
+    switch (strike.mode) {
+    case FAULT_FAIL_AFTER:
+        return {part, true};
+    case FAULT_FAIL_FULL:
+        return {size, true};
+    case FAULT_SHORT:
+        return {part, false};
+    default:
+        return {0, true};
+    }
+}
+
+// Whether a test wants to see every read.
+static inline bool FileIsWatched()
+{
+#if defined(NIM_NO_FAULTS)
+    return false;
+#else
+    return gFaultActive || gFileSysObserver;
+#endif
+}
+
+#if !defined(NIM_NO_FAULTS)
+uint32_t FileSysOpenCount(void)
+{
+    return FileTableCount();
+}
+#endif
+
+// ---- opening and closing ----
+
+void FileSysSetMapping(NimBool on)
+{
+    gMapping.store(on != 0, std::memory_order_relaxed);
+}
+
+static bool FileMappingIsOn()
+{
+    if (!gMapping.load(std::memory_order_relaxed))
+        return false;
+    char value[64];
+    return !SysGetEnvironment("NIM_NO_MAPPING", value, sizeof value) || strcmp(value, "0") == 0;
+}
+
+static bool FileModeIsSound(uint32_t mode)
+{
+    return (mode & ~(MODE_ACCESS | FILE_MODE_CREATE)) == 0 && (mode & MODE_ACCESS) != 0;
+}
+
+static uint32_t FileModeFlags(uint32_t mode)
+{
+    uint32_t flags = 0;
+    if (mode & FILE_MODE_READ)
+        flags |= SYS_READ;
+    if (mode & FILE_MODE_WRITE)
+        flags |= SYS_WRITE;
+    if (mode & FILE_MODE_CREATE)
+        flags |= SYS_CREATE;
+    if (mode & FILE_MODE_EMPTY)
+        flags |= SYS_WRITE | SYS_CREATE | SYS_TRUNCATE;
+    return flags;
+}
+
+// A File without a system's file. It is made first, so that running out of memory neither creates
+// nor empties anything.
+static File* FileNew(const char* path)
+{
+    const size_t length = strlen(path);
+    if (length >= INT32_MAX - sizeof(File))
+        return nullptr;
+    void* memory = MemAllocateFromPool(
+        static_cast<uint32_t>(sizeof(File) + length + 1), MemGetDefaultPoolId());
+    File* file = static_cast<File*>(memory);
+    if (file) {
+        file->system = SYS_NO_FILE;
+        file->path = reinterpret_cast<char*>(file + 1);
+        memcpy(file->path, path, length + 1);
+    }
+    return file;
+}
+
+static bool FileOpenSystem(void** handle, File* file, uint32_t mode)
+{
+    const uint32_t flags = FileModeFlags(mode);
+    if (FaultFails(FAULT_OPEN, file->path) || !SysFileOpen(&file->system, file->path, flags))
+        return false;
+    file->access = flags & (SYS_READ | SYS_WRITE);
+    file->mapping.allowed = (flags & SYS_READ) && FileMappingIsOn();
+    if (SysFileLength(&file->length, file->system)) {
+        *handle = FileTableAdd(file);
+        if (*handle != FILE_NONE)
+            return true;
+    }
+    SysFileClose(file->system);
+    return false;
+}
+
+NimBool FileSysOpen(void** handle, const char* path, uint32_t mode)
+{
+    if (!handle)
+        return FALSE;
+    *handle = FILE_NONE;
+    if (!path || !*path || !FileModeIsSound(mode))
+        return FALSE;
+    File* file = FileNew(path);
+    if (!file)
+        return FALSE;
+    const bool good = FileOpenSystem(handle, file, mode);
+    FileSysObserve(FILE_OP_OPEN, path, 0, 0, good);
+    if (!good)
+        MemFree(file);
+    return good;
+}
+
+NimBool FileSysClose(void** handle)
+{
+    if (!handle)
+        return FALSE;
+    File* file = FileTableRemove(*handle);
+    *handle = FILE_NONE;
+    if (!file)
+        return FALSE;
+    // A failing close has let go of the file as well.
+    const bool struck = FaultFails(FAULT_CLOSE, file->path);
+    FileMapRelease(&file->mapping);
+    const bool good = SysFileClose(file->system) && !struck;
+    FileSysObserve(FILE_OP_CLOSE, file->path, 0, 0, good);
+    MemFree(file);
+    return good;
+}
+
+// ---- position and length ----
+
+// Asks the system for the length. A file that has become shorter has given back its reserved space.
+static bool FileAskLength(File* file)
+{
+    int64_t length;
+    if (!SysFileLength(&length, file->system))
+        return false;
+    if (length < file->length)
+        file->reservedFrom = file->reservedTo = 0;
+    file->length = length;
+    return true;
+}
+
+NimBool FileSysSeekStart(void* handle)
+{
+    File* file = FileTableFind(handle);
+    if (!file || FaultFails(FAULT_SEEKSTART, file->path))
+        return FALSE;
+    file->position = 0;
+    return TRUE;
+}
+
+NimBool FileSysSeekEnd(void* handle)
+{
+    File* file = FileTableFind(handle);
+    if (!file || FaultFails(FAULT_SEEKEND, file->path) || !FileAskLength(file))
+        return FALSE;
+    file->position = file->length;
+    return TRUE;
+}
+
+NimBool FileSysSeek(void* handle, int64_t offset)
+{
+    File* file = FileTableFind(handle);
+    if (!file || FaultFails(FAULT_SEEK, file->path) || offset < 0)
+        return FALSE;
+    file->position = offset;
+    return TRUE;
+}
+
+NimBool FileSysSkip(void* handle, uint32_t count)
+{
+    File* file = FileTableFind(handle);
+    if (!file || FaultFails(FAULT_SKIP, file->path) || file->position > INT64_MAX - count)
+        return FALSE;
+    file->position += count;
+    return TRUE;
+}
+
+NimBool FileSysGetOffset(int64_t* offset, void* handle)
+{
+    if (!offset)
+        return FALSE;
+    *offset = 0;
+    File* file = FileTableFind(handle);
+    if (!file || FaultFails(FAULT_GETOFFSET, file->path))
+        return FALSE;
+    *offset = file->position;
+    return TRUE;
+}
+
+NimBool FileSysGetLength(int64_t* length, void* handle)
+{
+    if (!length)
+        return FALSE;
+    *length = 0;
+    File* file = FileTableFind(handle);
+    if (!file)
+        return FALSE;
+    *length = file->length;
+    return TRUE;
+}
+
+// ---- reading ----
+
+// Reads until the bytes are there, the file ends or the system fails.
+static bool FileReadPositioned(uint32_t* count, File* file, void* buffer, uint32_t size)
+{
+    const int64_t offset = file->position;
+    bool good = true;
+    while (*count < size) {
+        size_t moved = 0;
+        good = SysFileRead(
+            &moved, file->system, static_cast<uint8_t*>(buffer) + *count, size - *count,
+            offset + *count);
+        *count += static_cast<uint32_t>(moved);
+        if (!good || moved == 0)
+            break;
+    }
+    if (*count > 0 && offset + *count > file->length)
+        file->length = offset + *count;
+    return good;
+}
+
+// Reads at the position, which it does not move. *count is 0 on entry.
+static bool FileReadBytes(uint32_t* count, File* file, void* buffer, uint32_t size)
+{
+    const int64_t offset = file->position;
+    if (size > static_cast<uint64_t>(INT64_MAX - offset))
+        size = static_cast<uint32_t>(INT64_MAX - offset); // no file has bytes there
+    if (size == 0)
+        return true;
+    int64_t end = offset + size;
+    if (!file->mapping.allowed || (end > file->length && !FileAskLength(file)))
+        return FileReadPositioned(count, file, buffer, size);
+    if (end > file->length)
+        end = file->length; // the file ends before
+    if (end <= offset)
+        return true;
+    if (!FileMapReaches(&file->mapping, file->system, file->length, end))
+        return FileReadPositioned(count, file, buffer, static_cast<uint32_t>(end - offset));
+    *count = static_cast<uint32_t>(end - offset);
+    memcpy(buffer, file->mapping.bytes + offset, *count);
+    return true;
+}
+
+NimBool FileSysRead(uint32_t* count, void* handle, void* buffer, uint32_t size)
+{
+    if (!count)
+        return FALSE;
+    *count = 0;
+    File* file = FileTableFind(handle);
+    if (!file || !(file->access & SYS_READ) || (!buffer && size > 0))
+        return FALSE;
+    const FilePlan plan = FilePlanTransfer(FAULT_READ, file->path, size);
+    const int64_t offset = file->position;
+    const bool good = FileReadBytes(count, file, buffer, plan.size) && !plan.fails;
+    file->position = offset + *count;
+    FileSysObserve(FILE_OP_READ, file->path, offset, size, *count);
+    return good;
+}
+
+NimBool FileSysView(const void** view, void* handle, int64_t offset, uint32_t size)
+{
+    if (!view)
+        return FALSE;
+    *view = nullptr;
+    File* file = FileTableFind(handle);
+    if (!file || !file->mapping.allowed || offset < 0 || size == 0 || offset > INT64_MAX - size ||
+        FileIsWatched())
+        return FALSE;
+    const int64_t end = offset + size;
+    if (end > file->length && (!FileAskLength(file) || end > file->length))
+        return FALSE;
+    if (!FileMapReaches(&file->mapping, file->system, file->length, end))
+        return FALSE;
+    *view = file->mapping.bytes + offset;
+    return TRUE;
+}
+
+// ---- writing ----
+
+// Writes all bytes at the position, which it does not move. *count is 0 on entry.
+static bool FileWriteBytes(uint32_t* count, File* file, const void* buffer, uint32_t size)
+{
+    const int64_t offset = file->position;
+    if (size > static_cast<uint64_t>(INT64_MAX - offset))
+        return false;
+    bool good = true;
+    while (good && *count < size) {
+        size_t moved = 0;
+        good = SysFileWrite(
+            &moved, file->system, static_cast<const uint8_t*>(buffer) + *count, size - *count,
+            offset + *count);
+        *count += static_cast<uint32_t>(moved);
+        good = good && moved > 0; // no progress would be no end
+    }
+    if (*count > 0 && offset + *count > file->length)
+        file->length = offset + *count;
+    return good;
+}
+
+NimBool FileSysWrite(uint32_t* count, void* handle, const void* buffer, uint32_t size)
+{
+    if (!count)
+        return FALSE;
+    *count = 0;
+    File* file = FileTableFind(handle);
+    if (!file || !(file->access & SYS_WRITE) || (!buffer && size > 0))
+        return FALSE;
+    const FilePlan plan = FilePlanTransfer(FAULT_WRITE, file->path, size);
+    const int64_t offset = file->position;
+    const bool good = FileWriteBytes(count, file, buffer, plan.size) && !plan.fails;
+    file->position = offset + *count;
+    FileSysObserve(FILE_OP_WRITE, file->path, offset, size, *count);
+    return good;
+}
+
+// Reserves up to `end`, and further when the disk has that much: what is refused ahead may still be
+// there for the caller.
+static bool FileReserveBytes(File* file, int64_t offset, int64_t end)
+{
+    const bool follows = file->reservedFrom <= offset && offset <= file->reservedTo;
+    if (follows && end <= file->reservedTo)
+        return true;
+    const int64_t from = follows ? file->reservedTo : offset;
+    int64_t to = end;
+    if (end - from < RESERVE_STEP && from <= INT64_MAX - RESERVE_STEP)
+        to = from + RESERVE_STEP;
+    if (!SysFileReserve(file->system, from, to - from)) {
+        if (to == end || !SysFileReserve(file->system, from, end - from))
+            return false;
+        to = end;
+    }
+    if (!follows)
+        file->reservedFrom = from;
+    file->reservedTo = to;
+    return true;
+}
+
+NimBool FileSysReserve(void* handle, int64_t offset, uint32_t size)
+{
+    File* file = FileTableFind(handle);
+    if (!file || !(file->access & SYS_WRITE) || offset < 0 || offset > INT64_MAX - size)
+        return FALSE;
+    const bool good = !FaultFails(FAULT_RESERVE, file->path) &&
+                      (size == 0 || FileReserveBytes(file, offset, offset + size));
+    FileSysObserve(FILE_OP_RESERVE, file->path, offset, size, good ? size : 0);
+    return good;
+}
