@@ -277,7 +277,7 @@ int32_t IndxPreviousKey(void* oCursor)
     case INDX_AT_END:
         return GoLast(pCursor);
     case INDX_ON_KEY:
-        // A find that missed left 7, but the key before is a key all the same.
+        // The code stays what the find left: 7 when the key had gone.
         StepBack(pCursor);
         break;
     default:

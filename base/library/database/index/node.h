@@ -4,6 +4,7 @@
 #pragma once
 
 #include "../bytes.h"
+#include "database/block.h"
 #include "database/indexinternal.h"
 
 inline uint32_t NodeWord(const uint8_t* pNode, uint32_t offset) { return GetU32(pNode + offset); }

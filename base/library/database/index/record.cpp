@@ -1,1 +1,443 @@
-// index/record.cpp
+// record.cpp: whole records. A record is the encoded form of one object, appended to the table's
+// records file and addressed by its offset; every key of the record carries that offset and the
+// record's id.
+//
+// The order is fixed: keys first, bytes second, so that a refused key leaves the records file as it
+// was and the caller's back-out drops the keys. The records file is never rolled back: bytes that
+// were written stay. Its offsets are signed 32-bit numbers, so it ends at 2 GiB; an add that would
+// pass that end fails before any key is entered.
+
+#include <algorithm>
+#include <cassert>
+
+#include "../bytes.h"
+#include "../dbrecord_internal.h"
+#include "../scope.h"
+#include "database/block.h"
+#include "database/dbrecord.h"
+#include "database/indexinternal.h"
+
+namespace {
+
+constexpr uint32_t LOG_CLASS_WRITE = 96;
+constexpr uint32_t LOG_CLASS_READ = 80;
+constexpr uint32_t LOG_WRITE_RECORD = 1302;
+constexpr uint32_t LOG_READ_RECORD = 1303;
+constexpr uint32_t LOG_READ_HEADER = 1304;
+constexpr uint32_t LOG_SEEK_RECORD = 1305;
+constexpr uint32_t CREATE_MODE = 2;   // a companion file is created empty
+constexpr uint32_t FIRST_READ = 512; // one read fetches most records whole
+
+NimBool CommitField(void*, void* oField)
+{
+    auto* pField = static_cast<IndxField*>(oField);
+    pField->committedRoots = pField->roots;
+    pField->committedLevels = pField->levels;
+    return TRUE;
+}
+
+NimBool RestoreField(void*, void* oField)
+{
+    auto* pField = static_cast<IndxField*>(oField);
+    pField->roots = pField->committedRoots;
+    pField->levels = pField->committedLevels;
+    return TRUE;
+}
+
+} // namespace
+
+void IndxCommitRoots(IndxTable* pTable) { ListWalk(pTable->oFields, CommitField, nullptr); }
+
+void IndxBackout(IndxTable* pTable)
+{
+    BlckBackoutAll(pTable->oBlck);
+    ListWalk(pTable->oFields, RestoreField, nullptr);
+}
+
+namespace {
+
+// What the walk over the fields of a table carries.
+struct KeyUpdate {
+    uint32_t offset;
+    const ObjData* pRecord;
+};
+
+// Enters the record's key into one field's index.
+NimBool IndxUpdateIndex(void* context, void* oField)
+{
+    const auto* pUpdate = static_cast<const KeyUpdate*>(context);
+    if (!static_cast<const IndxField*>(oField)->bIndexed)
+        return TRUE;
+    void* oCursor = nullptr;
+    NimBool bInserted = FALSE;
+    if (IndxGetCursor(&oCursor, oField)) {
+        bInserted =
+            IndxInsertKey(static_cast<IndxCursor*>(oCursor), pUpdate->offset, pUpdate->pRecord);
+        IndxReleaseCursor(&oCursor);
+    }
+    if (!bInserted)
+        INDX_TRACE(INDX_ALWAYS, "Failed to insert key");
+    return bInserted;
+}
+
+// The end of the records file, where a record of `size` bytes is to go. False: the file cannot be
+// positioned, or the record would pass the last offset there is.
+bool SeekToNewRecord(uint32_t* pOffset, IndxTable* pTable, uint32_t size)
+{
+    int64_t end = 0;
+    if (FileSysSeekEnd(pTable->hRecords) && FileSysGetOffset(&end, pTable->hRecords) &&
+        end + size <= INDX_RECORDS_END) {
+        *pOffset = static_cast<uint32_t>(end);
+        return true;
+    }
+    INDX_TRACE(INDX_ALWAYS, "Failed to seek to record");
+    IndxSetError(INDX_ERROR_SEEK);
+    return false;
+}
+
+NimBool CreateCompanionFile(IndxTable* pTable, uint32_t id)
+{
+    HeldMemory<char> path;
+    if (!IndxGetFilePath(path.Out(), pTable, id)) {
+        INDX_TRACE(INDX_ALWAYS, "Failed to create file name");
+        return FALSE;
+    }
+    void* hFile = FILE_NONE;
+    if (!FileSysOpen(&hFile, path.get(), CREATE_MODE)) {
+        INDX_TRACE(INDX_ALWAYS, "Failed to create file");
+        return FALSE;
+    }
+    FileSysClose(&hFile);
+    return TRUE;
+}
+
+// Whether these are the bytes of a record of this table: its fixed part at least, with the id in
+// it. What the slots say is checked by whoever follows them.
+bool IsRecordOf(const IndxTable* pTable, const ObjData* pData)
+{
+    return pData && pData->data && pData->size >= INDX_RECORD_HEADER &&
+           pData->size >= pTable->fixedSize && BytesInside(pTable->idOffset, 4, pData->size);
+}
+
+} // namespace
+
+NimBool IndxAddRecordInternal(uint32_t id, void* oTable, void* pData, NimBool bCreateFile)
+{
+    INDX_TRACE(
+        INDX_DETAIL, "IndxAddRecordInternal(%ld, %p %p, %s)", id, oTable, pData,
+        IndxTruth(bCreateFile));
+    IndxTable* pTable = IndxAsTable(oTable);
+    auto* pRecord = static_cast<ObjData*>(pData);
+    if (!pTable || !IsRecordOf(pTable, pRecord)) {
+        INDX_TRACE(INDX_ALWAYS, "Not a record of this table");
+        IndxSetError(INDX_ERROR_ARGUMENT);
+        return FALSE;
+    }
+    auto* pBytes = static_cast<uint8_t*>(pRecord->data);
+    PutU32(pBytes + INDX_RECORD_LENGTH, pRecord->size);
+    INDX_TRACE(INDX_DETAIL, "Index at Offset %ld", pTable->idOffset);
+    PutU32(pBytes + pTable->idOffset, id);
+    KeyUpdate update = {0, pRecord};
+    if (!SeekToNewRecord(&update.offset, pTable, pRecord->size))
+        return FALSE;
+    if (!ListWalk(pTable->oFields, IndxUpdateIndex, &update)) {
+        INDX_TRACE(INDX_ALWAYS, "Failed to update indices");
+        IndxSetError(INDX_ERROR_UPDATE);
+        return FALSE;
+    }
+    uint32_t moved = 0;
+    if (!FileSysWrite(&moved, pTable->hRecords, pBytes, pRecord->size)) {
+        INDX_TRACE(INDX_ALWAYS, "Failed to write record");
+        LogMessage(
+            LOG_WRITE_RECORD, LOG_CLASS_WRITE, 0, "Failed to write record in table '%s'",
+            pTable->name);
+        IndxSetError(INDX_ERROR_UPDATE);
+        return FALSE;
+    }
+    return bCreateFile && pTable->bCompanionFiles ? CreateCompanionFile(pTable, id) : TRUE;
+}
+
+NimBool IndxAddRecord(uint32_t id, void* oTable, void* pData)
+{
+    return IndxAddRecordInternal(id, oTable, pData, TRUE);
+}
+
+NimBool IndxAddRecordOnly(uint32_t id, void* oTable, void* pData)
+{
+    return IndxAddRecordInternal(id, oTable, pData, FALSE);
+}
+
+namespace {
+
+// Adds a record under the table's next id and ends the operation. The id is not taken back on
+// failure: it may be known to somebody already.
+NimBool AddUnderNextId(uint32_t* pId, IndxTable* pTable, ObjData* pData)
+{
+    const uint32_t id = ++pTable->highestId;
+    pTable->bChanged = TRUE;
+    INDX_TRACE(INDX_DETAIL, "New record id is %ld", id);
+    if (!IndxAddRecord(id, pTable, pData)) {
+        IndxBackout(pTable);
+        return FALSE;
+    }
+    const NimBool bStored = IndxUpdateTable(pTable);
+    if (pId)
+        *pId = id;
+    return bStored;
+}
+
+} // namespace
+
+NimBool IndxAddRecordToTable(uint32_t* pId, void* oTable, void* oRecord)
+{
+    NimBool bAdded = FALSE;
+    IndxTable* pTable = IndxAsTable(oTable);
+    DbBlob* pBlob = IndxAs<DbBlob>(oRecord, DB_BLOB_MAGIC);
+    if (pTable && pBlob) {
+        if (pBlob->magic == pTable->recordMagic) {
+            bAdded = AddUnderNextId(pId, pTable, &pBlob->data);
+        } else {
+            IndxSetError(INDX_ERROR_RECORD_TYPE);
+            INDX_TRACE(
+                INDX_ALWAYS, "Magic %lx does not match %lx", pBlob->magic, pTable->recordMagic);
+        }
+    }
+    INDX_TRACE(
+        INDX_DETAIL, "%s = IndxAddRecordToTable(%p, %p, %p)", IndxTruth(bAdded),
+        static_cast<void*>(pId), oTable, oRecord);
+    return bAdded;
+}
+
+namespace {
+
+NimBool AddUnderGivenId(uint32_t id, IndxTable* pTable, ObjData* pData)
+{
+    pTable->bChanged = TRUE;
+    if (!IndxAddRecord(id, pTable, pData)) {
+        IndxBackout(pTable);
+        return FALSE;
+    }
+    // Compared signed: kept, ids from 2^31 on never raise the highest one.
+    if (static_cast<int32_t>(id) > static_cast<int32_t>(pTable->highestId))
+        pTable->highestId = id;
+    return IndxUpdateTable(pTable);
+}
+
+} // namespace
+
+NimBool IndxSetRecordInTable(uint32_t id, void* oTable, void* oRecord)
+{
+    NimBool bSet = FALSE;
+    IndxTable* pTable = IndxAsTable(oTable);
+    DbBlob* pBlob = IndxAs<DbBlob>(oRecord, DB_BLOB_MAGIC);
+    if (pTable && pBlob) {
+        if (pBlob->magic == pTable->recordMagic) {
+            bSet = AddUnderGivenId(id, pTable, &pBlob->data);
+        } else {
+            IndxSetError(INDX_ERROR_RECORD_TYPE);
+            INDX_TRACE(
+                INDX_ALWAYS, "Magic %lx for record to set does not match %lx", pBlob->magic,
+                pTable->recordMagic);
+        }
+    }
+    INDX_TRACE(
+        INDX_DETAIL, "%s = IndxSetRecordInTable(%ld, %p, %p)", IndxTruth(bSet), id, oTable,
+        oRecord);
+    return bSet;
+}
+
+NimBool IndxAddObjectToTable(uint32_t* pId, void* oTable, void* oObject)
+{
+    IndxTable* pTable = IndxAsTable(oTable);
+    if (!pTable)
+        return FALSE;
+    if (ObjGetMagic(oObject) != pTable->recordMagic) {
+        INDX_TRACE(INDX_ALWAYS, "Incorrect object type (%s)", ObjNameFromObject(oObject));
+        INDX_TRACE(
+            INDX_ALWAYS, "Table holds type (%s)", ObjNameFromMagic(pTable->recordMagic));
+        ProcCrash(0);
+        return FALSE;
+    }
+    HeldObject<> record;
+    if (!DbConvertObjectToDbFormat(record.Out(), oObject)) {
+        INDX_TRACE(INDX_ALWAYS, "Failed to convert object to db format");
+        return FALSE;
+    }
+    return IndxAddRecordToTable(pId, pTable, record.get());
+}
+
+namespace {
+
+void ReportSeek(const IndxTable* pTable, uint32_t offset)
+{
+    INDX_TRACE(
+        INDX_ALWAYS, "Failed to seek to record at %ld in table '%s'", offset, pTable->name);
+    LogMessage(
+        LOG_SEEK_RECORD, LOG_CLASS_READ, 0, "Failed to seek to record at %ld in table '%s'",
+        offset, pTable->name);
+    IndxSetError(INDX_ERROR_SEEK);
+}
+
+void ReportHeader(const IndxTable* pTable, uint32_t offset)
+{
+    INDX_TRACE(
+        INDX_ALWAYS, "Failed to retrive record header at %ld from table '%s'", offset,
+        pTable->name);
+    LogMessage(
+        LOG_READ_HEADER, LOG_CLASS_READ, 0,
+        "Failed to retrive record header at %ld from table '%s'", offset, pTable->name);
+    IndxSetError(INDX_ERROR_READ);
+}
+
+void ReportRecord(const IndxTable* pTable, uint32_t length, uint32_t offset)
+{
+    INDX_TRACE(
+        INDX_ALWAYS, "Failed to retrive %ld byte record at %ld from table '%s'", length, offset,
+        pTable->name);
+    LogMessage(
+        LOG_READ_RECORD, LOG_CLASS_READ, 0,
+        "Failed to retrive %ld byte record at %ld from table '%s'", length, offset, pTable->name);
+    IndxSetError(INDX_ERROR_READ);
+}
+
+// The rest of a record whose first bytes are at hand, all in one new buffer; null when the record
+// claims more than the file holds, cannot be read, or there is no memory.
+uint8_t* ReadRest(
+    void* hFile, uint32_t offset, const uint8_t* pFirst, uint32_t first, uint32_t length)
+{
+    int64_t end = 0;
+    const bool bWhole = length <= first;
+    if (length < INDX_RECORD_HEADER)
+        return nullptr;
+    if (!bWhole && (!FileSysGetLength(&end, hFile) ||
+                    static_cast<int64_t>(offset) + length > end))
+        return nullptr;
+    HeldMemory<uint8_t> bytes(
+        static_cast<uint8_t*>(MemAllocateUncleared(length, IndxPool())));
+    if (!bytes)
+        return nullptr;
+    MemCopy(bytes.get(), pFirst, std::min(first, length));
+    if (!bWhole) {
+        uint32_t count = 0;
+        const uint32_t rest = length - first;
+        if (!FileSysRead(&count, hFile, bytes.get() + first, rest) || count != rest)
+            return nullptr;
+    }
+    return bytes.Take();
+}
+
+} // namespace
+
+NimBool IndxRetriveRecord(void* pData, void* oTable, uint32_t offset)
+{
+    INDX_TRACE(INDX_DETAIL, "IndxRetriveRecord(%p, %p, %ld)", pData, oTable, offset);
+    IndxTable* pTable = IndxAsTable(oTable);
+    if (!pTable || !pData)
+        return FALSE;
+    if (FileSysSeek(pTable->hRecords, static_cast<int32_t>(offset)) != 1) {
+        ReportSeek(pTable, offset);
+        return FALSE;
+    }
+    // Header and, for most records, everything else in one read.
+    uint8_t first[FIRST_READ];
+    uint32_t count = 0;
+    if (!FileSysRead(&count, pTable->hRecords, first, FIRST_READ) || count < INDX_RECORD_HEADER) {
+        ReportHeader(pTable, offset);
+        return FALSE;
+    }
+    const uint32_t length = GetU32(first + INDX_RECORD_LENGTH);
+    uint8_t* pBytes = ReadRest(pTable->hRecords, offset, first, count, length);
+    if (!pBytes) {
+        ReportRecord(pTable, length, offset);
+        return FALSE;
+    }
+    auto* pRecord = static_cast<ObjData*>(pData);
+    pRecord->size = length;
+    pRecord->data = pBytes;
+    return TRUE;
+}
+
+namespace {
+
+// An empty database BLOB of the table's record type.
+DbBlob* NewBlob(const IndxTable* pTable)
+{
+    HeldObject<DbBlob> blob;
+    if (!IndxEnsureTemplates() ||
+        !ObjTemplateCreateInstanceFromPool(blob.OutVoid(), gIndxTemplates.blob, IndxPool()))
+        return nullptr;
+    blob->magic = pTable->recordMagic;
+    blob->format = StrDuplicateIntoPool(pTable->format, IndxPool());
+    return blob->format ? blob.Take() : nullptr;
+}
+
+// The cursor's table and key when it stands on a key of an open table.
+bool IsOnRecord(const IndxCursor* pCursor)
+{
+    return pCursor && pCursor->status == INDX_ON_KEY && pCursor->oKey &&
+           pCursor->oField->oTable != nullptr;
+}
+
+} // namespace
+
+NimBool IndxGetRecord(void** ppRecord, void* oTable, uint32_t offset)
+{
+    if (!ppRecord)
+        return FALSE;
+    *ppRecord = nullptr;
+    IndxTable* pTable = IndxAsTable(oTable);
+    HeldObject<DbBlob> blob(pTable ? NewBlob(pTable) : nullptr);
+    if (!blob || !IndxRetriveRecord(&blob->data, pTable, offset))
+        return FALSE;
+    *ppRecord = blob.Take();
+    return TRUE;
+}
+
+NimBool IndxGetRecordAtCursor(void** ppRecord, void* oCursor)
+{
+    if (!ppRecord)
+        return FALSE;
+    *ppRecord = nullptr;
+    const IndxCursor* pCursor = IndxAsCursor(oCursor);
+    return IsOnRecord(pCursor)
+               ? IndxGetRecord(ppRecord, pCursor->oField->oTable, pCursor->oKey->fileOffset)
+               : FALSE;
+}
+
+namespace {
+
+// A record belongs to its key when it carries the key's id; an index that points elsewhere is
+// corrupt. False also for a record too short to carry an id.
+bool BelongsToKey(const IndxTable* pTable, const IndxKeyInfo* pKey, const ObjData* pRecord)
+{
+    if (!BytesInside(pTable->idOffset, 4, pRecord->size)) {
+        ReportRecord(pTable, pRecord->size, pKey->fileOffset);
+        return false;
+    }
+    const uint32_t id = GetU32(static_cast<const uint8_t*>(pRecord->data) + pTable->idOffset);
+    if (id == pKey->recordId)
+        return true;
+    INDX_TRACE(
+        INDX_ALWAYS, "Table %s: Cursor Key id %ld does not match record at %ld with id %ld",
+        pTable->name, pKey->recordId, pKey->fileOffset, id);
+    ProcCrash(0);
+    return false;
+}
+
+} // namespace
+
+NimBool IndxGetObjectAtCursor(void** ppObject, void* oCursor)
+{
+    if (!ppObject)
+        return FALSE;
+    *ppObject = nullptr;
+    const IndxCursor* pCursor = IndxAsCursor(oCursor);
+    if (!IsOnRecord(pCursor))
+        return FALSE;
+    IndxTable* pTable = pCursor->oField->oTable;
+    HeldObject<DbBlob> blob(NewBlob(pTable));
+    if (!blob || !IndxRetriveRecord(&blob->data, pTable, pCursor->oKey->fileOffset) ||
+        !BelongsToKey(pTable, pCursor->oKey, &blob->data))
+        return FALSE;
+    return DbConvertObjectFromDbFormat(ppObject, blob.get());
+}
