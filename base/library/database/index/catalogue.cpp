@@ -18,7 +18,10 @@ constexpr const char* UNFINISHED = ".new";
 // The home directory during an open; null in between.
 char* gHomeDirectory = nullptr;
 
-bool IsClustered() { return gbDbClusteredMode == DB_CLUSTERED_MODE; }
+bool IsClustered()
+{
+    return gbDbClusteredMode == DB_CLUSTERED_MODE;
+}
 
 // ---- directories -----------------------------------------------------------------------------
 
@@ -112,8 +115,7 @@ IndxDatabase* MakeDatabase(const char* name, const char* directory)
         !MakeSubdirectory(&database->attributesPath, directory, "Attributes"))
         return nullptr;
     database->name = StrDuplicateIntoPool(name, IndxPool());
-    if (!database->name ||
-        !ListCreateFromPool(&database->oTables, INDX_TABLE_MAGIC, IndxPool()))
+    if (!database->name || !ListCreateFromPool(&database->oTables, INDX_TABLE_MAGIC, IndxPool()))
         return nullptr;
     return database.Take();
 }
@@ -154,8 +156,7 @@ NimBool CloseItem(void* oTables, void* oTable)
 
 } // namespace
 
-NimBool IndxOpenDatabase(
-    void** ppDatabase, const char* name, void* tableNames, const char* homeDir)
+NimBool IndxOpenDatabase(void** ppDatabase, const char* name, void* tableNames, const char* homeDir)
 {
     INDX_TRACE(
         INDX_DETAIL, "IndxOpenDatabase(%p, %s, %p)", static_cast<void*>(ppDatabase), name,
@@ -196,8 +197,7 @@ NimBool IndxCloseTable(void** ppTable)
     IndxTable* pTable = ppTable ? IndxAsTable(*ppTable) : nullptr;
     if (!pTable)
         return FALSE;
-    INDX_TRACE(
-        INDX_DETAIL, "Release table (%p) %s", static_cast<void*>(pTable), pTable->name);
+    INDX_TRACE(INDX_DETAIL, "Release table (%p) %s", static_cast<void*>(pTable), pTable->name);
     if (IsClustered())
         BlckReleaseAll(pTable->oBlck);
     ObjRelease(pTable->oBlck);

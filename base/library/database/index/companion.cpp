@@ -96,8 +96,7 @@ NimBool IndxGetFilePath(char** ppPath, void* oTable, uint32_t id)
     const IndxTable* pTable = IndxAsTable(oTable);
     // An id from 2^31 on counts as negative and is refused too.
     if (!ppPath || !pTable || static_cast<int32_t>(id) < 1) {
-        INDX_TRACE_ERROR(
-            INDX_ALWAYS, "Invalid argument (id is %ld)", static_cast<int32_t>(id));
+        INDX_TRACE_ERROR(INDX_ALWAYS, "Invalid argument (id is %ld)", static_cast<int32_t>(id));
         return FALSE;
     }
     char upper[NAME_ROOM];

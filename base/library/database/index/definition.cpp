@@ -33,7 +33,10 @@ void SetUnindexed(IndxField* pField, int32_t type)
 
 // ---- flags -----------------------------------------------------------------------------------
 
-bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+bool IsBlank(char c)
+{
+    return c == ' ' || c == '\t';
+}
 
 // Sets the flag that one word of `length` bytes names. A leading part of a keyword names it too,
 // and the first that fits wins: the comparison runs over the word's own length.
@@ -91,9 +94,10 @@ void Refuse(Definition* pDefinition, uint32_t error)
 bool NameField(Definition* pDefinition, IndxField* pField, const char* word)
 {
     const char* pSeparator = StrNextCharMatch(word, ';');
-    pField->name = pSeparator ? StrDuplicateRangeIntoPool(
-                                    word, IndxPool(), static_cast<uint32_t>(pSeparator - word))
-                              : StrDuplicateIntoPool(word, IndxPool());
+    pField->name =
+        pSeparator
+            ? StrDuplicateRangeIntoPool(word, IndxPool(), static_cast<uint32_t>(pSeparator - word))
+            : StrDuplicateIntoPool(word, IndxPool());
     if (!pField->name)
         return false;
     if (pSeparator) {
@@ -217,8 +221,7 @@ bool HasTexts(const char* format, const char* fields)
 }
 
 // Copies the texts and makes room for the fields. False: no memory.
-bool PrepareTable(
-    IndxTable* pTable, const char* format, const char* fields, const ObjDbData* pData)
+bool PrepareTable(IndxTable* pTable, const char* format, const char* fields, const ObjDbData* pData)
 {
     const uint32_t flagBytes =
         static_cast<uint32_t>(pData->fieldCount) * static_cast<uint32_t>(sizeof(uint32_t));
@@ -253,8 +256,7 @@ NimBool HookField(void* context, void* item)
     ObjRelease(pField->oTable);
     pField->oTable = pTable;
     ObjRelease(pField->oCursors);
-    if (pField->bIndexed &&
-        !ListCreateFromPool(&pField->oCursors, INDX_CURSOR_MAGIC, IndxPool()))
+    if (pField->bIndexed && !ListCreateFromPool(&pField->oCursors, INDX_CURSOR_MAGIC, IndxPool()))
         return FALSE;
     pField->committedRoots = pField->roots;
     pField->committedLevels = pField->levels;
@@ -329,8 +331,8 @@ NimBool IndxMatchField(const void* name, const void* item)
     return StrCompareNoCase(static_cast<const char*>(name), itemName) == 0;
 }
 
-NimBool IndxCreateTable(
-    IndxTable* pTable, uint32_t recordMagic, const char* format, const char* fields)
+NimBool
+IndxCreateTable(IndxTable* pTable, uint32_t recordMagic, const char* format, const char* fields)
 {
     INDX_TRACE(INDX_DETAIL, "IndxCreateTable()");
     if (!HasTexts(format, fields))

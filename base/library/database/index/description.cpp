@@ -88,8 +88,8 @@ bool HasSoundRoots(const IndxField* pField, uint32_t blockCount)
 }
 
 // What is wrong with a field as such.
-const char* FieldFault(
-    const IndxTable* pTable, const IndxField* pField, uint32_t position, uint32_t blockCount)
+const char*
+FieldFault(const IndxTable* pTable, const IndxField* pField, uint32_t position, uint32_t blockCount)
 {
     if (!HasTemplate(pField, gIndxTemplates.field))
         return "an item of the field list is no field";
@@ -97,7 +97,8 @@ const char* FieldFault(
         return "a field has no name";
     if (pField->oTable && pField->oTable != pTable)
         return "a field belongs to another table";
-    // Also tells an object that is in the list twice.
+    // Also tells an object that is in the list twice. The search ends at this field at the latest,
+    // so it meets only fields that were judged already.
     void* oFirst = nullptr;
     if (!ListSearch(pTable->oFields, IndxMatchField, pField->name, &oFirst) || oFirst != pField)
         return "a field is there twice";
@@ -136,8 +137,7 @@ const char* ShapeFault(const IndxTable* pTable, uint32_t blockCount)
         void* oField = nullptr;
         if (!ListGetNthItem(&oField, pTable->oFields, i))
             return "the fields cannot be counted";
-        if (const char* fault =
-                FieldFault(pTable, static_cast<IndxField*>(oField), i, blockCount))
+        if (const char* fault = FieldFault(pTable, static_cast<IndxField*>(oField), i, blockCount))
             return fault;
     }
     return nullptr;
@@ -209,8 +209,8 @@ void IndxDiscardGraph(void** ppRoot)
 bool IndxIsBlank(void* oBlck)
 {
     const auto* pData = static_cast<const uint8_t*>(BlckUserData(oBlck));
-    return pData && std::all_of(
-                        pData, pData + BlckUserDataLength(oBlck), [](uint8_t b) { return b == 0; });
+    return pData &&
+           std::all_of(pData, pData + BlckUserDataLength(oBlck), [](uint8_t b) { return b == 0; });
 }
 
 const char* IndxTableFault(const IndxTable* pTable, void* oBlck)
@@ -223,13 +223,12 @@ const char* IndxTableFault(const IndxTable* pTable, void* oBlck)
     return fault ? fault : TemplateFault(pTable);
 }
 
-IndxStored IndxRebuildTable(
-    IndxTable** ppTable, void* oBlck, const char* name, const char* fileName)
+IndxStored
+IndxRebuildTable(IndxTable** ppTable, void* oBlck, const char* name, const char* fileName)
 {
     *ppTable = nullptr;
     void* oRebuilt = nullptr;
-    if (!ObjReconstructFromMemorySized(
-            &oRebuilt, BlckUserData(oBlck), BlckUserDataLength(oBlck))) {
+    if (!ObjReconstructFromMemorySized(&oRebuilt, BlckUserData(oBlck), BlckUserDataLength(oBlck))) {
         INDX_TRACE(INDX_DETAIL, "Failed to reconstruct table");
         return IndxIsBlank(oBlck) ? IndxStored::Blank : IndxStored::Refused;
     }

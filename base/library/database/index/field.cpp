@@ -36,8 +36,7 @@ IndxCursor* OpenCursor(IndxField* pField)
 
 NimBool IndxGetField(void** ppField, void* oTable, const char* name)
 {
-    INDX_TRACE(
-        INDX_DETAIL, "IndxGetField(%p, %p, %s)", static_cast<void*>(ppField), oTable, name);
+    INDX_TRACE(INDX_DETAIL, "IndxGetField(%p, %p, %s)", static_cast<void*>(ppField), oTable, name);
     if (ppField)
         *ppField = nullptr;
     const IndxTable* pTable = IndxAsTable(oTable);

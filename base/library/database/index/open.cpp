@@ -98,8 +98,7 @@ bool OpenBlockFile(void** ppBlck, IndxDatabase* pDatabase, const char* fileName)
 }
 
 // Gives a rebuilt table what is not stored with it. False: no memory; the ring may be half made.
-bool AttachTable(
-    IndxTable* pTable, void* oBlck, IndxDatabase* pDatabase, const char* fileName)
+bool AttachTable(IndxTable* pTable, void* oBlck, IndxDatabase* pDatabase, const char* fileName)
 {
     // The host's flag word: in clustered mode a loaded table is marked in it.
     if (gbDbClusteredMode == DB_CLUSTERED_MODE)
@@ -116,8 +115,8 @@ bool AttachTable(
     return true;
 }
 
-IndxStored LoadFromFile(
-    IndxTable** ppTable, IndxDatabase* pDatabase, const char* fileName, const char* name)
+IndxStored
+LoadFromFile(IndxTable** ppTable, IndxDatabase* pDatabase, const char* fileName, const char* name)
 {
     *ppTable = nullptr;
     HeldObject<> blck;
@@ -181,13 +180,11 @@ IndxStored LoadIntoDatabase(IndxTable** ppTable, const Request& request)
             ListAddLastItem(request.pDatabase->oTables, *ppTable))
             return stored;
         if (StrCompareNoCase((*ppTable)->name, request.name) != 0) {
-            INDX_TRACE(
-                INDX_ALWAYS, "'%s' holds table '%s'", request.fileName, (*ppTable)->name);
+            INDX_TRACE(INDX_ALWAYS, "'%s' holds table '%s'", request.fileName, (*ppTable)->name);
         }
         UnloadTable(ppTable);
     }
-    INDX_TRACE(
-        INDX_ALWAYS, "Failed to load table '%s' from '%s'", request.name, request.fileName);
+    INDX_TRACE(INDX_ALWAYS, "Failed to load table '%s' from '%s'", request.name, request.fileName);
     return IndxStored::Refused;
 }
 
@@ -246,24 +243,33 @@ NimBool CreateNewTable(void** ppTable, const Request& request)
     return bStored && (!ppTable || *ppTable);
 }
 
+// A table that was closed while its database is open is still in the list, without fields and block
+// file. It leaves the list, so that opening it by name finds it on disk again.
+void ForgetClosedTable(const Request& request)
+{
+    void* oTable = nullptr;
+    ListNode* pNode = nullptr;
+    if (ListSearch(request.pDatabase->oTables, IndxMatchTable, request.name, &oTable) &&
+        !static_cast<IndxTable*>(oTable)->oBlck &&
+        ListFindNode(&pNode, request.pDatabase->oTables, oTable))
+        ListRemoveItem(pNode);
+}
+
 NimBool OpenOrCreate(void** ppTable, const Request& request)
 {
-    HeldObject<> table;
-    if (!IndxOpenExistingTable(table.Out(), request.pDatabase, request.name, request.version)) {
-        IndxTable* pLoaded = nullptr;
-        switch (LoadIntoDatabase(&pLoaded, request)) {
-        case IndxStored::Sound: {
-            HeldObject<> loaded(pLoaded);
-            *table.Out() = loaded.Take();
+    ForgetClosedTable(request);
+    HeldObject<IndxTable> table;
+    if (!IndxOpenExistingTable(table.OutVoid(), request.pDatabase, request.name, request.version)) {
+        switch (LoadIntoDatabase(table.Out(), request)) {
+        case IndxStored::Sound:
             break;
-        }
         case IndxStored::Blank:
             return CreateNewTable(ppTable, request);
         case IndxStored::Refused:
             return FALSE;
         }
     }
-    if (!HasShapeOf(static_cast<IndxTable*>(table.get()), request)) {
+    if (!HasShapeOf(table.get(), request)) {
         INDX_TRACE_ERROR(INDX_ALWAYS, "Shape of table has changed");
         IndxSetError(INDX_ERROR_SHAPE);
         return FALSE;
@@ -304,8 +310,7 @@ NimBool IndxOpenTableInternal(
     return bOpened;
 }
 
-NimBool IndxOpenExistingTable(
-    void** ppTable, void* oDatabase, const char* name, uint32_t version)
+NimBool IndxOpenExistingTable(void** ppTable, void* oDatabase, const char* name, uint32_t version)
 {
     INDX_TRACE(
         INDX_DETAIL, "IndxOpenExistingTable(%p, %p, %s, %ld)", static_cast<void*>(ppTable),
@@ -391,15 +396,13 @@ NimBool IndxGetTableVersion(uint32_t* pVersion, const char* fileName, void* oDat
     HeldStanza stanza;
     HeldMemory<char> path(PathBuild(pDatabase->attributesPath, fileName, 0));
     if (!StnzLoadStanzaFromFile(&stanza.p, path.get(), 0, VERSION_STANZA)) {
-        INDX_TRACE_ERROR(
-            INDX_ALWAYS, "Failed to load version stanza for table '%s'", fileName);
+        INDX_TRACE_ERROR(INDX_ALWAYS, "Failed to load version stanza for table '%s'", fileName);
         return FALSE;
     }
     constexpr auto NONE = static_cast<int32_t>(INDX_VERSION_NONE);
     int32_t version = NONE;
     if (!StnzGetInteger(stanza.p, VERSION_KEY, NONE, &version) || version == NONE) {
-        INDX_TRACE(
-            INDX_ALWAYS, "Failed to get version integer from stnz for '%s'", fileName);
+        INDX_TRACE(INDX_ALWAYS, "Failed to get version integer from stnz for '%s'", fileName);
         return FALSE;
     }
     INDX_TRACE(INDX_DETAIL, "Got version of %ld for table '%s'", version, fileName);

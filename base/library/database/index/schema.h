@@ -42,8 +42,8 @@ enum class IndxStored {
 //   ppTable   out: the table with one reference when the result is Sound, else null.
 //   oBlck     in: the block file; null is refused.
 //   name, fileName  in: for the failure trace.
-IndxStored IndxRebuildTable(
-    IndxTable** ppTable, void* oBlck, const char* name, const char* fileName);
+IndxStored
+IndxRebuildTable(IndxTable** ppTable, void* oBlck, const char* name, const char* fileName);
 
 // Whether no byte of the block file's user data was ever set; false without a block file.
 bool IndxIsBlank(void* oBlck);
