@@ -19,6 +19,7 @@
 #include <cstring>
 
 #include "memdirect.h"
+#include "mempool.h"
 #include "nim/fault.h"
 #include "nim/proc.h"
 #include "nim/trace.h"
@@ -338,6 +339,16 @@ void MemTrim(void)
         while (MemPrefix* p = MemTake(cls))
             free(p);
     MemDirectTrim();
+}
+
+uint64_t MemWaitingBytes()
+{
+    uint64_t bytes = 0;
+    for (uint32_t cls = 0; cls < MEM_CLASSES; ++cls) {
+        SpinLockGuard guard(gMemClasses[cls].lock);
+        bytes += uint64_t{gMemClasses[cls].count} * MemClassCapacity(cls);
+    }
+    return bytes;
 }
 
 #ifndef NIM_NO_FAULTS
