@@ -18,13 +18,14 @@ static uint32_t gFirstFree;     // slots that were used before and are free agai
 static uint32_t gNextFresh = 1; // the slots from here on have never been used
 static std::atomic<uint32_t> gCount;
 
-// Neither all zeros nor all ones: such numbers are common where no handle is.
+// Not zero, since small numbers are common where no handle is; and with the highest bit free, so
+// that no carry ever takes it through FILE_NONE to zero.
 static uint64_t FileTableDrawBase()
 {
     uint64_t upper;
     do {
-        upper = SysRandom() >> 32;
-    } while (upper == 0 || upper == 0xFFFFFFFFu);
+        upper = SysRandom() >> 33;
+    } while (upper == 0);
     return upper << 32;
 }
 
@@ -43,10 +44,7 @@ void* FileTableAdd(File* file)
         return FILE_NONE;
 
     FileSlot& slot = gFileSlots[index];
-    uint64_t token;
-    do {
-        token = gBase + (++slot.uses << FILE_SLOT_BITS | index);
-    } while (token == UINT64_MAX);
+    const uint64_t token = gBase + (++slot.uses << FILE_SLOT_BITS | index);
     slot.file.store(file, std::memory_order_relaxed);
     slot.token.store(token, std::memory_order_release);
     gCount.fetch_add(1, std::memory_order_relaxed);
