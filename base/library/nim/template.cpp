@@ -10,7 +10,7 @@
 // registering takes one. Its memory does not come from the pools, so that it is no leak of theirs.
 
 #include "object_internal.h"
-#include "sys.h"
+#include "spinlock.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -27,20 +27,7 @@ constexpr uint32_t LEAST_UNCLEARED = 256;  // shorter arrays are cheaper cleared
 constexpr uint32_t BUCKETS = 1024;
 
 std::atomic<ObjTemplate*> gBuckets[BUCKETS];
-std::atomic_flag gRegistering = ATOMIC_FLAG_INIT;
-
-// Registering is rare and short: a spinning lock will do, and needs no setting up.
-class RegistryLock {
-  public:
-    RegistryLock()
-    {
-        while (gRegistering.test_and_set(std::memory_order_acquire))
-            SysYield();
-    }
-    ~RegistryLock() { gRegistering.clear(std::memory_order_release); }
-    RegistryLock(const RegistryLock&) = delete;
-    RegistryLock& operator=(const RegistryLock&) = delete;
-};
+SpinLock gRegistering; // looking up takes none
 
 struct Item {
     int32_t kind;
@@ -351,7 +338,7 @@ NimBool ObjTemplateCreateInternal(
     Wanted wanted{size, false, destructor};
     ObjTemplate* tmpl = Find(hash, magic, format, wanted);
     if (!tmpl) {
-        RegistryLock lock;
+        SpinLockGuard guard(gRegistering);
         tmpl = Find(hash, magic, format, wanted);
         if (!tmpl) {
             tmpl = Make(magic, format, layout);
@@ -415,7 +402,7 @@ ObjTemplate* ObjTemplateMakePrivate(uint32_t magic, const char* format)
 
 ObjTemplate* ObjTemplatePublish(ObjTemplate* tmpl)
 {
-    RegistryLock lock;
+    SpinLockGuard guard(gRegistering);
     Wanted wanted{tmpl->size, false, nullptr};
     ObjTemplate* registered = Find(tmpl->hash, tmpl->magic, tmpl->db.format, wanted);
     if (registered)
