@@ -64,7 +64,7 @@ NIM_API void TraceSetSink(TraceSink sink, void* context, int32_t level);
 NIM_API void TraceSetRingLevel(int32_t level);
 
 /* Traces a line; NIM_TRACE calls it. Tests the level again, so that it may be called directly.
- *   module  the tag; null prints as (null)
+ *   module  the tag, up to 255 bytes of which are printed; null prints as (null)
  *   line    source line
  *   error   1 marks a failure, else 0
  *   level   -1 and up

@@ -48,7 +48,8 @@ uint32_t FaultArm(const FaultRule* rule)
 {
     if (!rule || rule->point == 0 || rule->point >= FAULT_POINTS || rule->mode > FAULT_SHORT)
         return 0;
-    if (rule->pathPart && strlen(rule->pathPart) >= FAULT_PATH_BYTES)
+    size_t length = rule->pathPart ? strlen(rule->pathPart) : 0;
+    if (length >= FAULT_PATH_BYTES)
         return 0;
     SpinLockGuard guard(gFaultLock);
     if (gFaultRuleCount == FAULT_RULES)
@@ -59,7 +60,7 @@ uint32_t FaultArm(const FaultRule* rule)
     if (armed.rule.nth == 0)
         armed.rule.nth = 1;
     if (rule->pathPart) {
-        strcpy(armed.pathPart, rule->pathPart);
+        memcpy(armed.pathPart, rule->pathPart, length + 1);
         armed.rule.pathPart = armed.pathPart;
     }
     gFaultActive = true;
@@ -116,8 +117,10 @@ static void FaultCount(uint32_t point, const char* path)
     if (!path)
         return;
     size_t length = strlen(path);
-    if (length >= FAULT_PATH_BYTES)
+    if (length >= FAULT_PATH_BYTES) {
         path += length - (FAULT_PATH_BYTES - 1);
+        length = FAULT_PATH_BYTES - 1;
+    }
     for (uint32_t i = 0; i < gFaultCounterCount; ++i) {
         if (gFaultCounters[i].point == point && strcmp(gFaultCounters[i].path, path) == 0) {
             ++gFaultCounters[i].calls;
@@ -128,7 +131,7 @@ static void FaultCount(uint32_t point, const char* path)
         FaultCounter& counter = gFaultCounters[gFaultCounterCount++];
         counter.point = point;
         counter.calls = 1;
-        strcpy(counter.path, path);
+        memcpy(counter.path, path, length + 1);
     }
 }
 

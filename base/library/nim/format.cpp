@@ -136,6 +136,8 @@ static void FormatString(FormatOutput* out, const FormatDirective* d, const char
     FormatPadded(out, d, text, count);
 }
 
+// NOLINTBEGIN(clang-analyzer-valist.Uninitialized): it does not see that the caller started the
+// list
 uint32_t FormatMessageV(char* buffer, uint32_t size, const char* format, va_list args)
 {
     FormatOutput out = {buffer, size != 0 ? size - 1 : 0, 0};
@@ -186,6 +188,7 @@ uint32_t FormatMessageV(char* buffer, uint32_t size, const char* format, va_list
         buffer[out.length < out.room ? out.length : out.room] = 0;
     return out.length < 0xFFFFFFFF ? static_cast<uint32_t>(out.length) : 0xFFFFFFFF;
 }
+// NOLINTEND(clang-analyzer-valist.Uninitialized)
 
 uint32_t FormatMessageVa(char* buffer, uint32_t size, const char* format, ...)
 {

@@ -128,9 +128,9 @@ static inline uint64_t MemFreeGuard(const MemPrefix* p, const MemPrefix* next)
 
 static inline MemPrefix* MemNext(const MemPrefix* p)
 {
-    MemPrefix* next;
+    uintptr_t next;
     memcpy(&next, p + 1, sizeof next);
-    return next;
+    return reinterpret_cast<MemPrefix*>(next);
 }
 
 void SpinLock::LockSlow()
@@ -207,9 +207,9 @@ static inline bool MemKeep(uint32_t cls, MemPrefix* p)
     SpinLockGuard guard(c.lock);
     if (c.count >= MemClassBound(cls))
         return false;
-    MemPrefix* next = c.first;
+    uintptr_t next = reinterpret_cast<uintptr_t>(c.first);
     memcpy(static_cast<void*>(p + 1), &next, sizeof next);
-    p->guard = MemFreeGuard(p, next);
+    p->guard = MemFreeGuard(p, c.first);
     c.first = p;
     ++c.count;
     return true;

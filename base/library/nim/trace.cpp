@@ -123,7 +123,7 @@ static uint32_t TraceCompose(
     va_list args)
 {
     uint32_t start = FormatMessageVa(
-        buffer, size, "%s %5lu %c %2ld ", line->module, line->line, line->error ? 'E' : ' ',
+        buffer, size, "%.255s %5lu %c %2ld ", line->module, line->line, line->error ? 'E' : ' ',
         line->level);
     *head = start;
     uint32_t fits = start < size ? size - start : 0;
@@ -180,9 +180,8 @@ void TraceMessageV(
     uint32_t length = TraceCompose(text, size, &head, &record, format, args);
     // The ring alone needs no more than what is there.
     if (length >= size && toSink) {
-        uint64_t whole = uint64_t{length} + 1;
-        uint64_t limit = uint64_t{head} + TRACE_TEXT_LIMIT + 1;
-        uint32_t wanted = static_cast<uint32_t>(whole < limit ? whole : limit);
+        uint32_t limit = head + TRACE_TEXT_LIMIT;
+        uint32_t wanted = (length < limit ? length : limit) + 1;
         char* heap = static_cast<char*>(malloc(wanted));
         if (heap) {
             text = heap;

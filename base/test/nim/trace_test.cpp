@@ -220,6 +220,14 @@ TEST(Trace, NullTagAndFormatArePrintedAsSuch)
     EXPECT_TRUE(trace.has(TAG, 0, 0, "(null)"));
 }
 
+TEST(Trace, AnEndlessTagLeavesTheTextWhole)
+{
+    TraceRecorder trace;
+    std::string tag(5000, 'T');
+    TraceMessageVa(tag.c_str(), 1, 0, 0, "%s", std::string(2000, 't').c_str());
+    EXPECT_TRUE(trace.has(tag, 0, 0, std::string(2000, 't')));
+}
+
 TEST(Trace, TakesItsArgumentsAsAListToo)
 {
     TraceRecorder trace;
