@@ -1,1 +1,378 @@
-// sys_win32.cpp
+// sys_win32.cpp: the platform interface on Windows.
+//
+// Paths are UTF-8 outside and UTF-16 here. They are made whole (drive, directory, back slashes)
+// before use, and those that pass the old limit of 260 characters get the prefix that lifts it.
+// Nothing traces, takes memory from a pool or keeps state; the buffers stand on the stack, since no
+// path and no variable of the environment is longer than 32,767 characters.
+#define WIN32_LEAN_AND_MEAN
+#define NOMINMAX
+#define _CRT_RAND_S
+#if !defined(_WIN32_WINNT)
+#define _WIN32_WINNT 0x0A00
+#endif
+#include "sys.h"
+
+#include <windows.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+
+constexpr DWORD WIDE_ROOM = 32768;
+// Directories are limited to 12 characters less than files, for the names to be made in them.
+constexpr DWORD LONG_PATH = MAX_PATH - 12;
+// One transfer; far below what the 32-bit count of the calls can hold.
+constexpr size_t TRANSFER_MOST = size_t{1} << 30;
+
+namespace {
+
+// A path as the wide-character calls take it.
+class WidePath {
+  public:
+    explicit WidePath(const char* path, const wchar_t* tail = L"");
+    // Null when the path is no UTF-8, or too long.
+    const wchar_t* Text() const { return text_; }
+
+  private:
+    static constexpr DWORD PREFIX_ROOM = 8; // for \\?\UNC\ ahead of the path
+    wchar_t room_[PREFIX_ROOM + WIDE_ROOM];
+    wchar_t* text_ = nullptr;
+};
+
+WidePath::WidePath(const char* path, const wchar_t* tail)
+{
+    wchar_t given[WIDE_ROOM];
+    const int length =
+        MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path, -1, given, WIDE_ROOM);
+    if (length <= 1)
+        return; // "" names nothing
+    wchar_t* whole = room_ + PREFIX_ROOM;
+    DWORD size = GetFullPathNameW(given, WIDE_ROOM, whole, nullptr);
+    const size_t tailSize = wcslen(tail);
+    if (size == 0 || size + tailSize >= WIDE_ROOM)
+        return;
+    if (tailSize > 0 && whole[size - 1] == L'\\')
+        ++tail; // it begins with a separator of its own
+    wcscpy(whole + size, tail);
+    size += static_cast<DWORD>(wcslen(tail));
+
+    text_ = whole;
+    const bool device = wcsncmp(whole, L"\\\\?\\", 4) == 0 || wcsncmp(whole, L"\\\\.\\", 4) == 0;
+    if (size < LONG_PATH || device)
+        return;
+    if (wcsncmp(whole, L"\\\\", 2) == 0) {
+        text_ = whole - 6; // \\server\share becomes \\?\UNC\server\share
+        wmemcpy(text_, L"\\\\?\\UNC\\", 8);
+    } else {
+        text_ = whole - 4;
+        wmemcpy(text_, L"\\\\?\\", 4);
+    }
+}
+
+bool ToUtf8(const wchar_t* text, char* buffer, size_t size)
+{
+    const int room = size < INT_MAX ? static_cast<int>(size) : INT_MAX;
+    return WideCharToMultiByte(CP_UTF8, 0, text, -1, buffer, room, nullptr, nullptr) > 0;
+}
+
+HANDLE Handle(intptr_t file)
+{
+    return reinterpret_cast<HANDLE>(file);
+}
+
+OVERLAPPED At(int64_t offset)
+{
+    OVERLAPPED place = {};
+    place.Offset = static_cast<DWORD>(offset);
+    place.OffsetHigh = static_cast<DWORD>(offset >> 32);
+    return place;
+}
+
+} // namespace
+
+// ---- files ----
+
+bool SysFileOpen(intptr_t* file, const char* path, uint32_t flags)
+{
+    *file = SYS_NO_FILE;
+    const WidePath wide(path);
+    if (!wide.Text())
+        return false;
+    DWORD access = 0;
+    if (flags & SYS_READ)
+        access |= GENERIC_READ;
+    if (flags & SYS_WRITE)
+        access |= GENERIC_WRITE;
+    DWORD how = OPEN_EXISTING;
+    if (flags & SYS_TRUNCATE)
+        how = CREATE_ALWAYS;
+    else if (flags & SYS_CREATE)
+        how = OPEN_ALWAYS;
+    // Without the flag for backups a directory does not open. Without security attributes the
+    // handle is not inherited.
+    const HANDLE handle = CreateFileW(
+        wide.Text(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, how,
+        FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle == INVALID_HANDLE_VALUE)
+        return false;
+    const DWORD type = GetFileType(handle);
+    if (type != FILE_TYPE_DISK && type != FILE_TYPE_CHAR) { // a pipe has no offsets
+        CloseHandle(handle);
+        return false;
+    }
+    *file = reinterpret_cast<intptr_t>(handle);
+    return true;
+}
+
+bool SysFileClose(intptr_t file)
+{
+    return CloseHandle(Handle(file)) != 0;
+}
+
+bool SysFileRead(size_t* moved, intptr_t file, void* buffer, size_t size, int64_t offset)
+{
+    OVERLAPPED place = At(offset);
+    DWORD count = 0;
+    const DWORD wanted = static_cast<DWORD>(size < TRANSFER_MOST ? size : TRANSFER_MOST);
+    const bool good = ReadFile(Handle(file), buffer, wanted, &count, &place) != 0 ||
+                      GetLastError() == ERROR_HANDLE_EOF;
+    *moved = count;
+    return good;
+}
+
+bool SysFileWrite(size_t* moved, intptr_t file, const void* buffer, size_t size, int64_t offset)
+{
+    OVERLAPPED place = At(offset);
+    DWORD count = 0;
+    const DWORD wanted = static_cast<DWORD>(size < TRANSFER_MOST ? size : TRANSFER_MOST);
+    const bool good = WriteFile(Handle(file), buffer, wanted, &count, &place) != 0;
+    *moved = count;
+    return good;
+}
+
+bool SysFileLength(int64_t* length, intptr_t file)
+{
+    LARGE_INTEGER size = {};
+    const bool good = GetFileSizeEx(Handle(file), &size) != 0;
+    *length = good ? size.QuadPart : 0;
+    return good;
+}
+
+bool SysFileReserve(intptr_t file, int64_t offset, int64_t size)
+{
+    // The allocation of a file is one number, and one below the length would cut the file off: it
+    // is only ever raised. What is not used of it, the system takes back when the file is closed.
+    FILE_STANDARD_INFO now = {};
+    if (!GetFileInformationByHandleEx(Handle(file), FileStandardInfo, &now, sizeof now))
+        return true;
+    const int64_t end = offset + size;
+    if (end <= now.AllocationSize.QuadPart || end <= now.EndOfFile.QuadPart)
+        return true;
+    FILE_ALLOCATION_INFO wanted = {};
+    wanted.AllocationSize.QuadPart = end;
+    if (SetFileInformationByHandle(Handle(file), FileAllocationInfo, &wanted, sizeof wanted))
+        return true;
+    switch (GetLastError()) {
+    case ERROR_INVALID_FUNCTION: // the file system has no such call
+    case ERROR_NOT_SUPPORTED:
+    case ERROR_CALL_NOT_IMPLEMENTED:
+    case ERROR_INVALID_PARAMETER:
+    case ERROR_INVALID_LEVEL:
+        return true;
+    default: // ERROR_DISK_FULL, ERROR_DISK_QUOTA_EXCEEDED, ERROR_FILE_TOO_LARGE ...
+        return false;
+    }
+}
+
+bool SysMapPastEnd()
+{
+    return false;
+}
+
+// Only on a volume of this machine does a mapping show at once what is written through a handle.
+static bool SysFileIsRemote(intptr_t file)
+{
+    FILE_REMOTE_PROTOCOL_INFO remote = {};
+    return GetFileInformationByHandleEx(
+               Handle(file), FileRemoteProtocolInfo, &remote, sizeof remote) != 0;
+}
+
+bool SysMap(void** address, intptr_t file, size_t size)
+{
+    *address = nullptr;
+    if (SysFileIsRemote(file))
+        return false;
+    const HANDLE section = CreateFileMappingW(
+        Handle(file), nullptr, PAGE_READONLY, static_cast<DWORD>(uint64_t{size} >> 32),
+        static_cast<DWORD>(size), nullptr);
+    if (!section)
+        return false;
+    *address = MapViewOfFile(section, FILE_MAP_READ, 0, 0, size);
+    CloseHandle(section); // the view keeps what it needs
+    return *address != nullptr;
+}
+
+void SysUnmap(void* address, size_t)
+{
+    UnmapViewOfFile(address);
+}
+
+// ---- directories and names ----
+
+bool SysMakeDirectory(const char* path)
+{
+    const WidePath wide(path);
+    return wide.Text() && CreateDirectoryW(wide.Text(), nullptr);
+}
+
+SysKind SysPathKind(const char* path)
+{
+    const WidePath wide(path);
+    if (!wide.Text())
+        return SYS_ABSENT;
+    const DWORD attributes = GetFileAttributesW(wide.Text());
+    if (attributes != INVALID_FILE_ATTRIBUTES)
+        return attributes & FILE_ATTRIBUTE_DIRECTORY ? SYS_DIRECTORY : SYS_OTHER;
+    switch (GetLastError()) {
+    case ERROR_FILE_NOT_FOUND:
+    case ERROR_PATH_NOT_FOUND:
+    case ERROR_INVALID_NAME:
+    case ERROR_BAD_PATHNAME:
+    case ERROR_DIRECTORY:
+    case ERROR_INVALID_DRIVE:
+    case ERROR_BAD_NETPATH:
+    case ERROR_BAD_NET_NAME:
+    case ERROR_FILENAME_EXCED_RANGE:
+        return SYS_ABSENT;
+    default: // no access, drive not ready ...
+        return SYS_UNKNOWN;
+    }
+}
+
+bool SysScan(const char* directory, SysNameCallback f, void* context)
+{
+    const WidePath pattern(directory, L"\\*");
+    if (!pattern.Text())
+        return false;
+    WIN32_FIND_DATAW entry;
+    const HANDLE scan = FindFirstFileExW(
+        pattern.Text(), FindExInfoBasic, &entry, FindExSearchNameMatch, nullptr,
+        FIND_FIRST_EX_LARGE_FETCH);
+    if (scan == INVALID_HANDLE_VALUE) // the root of an empty drive has not even "."
+        return GetLastError() == ERROR_FILE_NOT_FOUND;
+    bool good = true;
+    do {
+        char name[3 * MAX_PATH + 1]; // three bytes of UTF-8 at most for each of UTF-16
+        if (wcscmp(entry.cFileName, L".") == 0 || wcscmp(entry.cFileName, L"..") == 0)
+            continue;
+        good = ToUtf8(entry.cFileName, name, sizeof name) && f(context, name);
+    } while (good && FindNextFileW(scan, &entry));
+    good = good && GetLastError() == ERROR_NO_MORE_FILES;
+    FindClose(scan);
+    return good;
+}
+
+bool SysReplaceFile(const char* from, const char* to)
+{
+    const WidePath wideFrom(from);
+    const WidePath wideTo(to);
+    return wideFrom.Text() && wideTo.Text() &&
+           MoveFileExW(wideFrom.Text(), wideTo.Text(), MOVEFILE_REPLACE_EXISTING);
+}
+
+bool SysRemoveFile(const char* path)
+{
+    const WidePath wide(path);
+    return wide.Text() && DeleteFileW(wide.Text());
+}
+
+char SysSeparator()
+{
+    return '\\';
+}
+
+bool SysIsSeparator(char c)
+{
+    return c == '\\' || c == '/';
+}
+
+bool SysIsAbsolute(const char* path)
+{
+    // A path with a drive but no root belongs to that drive, and under no other directory.
+    return SysIsSeparator(path[0]) || (path[0] != 0 && path[1] == ':');
+}
+
+bool SysProgramDirectory(char* buffer, size_t size)
+{
+    wchar_t program[WIDE_ROOM];
+    const DWORD length = GetModuleFileNameW(nullptr, program, WIDE_ROOM);
+    if (length == 0 || length >= WIDE_ROOM)
+        return false;
+    wchar_t* end = wcsrchr(program, L'\\');
+    if (!end)
+        return false;
+    if (end > program && end[-1] == L':')
+        ++end; // a program in the root: "C:\" stays, "C:" would be another place
+    *end = 0;
+    return ToUtf8(program, buffer, size);
+}
+
+// ---- process ----
+
+bool SysGetEnvironment(const char* name, char* buffer, size_t size)
+{
+    wchar_t wideName[256];
+    wchar_t value[WIDE_ROOM];
+    if (!MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, name, -1, wideName, 256))
+        return false;
+    SetLastError(ERROR_SUCCESS); // an empty value has the length 0 as well
+    const DWORD length = GetEnvironmentVariableW(wideName, value, WIDE_ROOM);
+    if (length >= WIDE_ROOM || (length == 0 && GetLastError() != ERROR_SUCCESS))
+        return false;
+    value[length] = 0;
+    return ToUtf8(value, buffer, size);
+}
+
+uint64_t SysRandom()
+{
+    unsigned int low = 0;
+    unsigned int high = 0;
+    if (rand_s(&low) == 0 && rand_s(&high) == 0)
+        return static_cast<uint64_t>(high) << 32 | low;
+    // What differs between processes, stirred so that every bit depends on every input bit.
+    LARGE_INTEGER count = {};
+    QueryPerformanceCounter(&count);
+    uint64_t value = static_cast<uint64_t>(count.QuadPart);
+    value ^= static_cast<uint64_t>(GetCurrentProcessId()) << 40;
+    value ^= GetTickCount64() << 20;
+    value = (value ^ (value >> 30)) * 0xbf58476d1ce4e5b9u;
+    value = (value ^ (value >> 27)) * 0x94d049bb133111ebu;
+    return value ^ (value >> 31);
+}
+
+void SysWriteStandardError(const char* text, size_t size)
+{
+    const HANDLE out = GetStdHandle(STD_ERROR_HANDLE);
+    while (size > 0 && out && out != INVALID_HANDLE_VALUE) {
+        DWORD moved = 0;
+        const DWORD part = static_cast<DWORD>(size < TRANSFER_MOST ? size : TRANSFER_MOST);
+        if (!WriteFile(out, text, part, &moved, nullptr) || moved == 0)
+            return;
+        text += moved;
+        size -= moved;
+    }
+}
+
+void SysEndProcess(uint32_t)
+{
+    // At once, without running what libraries do at an exit: the memory is not to be trusted. The
+    // code is the one of abort().
+    TerminateProcess(GetCurrentProcess(), 3);
+    abort(); // not reached
+}
+
+void SysYield()
+{
+    if (!SwitchToThread())
+        Sleep(0);
+}
