@@ -233,6 +233,77 @@ NIMDB_API NimBool IndxGetObjectAtCursor(void** ppObject, void* oCursor);
 /* The same without decoding and without that check: a new database BLOB. */
 NIMDB_API NimBool IndxGetRecordAtCursor(void** ppRecord, void* oCursor);
 
+/* ---- partial records and selections -------------------------------------------------------- */
+
+/* Reads a record's fixed part and, when there is a selection, all its variable data behind it.
+ *   pData      out: ObjData; its bytes are the caller's, freed with MemFree; untouched on failure.
+ *   oTable     in: the table.
+ *   offset     in: of the record in the records file.
+ *   pSelected  in: a selection (IndxGetSelected), or null for the fixed part alone: the slots of
+ *              variable fields then hold sizes and offsets of bytes that were not read. The flags
+ *              themselves are not looked at: a selection brings every variable field.
+ * TRUE or FALSE. Last error 12: seek failed; 13: the record cannot be read or is damaged (log
+ * messages 1307 fixed part, 1306 a field); unchanged when a field has no known type. */
+NIMDB_API NimBool IndxRetrivePartialRecord(
+    void* pData, void* oTable, uint32_t offset, const uint32_t* pSelected);
+
+/* The same as a new database BLOB, given back with ObjRelease; null on failure. Last error 15: an
+ * argument is unusable. */
+NIMDB_API NimBool IndxGetPartialRecord(
+    void** ppRecord, void* oTable, uint32_t offset, const uint32_t* pSelected);
+
+/* The same for the record of a cursor's key, which may be an untrusted one. Last error 15: an
+ * argument is unusable, or the cursor holds no key. */
+NIMDB_API NimBool IndxGetPartialRecordAtCursor(
+    void** ppRecord, void* oCursor, const uint32_t* pSelected);
+
+/* The same decoded into a new object, given back with ObjRelease; null on failure. Without a
+ * selection the variable fields come out absent. The id is not compared with the key's. */
+NIMDB_API NimBool IndxGetPartialObjectAtCursor(
+    void** ppObject, void* oCursor, const uint32_t* pSelected);
+
+/* Makes a selection: one 32-bit flag for each field of the table, in the order of its fields, 1 for
+ * those that are named.
+ *   ppSelected  out: the flags, freed with MemFree; null on failure.
+ *   oNames      in: a list of string objects, not empty; compared without regard to case.
+ * TRUE, or FALSE for an unusable argument or without memory. Sets no error code. */
+NIMDB_API NimBool IndxGetSelected(uint32_t** ppSelected, void* oTable, void* oNames);
+
+/* The same for a table that the database has in its list, by its name. */
+NIMDB_API NimBool IndxGetSelectedByName(
+    uint32_t** ppSelected, void* oDatabase, const char* tableName, void* oNames);
+
+/* *pNumber = the position of a field, from 0, by its name without regard to case. TRUE, or FALSE
+ * with *pNumber untouched: no such field, an empty name, or no table. Sets no error code. */
+NIMDB_API NimBool IndxGetFieldNumber(uint32_t* pNumber, void* oTable, const char* fieldName);
+
+/* *pType = the type of the field at a position from 0: 1 record id, 2 32-bit integer, 3 64-bit
+ * integer, 4 text, 5 text without regard to case, 6 pointer, 7 data, 8 object, 9 unique id, 10
+ * boolean. TRUE, or FALSE with *pType untouched. Sets no error code. */
+NIMDB_API NimBool IndxGetFieldTypeByNumber(int32_t* pType, void* oTable, uint32_t position);
+
+/* ---- modifying and deleting ----------------------------------------------------------------- */
+
+/* Replaces the record at an offset. A longer one moves to the end of the records file (unless the
+ * table never issued an id but 1: then it grows where it is), and its keys follow it.
+ *   offset   in: of the old record, from a cursor's key.
+ *   oRecord  in: the new database BLOB; its length and, when its id is 0, the old id are stamped
+ *            into it.
+ * TRUE or FALSE. Last error 12, 13: the old record cannot be read; 15: not a record of this table;
+ * 18: the record's type is not the table's; 33: another id than the old record's; 14: the write
+ * failed (log message 1308). Refused keys set none. After a failure the indexes are as before. A
+ * record written over in place is lost when the write fails half way. */
+NIMDB_API NimBool IndxModifyRecordInTable(void* oTable, uint32_t offset, void* oRecord);
+
+/* Encodes an object and replaces the record of a cursor's key by it. Results as above; FALSE without
+ * an error code when the cursor holds no key or the object cannot be encoded. */
+NIMDB_API NimBool IndxModifyObjectAtCursor(void* oCursor, void* oObject);
+
+/* Deletes the record of a cursor's key: takes its keys out of every index. Its bytes and its
+ * companion file stay. TRUE or FALSE; last error 12, 13: the record cannot be read. After a failure
+ * the indexes are as before. */
+NIMDB_API NimBool IndxDeleteRecord(void* oCursor);
+
 /* ---- companion files ----------------------------------------------------------------------- */
 
 /* The id that the next added record will get; 0 when oTable is no table. Nothing is reserved. */

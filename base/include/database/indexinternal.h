@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "database/dbrecord.h"
 #include "database/index.h"
 #include "nim/nim.h"
 
@@ -161,8 +162,13 @@ struct IndxCursor {
     int32_t position;
     IndxKeyInfo* oKey; // saved key, a reference
     IndxField* oField; // a reference
+    // Behind the template's items: whether the last find or move met a node it could not use, so
+    // that a walk can tell the end of an index from damage.
+    uint32_t bFailed;
+    uint32_t padding;
 };
-static_assert(offsetof(IndxCursor, oKey) == 16 && sizeof(IndxCursor) == 32);
+static_assert(offsetof(IndxCursor, oKey) == 16 && offsetof(IndxCursor, bFailed) == 32);
+static_assert(sizeof(IndxCursor) == 40);
 
 // =============================================================================================
 // 3. Limits and codes
@@ -363,7 +369,25 @@ NimBool IndxSetTableVersion(const char* name, void* oDatabase, uint32_t version)
 
 // ---- rows: record ----
 NimBool IndxAddRecordInternal(uint32_t id, void* oTable, void* pData, NimBool bCreateFile);
+// An empty database BLOB of the table's record type; null: no memory.
+DbBlob* IndxNewBlob(const IndxTable* pTable);
+// Whether these are the bytes of a record of this table: its fixed part at least, with the id in
+// it. What the slots say is checked by whoever follows them.
+bool IndxIsRecordOf(const IndxTable* pTable, const ObjData* pData);
 // Takes the roots of every index as committed; run at the end of every release.
 void IndxCommitRoots(IndxTable* pTable);
 // BlckBackoutAll on the table's block file, and the roots back to what was committed.
 void IndxBackout(IndxTable* pTable);
+
+// ---- rows: partial ----
+// The state of a partial read while the fields are walked.
+struct IndxPartialRead {
+    IndxTable* pTable;
+    const uint32_t* pSelected; // moves on by one flag for every field; null: no selection
+    uint8_t* pBytes;           // fixed part, then what has been read
+    uint32_t size;             // bytes assembled so far
+    uint32_t capacity;         // of pBytes
+    uint64_t total;            // of variable data, from the sizing pass
+};
+// The step for one field, for ListWalk over the table's fields.
+NimBool IndxReadPartialField(void* pRead, void* oField);

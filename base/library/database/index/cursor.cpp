@@ -18,6 +18,7 @@ void IndxReportDamage(IndxCursor* pCursor, uint32_t tNode)
         INDX_ALWAYS, "Cannot use node %ld of field '%s' of table '%s'", tNode, pField->name,
         pField->oTable ? pField->oTable->name : nullptr);
     IndxSetError(INDX_ERROR_READ);
+    pCursor->bFailed = TRUE;
 }
 
 uint8_t* IndxGetNeighbour(IndxCursor* pCursor, uint32_t tFrom, uint32_t tTo, uint32_t link)
@@ -50,8 +51,10 @@ void Land(IndxCursor* pCursor, uint8_t** ppLeaf, int32_t position, int32_t statu
     IndxUpdateCursor(pCursor, *ppLeaf, INDX_ON_KEY);
     IndxReleaseNode(ppLeaf, pCursor, FALSE);
     const bool bWanted = result == INDX_RESULT_FOUND || result == INDX_RESULT_NOT_FOUND;
-    if (bWanted && !pCursor->oKey)
+    if (bWanted && !pCursor->oKey) {
+        pCursor->bFailed = TRUE;
         NoKey(pCursor, statusOnFailure);
+    }
 }
 
 // The outermost leaf in a direction, checked to be one; null: damage, already reported.
@@ -204,6 +207,7 @@ int32_t IndxNextKey(void* oCursor)
     if (!pCursor)
         return INDX_RESULT_CURSOR;
     TraceStatus(pCursor);
+    pCursor->bFailed = FALSE;
     bool bOnNext = false;
     if (pCursor->status == INDX_UNTRUSTED) {
         const Refound refound = FindAgain(pCursor, INDX_AT_END);
@@ -213,8 +217,10 @@ int32_t IndxNextKey(void* oCursor)
             pCursor->status = INDX_ON_KEY;
             pCursor->result = INDX_RESULT_FOUND;
             INDX_TRACE(INDX_DETAIL, "Cursor was Untrusted, bFound = %s", "TRUE");
-            if (!pCursor->oKey)
+            if (!pCursor->oKey) {
+                pCursor->bFailed = TRUE;
                 NoKey(pCursor, INDX_AT_END);
+            }
         }
     }
     if (!bOnNext)

@@ -111,15 +111,13 @@ NimBool CreateCompanionFile(IndxTable* pTable, uint32_t id)
     return TRUE;
 }
 
-// Whether these are the bytes of a record of this table: its fixed part at least, with the id in
-// it. What the slots say is checked by whoever follows them.
-bool IsRecordOf(const IndxTable* pTable, const ObjData* pData)
+} // namespace
+
+bool IndxIsRecordOf(const IndxTable* pTable, const ObjData* pData)
 {
     return pData && pData->data && pData->size >= INDX_RECORD_HEADER &&
            pData->size >= pTable->fixedSize && BytesInside(pTable->idOffset, 4, pData->size);
 }
-
-} // namespace
 
 NimBool IndxAddRecordInternal(uint32_t id, void* oTable, void* pData, NimBool bCreateFile)
 {
@@ -128,7 +126,7 @@ NimBool IndxAddRecordInternal(uint32_t id, void* oTable, void* pData, NimBool bC
         IndxTruth(bCreateFile));
     IndxTable* pTable = IndxAsTable(oTable);
     auto* pRecord = static_cast<ObjData*>(pData);
-    if (!pTable || !IsRecordOf(pTable, pRecord)) {
+    if (!pTable || !IndxIsRecordOf(pTable, pRecord)) {
         INDX_TRACE(INDX_ALWAYS, "Not a record of this table");
         IndxSetError(INDX_ERROR_ARGUMENT);
         return FALSE;
@@ -357,10 +355,7 @@ NimBool IndxRetriveRecord(void* pData, void* oTable, uint32_t offset)
     return TRUE;
 }
 
-namespace {
-
-// An empty database BLOB of the table's record type.
-DbBlob* NewBlob(const IndxTable* pTable)
+DbBlob* IndxNewBlob(const IndxTable* pTable)
 {
     HeldObject<DbBlob> blob;
     if (!IndxEnsureTemplates() ||
@@ -370,6 +365,8 @@ DbBlob* NewBlob(const IndxTable* pTable)
     blob->format = StrDuplicateIntoPool(pTable->format, IndxPool());
     return blob->format ? blob.Take() : nullptr;
 }
+
+namespace {
 
 // The cursor's table and key when it stands on a key of an open table.
 bool IsOnRecord(const IndxCursor* pCursor)
@@ -386,7 +383,7 @@ NimBool IndxGetRecord(void** ppRecord, void* oTable, uint32_t offset)
         return FALSE;
     *ppRecord = nullptr;
     IndxTable* pTable = IndxAsTable(oTable);
-    HeldObject<DbBlob> blob(pTable ? NewBlob(pTable) : nullptr);
+    HeldObject<DbBlob> blob(pTable ? IndxNewBlob(pTable) : nullptr);
     if (!blob || !IndxRetriveRecord(&blob->data, pTable, offset))
         return FALSE;
     *ppRecord = blob.Take();
@@ -435,7 +432,7 @@ NimBool IndxGetObjectAtCursor(void** ppObject, void* oCursor)
     if (!IsOnRecord(pCursor))
         return FALSE;
     IndxTable* pTable = pCursor->oField->oTable;
-    HeldObject<DbBlob> blob(NewBlob(pTable));
+    HeldObject<DbBlob> blob(IndxNewBlob(pTable));
     if (!blob || !IndxRetriveRecord(&blob->data, pTable, pCursor->oKey->fileOffset) ||
         !BelongsToKey(pTable, pCursor->oKey, &blob->data))
         return FALSE;

@@ -1,0 +1,193 @@
+// indexwrappers.cpp: operations on a table by key in one call, and walks over a table. Composes the
+// calls of the index module; holds no state. Every cursor taken here is released here.
+
+#include "database/indexwrappers.h"
+
+#include "block_internal.h"
+#include "bytes.h"
+#include "database/dbrecord.h"
+#include "database/index.h"
+#include "database/indexinternal.h"
+#include "scope.h"
+
+namespace {
+
+constexpr const char* TAG = "INDXWRAP        ";
+constexpr int32_t ALWAYS = -1;
+#define WRAP_TRACE(level, ...) NIM_TRACE(TAG, 0, (level), __VA_ARGS__)
+#define WRAP_TRACE_ERROR(level, ...) NIM_TRACE(TAG, 1, (level), __VA_ARGS__)
+
+// A cursor on a field for the length of a call.
+class HeldCursor {
+  public:
+    HeldCursor(void* oTable, const char* fieldName)
+    {
+        IndxGetFieldCursor(&oCursor_, oTable, fieldName);
+    }
+    ~HeldCursor() { IndxReleaseCursor(&oCursor_); }
+    HeldCursor(const HeldCursor&) = delete;
+    HeldCursor& operator=(const HeldCursor&) = delete;
+
+    explicit operator bool() const { return oCursor_ != nullptr; }
+    void* get() const { return oCursor_; }
+    IndxCursor* operator->() const { return static_cast<IndxCursor*>(oCursor_); }
+    bool Find(uint32_t id, void* oKeyObject)
+    {
+        return IndxFindKey(oCursor_, id, oKeyObject) == INDX_RESULT_FOUND;
+    }
+
+  private:
+    void* oCursor_ = nullptr;
+};
+
+} // namespace
+
+NimBool IndxGetRecordFromTable(
+    void** ppRecord, void* oTable, const char* fieldName, uint32_t, void* oKeyObject)
+{
+    if (ppRecord)
+        *ppRecord = nullptr;
+    HeldCursor cursor(oTable, fieldName);
+    // The caller's record id is not passed on, unlike in IndxGetObjectFromTable: kept.
+    return cursor && cursor.Find(0, oKeyObject) ? IndxGetRecordAtCursor(ppRecord, cursor.get())
+                                                : FALSE;
+}
+
+NimBool IndxGetObjectFromTable(
+    void** ppObject, void* oTable, const char* fieldName, uint32_t id, void* oKeyObject)
+{
+    if (ppObject)
+        *ppObject = nullptr;
+    HeldCursor cursor(oTable, fieldName);
+    return cursor && cursor.Find(id, oKeyObject) ? IndxGetObjectAtCursor(ppObject, cursor.get())
+                                                 : FALSE;
+}
+
+NimBool IndxDeleteObjectFromTable(
+    void* oTable, const char* fieldName, uint32_t id, void* oKeyObject)
+{
+    HeldCursor cursor(oTable, fieldName);
+    if (!cursor) {
+        WRAP_TRACE_ERROR(ALWAYS, "Failed to get cursor on '%s'", fieldName);
+        return FALSE;
+    }
+    if (!cursor.Find(id, oKeyObject)) {
+        WRAP_TRACE_ERROR(ALWAYS, "Could not find key");
+        return FALSE;
+    }
+    return IndxDeleteRecord(cursor.get());
+}
+
+NimBool IndxModifyObject(void* oTable, void* oObject)
+{
+    const IndxTable* pTable = IndxAsTable(oTable);
+    if (!pTable || (ObjGetMagic(oObject) & OBJ_MAGIC_MASK) != OBJ_MAGIC_VALID)
+        return FALSE;
+    HeldObject<> record;
+    if (!DbConvertObjectToDbFormat(record.Out(), oObject))
+        return FALSE;
+    HeldCursor cursor(oTable, "Id");
+    const ObjData& data = static_cast<const DbBlob*>(record.get())->data;
+    if (!cursor || !BytesInside(pTable->idOffset, 4, data.size))
+        return FALSE;
+    const uint32_t id = GetU32(static_cast<const uint8_t*>(data.data) + pTable->idOffset);
+    if (!cursor.Find(id, nullptr) || cursor->status != INDX_ON_KEY || !cursor->oKey)
+        return FALSE;
+    return IndxModifyRecordInTable(oTable, cursor->oKey->fileOffset, record.get());
+}
+
+namespace {
+
+// What the three walks have in common, and where they differ.
+struct Walk {
+    IndxWalkCallback callback;
+    IndxWalkIdCallback idCallback; // with record ids, and with traces, when it is there
+    void* context;
+    bool bPartial;
+    const uint32_t* pSelected;
+};
+
+NimBool FetchObject(void** ppObject, const Walk& walk, void* oCursor)
+{
+    return walk.bPartial ? IndxGetPartialObjectAtCursor(ppObject, oCursor, walk.pSelected)
+                         : IndxGetObjectAtCursor(ppObject, oCursor);
+}
+
+// Hands the record at the cursor to the callback; the walk's result so far.
+uint32_t VisitRecord(const Walk& walk, const HeldCursor& cursor)
+{
+    HeldObject<> object;
+    if (!FetchObject(object.Out(), walk, cursor.get())) {
+        if (walk.idCallback)
+            WRAP_TRACE(ALWAYS, "Failed to fetch object at cursor - skip record in walk");
+        return 1;
+    }
+    if (!walk.idCallback)
+        return walk.callback(object.get(), walk.context);
+    uint32_t id = 0;
+    IndxCursorGetId(&id, cursor.get());
+    return walk.idCallback(object.get(), walk.context, id);
+}
+
+// More steps than the file can hold entries: the leaves run in a ring.
+bool IsRing(uint64_t steps, const HeldCursor& cursor)
+{
+    const uint64_t limit = BlckBlockLimit(cursor->oField->oTable->oBlck);
+    return steps > (limit + 1) * static_cast<uint64_t>(INDX_NODE_MAX_ENTRIES);
+}
+
+uint32_t WalkField(const Walk& walk, HeldCursor& cursor)
+{
+    if (!IndxCursorBOI(cursor.get()))
+        return 0;
+    uint32_t result = 1;
+    for (uint64_t steps = 1; result == 1; ++steps) {
+        const bool bOnKey = IndxNextKey(cursor.get()) == INDX_RESULT_FOUND;
+        if (bOnKey && !IsRing(steps, cursor)) {
+            result = VisitRecord(walk, cursor);
+            continue;
+        }
+        if (bOnKey)
+            IndxReportDamage(static_cast<IndxCursor*>(cursor.get()), cursor->tNode);
+        // The end of the index, or a node that cannot be used: not to be taken for the end.
+        return cursor->bFailed ? 0 : 1;
+    }
+    return result;
+}
+
+} // namespace
+
+uint32_t IndxWalkTable(
+    void* oTable, const char* fieldName, IndxWalkCallback callback, void* context)
+{
+    if (!IndxAsTable(oTable) || !fieldName || !callback)
+        return 0;
+    HeldCursor cursor(oTable, fieldName);
+    return cursor ? WalkField({callback, nullptr, context, false, nullptr}, cursor) : 0;
+}
+
+uint32_t IndxWalkTableWithRecordId(
+    void* oTable, const char* fieldName, IndxWalkIdCallback callback, void* context)
+{
+    if (!IndxAsTable(oTable) || !fieldName || !callback) {
+        // Names the form with a callback, not this operation: operators know the text.
+        WRAP_TRACE(ALWAYS, "Munged args to IndxWalkCallbackWithRecordId");
+        return 0;
+    }
+    HeldCursor cursor(oTable, fieldName);
+    if (!cursor) {
+        WRAP_TRACE(ALWAYS, "Failed to get field cursor for '%s'", fieldName);
+        return 0;
+    }
+    return WalkField({nullptr, callback, context, false, nullptr}, cursor);
+}
+
+uint32_t IndxWalkTableWithPartialRecords(
+    void* oTable, const uint32_t* pSelected, const char* fieldName, IndxWalkCallback callback,
+    void* context)
+{
+    if (!IndxAsTable(oTable) || !fieldName || !callback)
+        return 0;
+    HeldCursor cursor(oTable, fieldName);
+    return cursor ? WalkField({callback, nullptr, context, true, pSelected}, cursor) : 0;
+}
