@@ -1,5 +1,5 @@
-// progress.h: how far a long phase is: a bar that is redrawn on a terminal, a line for each quarter
-// anywhere else, so that the log of a build machine stays readable.
+// progress.h: how far a long phase is: a bar that is redrawn on a terminal; anywhere else a line
+// now and then, so that the log of a build machine shows life and stays readable.
 #pragma once
 
 #include <chrono>
@@ -15,12 +15,11 @@ class Progress {
     void Step();
 
   private:
-    void Draw();
+    void Show();
 
     const char* what_;
     size_t total_;
     size_t done_ = 0;
-    size_t next_; // count at which Step has to look at the clock or write a line
     bool bTerminal_;
-    std::chrono::steady_clock::time_point drawn_;
+    std::chrono::steady_clock::time_point shown_ = std::chrono::steady_clock::now();
 };
