@@ -25,7 +25,7 @@ constexpr uint32_t LOG_WRITE_RECORD = 1302;
 constexpr uint32_t LOG_READ_RECORD = 1303;
 constexpr uint32_t LOG_READ_HEADER = 1304;
 constexpr uint32_t LOG_SEEK_RECORD = 1305;
-constexpr uint32_t CREATE_MODE = 2;   // a companion file is created empty
+constexpr uint32_t CREATE_MODE = 2;  // a companion file is created empty
 constexpr uint32_t FIRST_READ = 512; // one read fetches most records whole
 
 NimBool CommitField(void*, void* oField)
@@ -46,7 +46,10 @@ NimBool RestoreField(void*, void* oField)
 
 } // namespace
 
-void IndxCommitRoots(IndxTable* pTable) { ListWalk(pTable->oFields, CommitField, nullptr); }
+void IndxCommitRoots(IndxTable* pTable)
+{
+    ListWalk(pTable->oFields, CommitField, nullptr);
+}
 
 void IndxBackout(IndxTable* pTable)
 {
@@ -251,8 +254,7 @@ NimBool IndxAddObjectToTable(uint32_t* pId, void* oTable, void* oObject)
         return FALSE;
     if (ObjGetMagic(oObject) != pTable->recordMagic) {
         INDX_TRACE(INDX_ALWAYS, "Incorrect object type (%s)", ObjNameFromObject(oObject));
-        INDX_TRACE(
-            INDX_ALWAYS, "Table holds type (%s)", ObjNameFromMagic(pTable->recordMagic));
+        INDX_TRACE(INDX_ALWAYS, "Table holds type (%s)", ObjNameFromMagic(pTable->recordMagic));
         ProcCrash(0);
         return FALSE;
     }
@@ -268,11 +270,10 @@ namespace {
 
 void ReportSeek(const IndxTable* pTable, uint32_t offset)
 {
-    INDX_TRACE(
-        INDX_ALWAYS, "Failed to seek to record at %ld in table '%s'", offset, pTable->name);
+    INDX_TRACE(INDX_ALWAYS, "Failed to seek to record at %ld in table '%s'", offset, pTable->name);
     LogMessage(
-        LOG_SEEK_RECORD, LOG_CLASS_READ, 0, "Failed to seek to record at %ld in table '%s'",
-        offset, pTable->name);
+        LOG_SEEK_RECORD, LOG_CLASS_READ, 0, "Failed to seek to record at %ld in table '%s'", offset,
+        pTable->name);
     IndxSetError(INDX_ERROR_SEEK);
 }
 
@@ -298,20 +299,29 @@ void ReportRecord(const IndxTable* pTable, uint32_t length, uint32_t offset)
     IndxSetError(INDX_ERROR_READ);
 }
 
-// The rest of a record whose first bytes are at hand, all in one new buffer; null when the record
-// claims more than the file holds, cannot be read, or there is no memory.
-uint8_t* ReadRest(
-    void* hFile, uint32_t offset, const uint8_t* pFirst, uint32_t first, uint32_t length)
+// Whether the file reaches as far as `end`: as it is known, else as the system tells, since another
+// handle may have appended. The position stays where it is.
+bool FileReaches(void* hFile, int64_t end, int64_t position)
 {
-    int64_t end = 0;
+    int64_t length = 0;
+    if (FileSysGetLength(&length, hFile) && length >= end)
+        return true;
+    return FileSysSeekEnd(hFile) && FileSysGetOffset(&length, hFile) && length >= end &&
+           FileSysSeek(hFile, position);
+}
+
+// A record whose first bytes are at hand and whose others are read from the file's position on, all
+// in one new buffer; null when the record claims more than the file holds, cannot be read, or there
+// is no memory.
+uint8_t*
+ReadRest(void* hFile, uint32_t offset, const uint8_t* pFirst, uint32_t first, uint32_t length)
+{
     const bool bWhole = length <= first;
-    if (length < INDX_RECORD_HEADER)
+    const int64_t start = offset;
+    if (length < INDX_RECORD_HEADER ||
+        (!bWhole && !FileReaches(hFile, start + length, start + first)))
         return nullptr;
-    if (!bWhole && (!FileSysGetLength(&end, hFile) ||
-                    static_cast<int64_t>(offset) + length > end))
-        return nullptr;
-    HeldMemory<uint8_t> bytes(
-        static_cast<uint8_t*>(MemAllocateUncleared(length, IndxPool())));
+    HeldMemory<uint8_t> bytes(static_cast<uint8_t*>(MemAllocateUncleared(length, IndxPool())));
     if (!bytes)
         return nullptr;
     MemCopy(bytes.get(), pFirst, std::min(first, length));
@@ -336,10 +346,12 @@ NimBool IndxRetriveRecord(void* pData, void* oTable, uint32_t offset)
         ReportSeek(pTable, offset);
         return FALSE;
     }
-    // Header and, for most records, everything else in one read.
+    // Header and, for most records, everything else in one read. Where the device fails behind the
+    // header, what came before counts: the failure may lie in the next record.
     uint8_t first[FIRST_READ];
     uint32_t count = 0;
-    if (!FileSysRead(&count, pTable->hRecords, first, FIRST_READ) || count < INDX_RECORD_HEADER) {
+    FileSysRead(&count, pTable->hRecords, first, FIRST_READ);
+    if (count < INDX_RECORD_HEADER) {
         ReportHeader(pTable, offset);
         return FALSE;
     }
