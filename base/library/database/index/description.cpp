@@ -87,6 +87,18 @@ bool HasSoundRoots(const IndxField* pField, uint32_t blockCount)
            static_cast<uint32_t>(pField->levels) <= blockCount;
 }
 
+struct Occurrences {
+    const void* object;
+    uint32_t count;
+};
+
+NimBool CountOccurrence(void* context, void* item)
+{
+    auto* pOccurrences = static_cast<Occurrences*>(context);
+    pOccurrences->count += item == pOccurrences->object;
+    return TRUE;
+}
+
 // What is wrong with a field as such.
 const char*
 FieldFault(const IndxTable* pTable, const IndxField* pField, uint32_t position, uint32_t blockCount)
@@ -97,10 +109,13 @@ FieldFault(const IndxTable* pTable, const IndxField* pField, uint32_t position, 
         return "a field has no name";
     if (pField->oTable && pField->oTable != pTable)
         return "a field belongs to another table";
-    // Also tells an object that is in the list twice. The search ends at this field at the latest,
-    // so it meets only fields that were judged already.
+    Occurrences occurrences = {pField, 0};
+    ListWalk(pTable->oFields, CountOccurrence, &occurrences);
+    // The search ends at this field at the latest, so it meets only fields that were judged
+    // already.
     void* oFirst = nullptr;
-    if (!ListSearch(pTable->oFields, IndxMatchField, pField->name, &oFirst) || oFirst != pField)
+    if (occurrences.count != 1 ||
+        !ListSearch(pTable->oFields, IndxMatchField, pField->name, &oFirst) || oFirst != pField)
         return "a field is there twice";
     // Any other value than 0 counts as true, as it does for the operations on records.
     const uint32_t flag = static_cast<const uint32_t*>(pTable->indexedFlags.data)[position];

@@ -148,9 +148,8 @@ TEST_F(Fields, CursorIsTracedWithFieldAndTable)
     trace.clear();
     const std::string entry = "IndxReleaseCursor(" + Hex(&oCursor) + ") " + Hex(oCursor);
     ASSERT_EQ(IndxReleaseCursor(&oCursor), 1u);
-    EXPECT_EQ(
-        trace.texts(), (std::vector<std::string>{entry, "Release cursor to field 'Name' of 'T'"}));
-    EXPECT_EQ(trace.countLevel(4), 2u);
+    EXPECT_TRUE(trace.has(TAG, 0, 4, entry)) << trace.dump();
+    EXPECT_TRUE(trace.has(TAG, 0, 4, "Release cursor to field 'Name' of 'T'"));
 }
 
 TEST_F(Fields, CursorOnAFieldThatIsNotIndexedIsError6)
