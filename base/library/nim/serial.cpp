@@ -74,12 +74,13 @@ T At(const void* body, int32_t offset)
 
 // ---- numbering what has been written ------------------------------------------------------------
 
-// Numbers pointers in order of first meeting: open addressing, at most half full. Small graphs find
-// room on the stack, larger ones move to the pool.
-template <uint32_t INLINE_SLOTS>
+// Numbers pointers in order of first meeting: open addressing, at most half full. The first slots
+// are few, so that a small graph does not pay for clearing many; then there are INLINE_SLOTS on the
+// stack, and what is larger moves to the pool.
+template <uint32_t FIRST_SLOTS, uint32_t INLINE_SLOTS>
 class Numbering {
   public:
-    Numbering() { memset(inlinePointers_, 0, sizeof inlinePointers_); }
+    Numbering() { memset(inlinePointers_, 0, FIRST_SLOTS * sizeof(void*)); }
     ~Numbering() { MemFree(memory_); }
     Numbering(const Numbering&) = delete;
     Numbering& operator=(const Numbering&) = delete;
@@ -93,7 +94,7 @@ class Numbering {
             return KNOWN;
         }
         if (count_ >= slots_ / 2) {
-            if (!Grow())
+            if (!(slots_ < INLINE_SLOTS ? GrowInline() : GrowIntoPool()))
                 return NO_MEMORY;
             slot = Slot(pointer);
         }
@@ -113,39 +114,56 @@ class Numbering {
         return slot;
     }
 
-    bool Grow()
+    void Take(const void* const* pointers, const uint32_t* numbers, uint32_t slots)
+    {
+        for (uint32_t i = 0; i < slots; ++i) {
+            if (!pointers[i])
+                continue;
+            uint32_t slot = Slot(pointers[i]);
+            pointers_[slot] = pointers[i];
+            numbers_[slot] = numbers[i];
+        }
+    }
+
+    bool GrowInline()
+    {
+        const void* pointers[FIRST_SLOTS];
+        uint32_t numbers[FIRST_SLOTS];
+        memcpy(pointers, inlinePointers_, sizeof pointers);
+        memcpy(numbers, inlineNumbers_, sizeof numbers);
+        memset(inlinePointers_, 0, sizeof inlinePointers_);
+        slots_ = INLINE_SLOTS;
+        Take(pointers, numbers, FIRST_SLOTS);
+        return true;
+    }
+
+    bool GrowIntoPool()
     {
         constexpr uint32_t SLOT = sizeof(void*) + sizeof(uint32_t);
         if (slots_ > UINT32_MAX / SLOT / 4)
             return false;
-        uint32_t oldSlots = slots_;
-        const void** oldPointers = pointers_;
-        const uint32_t* oldNumbers = numbers_;
-        void* oldMemory = memory_;
-        void* memory = MemAllocateFromPool(oldSlots * 4 * SLOT, MemGetDefaultPoolId());
+        uint32_t slots = slots_ * 4;
+        void* memory = MemAllocateFromPool(slots * SLOT, MemGetDefaultPoolId());
         if (!memory)
             return false;
-        memory_ = memory;
-        slots_ = oldSlots * 4;
+        const void* const* oldPointers = pointers_;
+        const uint32_t* oldNumbers = numbers_;
+        uint32_t oldSlots = slots_;
         pointers_ = static_cast<const void**>(memory);
-        numbers_ = reinterpret_cast<uint32_t*>(pointers_ + slots_);
-        for (uint32_t i = 0; i < oldSlots; ++i) {
-            if (!oldPointers[i])
-                continue;
-            uint32_t slot = Slot(oldPointers[i]);
-            pointers_[slot] = oldPointers[i];
-            numbers_[slot] = oldNumbers[i];
-        }
-        MemFree(oldMemory);
+        numbers_ = reinterpret_cast<uint32_t*>(pointers_ + slots);
+        slots_ = slots;
+        Take(oldPointers, oldNumbers, oldSlots);
+        MemFree(memory_);
+        memory_ = memory;
         return true;
     }
 
     uint32_t count_ = 0;
-    uint32_t slots_ = INLINE_SLOTS;
+    uint32_t slots_ = FIRST_SLOTS;
     const void** pointers_ = inlinePointers_;
     uint32_t* numbers_ = inlineNumbers_;
     void* memory_ = nullptr;
-    const void* inlinePointers_[INLINE_SLOTS]; // zeroed; numbers need not be
+    const void* inlinePointers_[INLINE_SLOTS]; // zeroed as far as in use; numbers need not be
     uint32_t inlineNumbers_[INLINE_SLOTS];
 };
 
@@ -184,8 +202,8 @@ class Writer {
     }
 
   private:
-    using Objects = Numbering<512>;
-    using Templates = Numbering<32>;
+    using Objects = Numbering<64, 512>;
+    using Templates = Numbering<16, 32>;
 
     void Put(const void* bytes, size_t size)
     {
