@@ -37,6 +37,7 @@
 #include "nim/list.h"
 #include "nim/mem.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -80,7 +81,7 @@ T At(const void* body, int32_t offset)
 template <uint32_t FIRST_SLOTS, uint32_t INLINE_SLOTS>
 class Numbering {
   public:
-    Numbering() { memset(inlinePointers_, 0, FIRST_SLOTS * sizeof(void*)); }
+    Numbering() { std::fill_n(inlinePointers_, FIRST_SLOTS, nullptr); }
     ~Numbering() { MemFree(memory_); }
     Numbering(const Numbering&) = delete;
     Numbering& operator=(const Numbering&) = delete;
