@@ -31,7 +31,7 @@ struct File {
 };
 
 // How far ahead space is reserved: a call for each 16 blocks and not for each block.
-constexpr int64_t RESERVE_STEP = 256 * 1024;
+constexpr int64_t RESERVE_STEP = int64_t{256} << 10;
 
 constexpr uint32_t MODE_ACCESS = FILE_MODE_READ | FILE_MODE_EMPTY | FILE_MODE_WRITE;
 

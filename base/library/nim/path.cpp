@@ -34,7 +34,7 @@ char* PathBuild(const char* directory, const char* name, uint32_t)
         static_cast<char*>(MemAllocateFromPool(static_cast<uint32_t>(first + second + 2), pool));
     if (!path)
         return nullptr;
-    memcpy(path, directory, first);
+    MemCopy(path, directory, static_cast<uint32_t>(first));
     char* end = path + first;
     if (!SysIsSeparator(end[-1]))
         *end++ = SysSeparator();

@@ -175,7 +175,7 @@ static bool StnzReplaceFile(const char* path, const Output* output)
         MemAllocateUncleared(static_cast<uint32_t>(length + 5), MemGetDefaultPoolId()));
     if (!temporary)
         return false;
-    memcpy(temporary, path, length);
+    MemCopy(temporary, path, static_cast<uint32_t>(length));
     memcpy(temporary + length, ".tmp", 5);
     const bool good = StnzWriteFile(temporary, output) && SysReplaceFile(temporary, path);
     if (!good)

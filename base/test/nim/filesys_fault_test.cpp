@@ -292,6 +292,39 @@ TEST_F(FileFaults, ReservingTakesDiskSpaceAheadInSteps)
     EXPECT_GT(status.st_blocks, first);
 }
 
+TEST_F(FileFaults, OnlyWhatWasReservedCountsAsReserved)
+{
+    Open();
+    struct stat status;
+    ASSERT_EQ(FileSysReserve(file_, 1 << 20, 16384), 1u);
+    ASSERT_EQ(stat(path_.c_str(), &status), 0);
+    const auto first = status.st_blocks;
+    if (first * 512 < 100000)
+        GTEST_SKIP() << "this file system does not reserve";
+    ASSERT_EQ(FileSysReserve(file_, 512 << 10, 16384), 1u); // ahead of it
+    ASSERT_EQ(stat(path_.c_str(), &status), 0);
+    const auto second = status.st_blocks;
+    EXPECT_GE((second - first) * 512, 256 << 10);
+    ASSERT_EQ(FileSysReserve(file_, 4 << 20, 16384), 1u); // far behind it
+    ASSERT_EQ(stat(path_.c_str(), &status), 0);
+    EXPECT_GE((status.st_blocks - second) * 512, 256 << 10);
+}
+
+TEST_F(FileFaults, AFileThatBecameShorterIsReservedAnew)
+{
+    Open();
+    struct stat status;
+    ASSERT_EQ(FileSysReserve(file_, 16384, 16384), 1u);
+    ASSERT_EQ(stat(path_.c_str(), &status), 0);
+    if (status.st_blocks * 512 < 100000)
+        GTEST_SKIP() << "this file system does not reserve";
+    std::filesystem::resize_file(path_, 0); // gives the space back
+    ASSERT_EQ(FileSysSeekEnd(file_), 1u);
+    ASSERT_EQ(FileSysReserve(file_, 16384, 16384), 1u);
+    ASSERT_EQ(stat(path_.c_str(), &status), 0);
+    EXPECT_GE(status.st_blocks * 512, 256 << 10);
+}
+
 namespace {
 // Runs `test` in a process of its own on a file system of one MiB. It returns 0, or the line that
 // failed. -1: no such file system is to be had here.

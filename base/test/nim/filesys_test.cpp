@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <random>
 
 namespace {
@@ -741,4 +742,53 @@ TEST(FileMapping, OneThatCannotGrowGoesOnServingWhatItHas)
     ASSERT_EQ(FileSysView(&view, file.h, 0, 100000), 1u);
     EXPECT_EQ(view, first);
     gFileMapLimit = SIZE_MAX;
+    EXPECT_EQ(FileSysView(&view, file.h, 0, 100001), 0u) << "asked again by every read";
 }
+
+#if defined(__linux__)
+
+// How often a file is mapped into this process.
+static int MappingsOf(const std::string& path)
+{
+    std::ifstream maps("/proc/self/maps");
+    int count = 0;
+    for (std::string line; std::getline(maps, line);)
+        count += line.ends_with(path);
+    return count;
+}
+
+TEST(FileMapping, AFileOfManyMegabytesGrowsToTheNextPowerOfTwoInPlace)
+{
+    TemporaryDirectory directory;
+    Handle file(directory.path("f"));
+    file.Write((20 << 20) - 1, "x");
+    const void* first;
+    ASSERT_EQ(FileSysView(&first, file.h, 0, 20 << 20), 1u);
+    file.Write((32 << 20) - 1, "y");
+    const void* second;
+    ASSERT_EQ(FileSysView(&second, file.h, 0, 32 << 20), 1u);
+    EXPECT_EQ(first, second);
+    file.Write(32 << 20, "z");
+    ASSERT_EQ(FileSysView(&second, file.h, 32 << 20, 1), 1u);
+    EXPECT_EQ(*static_cast<const char*>(second), 'z');
+    EXPECT_EQ(MappingsOf(directory.path("f")), 1) << "the smaller one is given back";
+}
+
+TEST(FileMapping, IsMadeByTheFirstReadAndGoneAfterTheClose)
+{
+    TemporaryDirectory directory;
+    const std::string path = directory.path("f");
+    WriteFileBytes(path, "bytes");
+    {
+        Handle file(path);
+        file.Write(5, "more");
+        EXPECT_EQ(MappingsOf(path), 0);
+        EXPECT_EQ(file.Read(9, 5), "");
+        EXPECT_EQ(MappingsOf(path), 0) << "nothing to be read";
+        EXPECT_EQ(file.Read(0, 5), "bytes");
+        EXPECT_EQ(MappingsOf(path), 1);
+    }
+    EXPECT_EQ(MappingsOf(path), 0);
+}
+
+#endif // __linux__

@@ -365,6 +365,8 @@ TEST_F(Stanzas, ReplacingKeepsEverythingElseByteForByte)
         {"case of the header stays", "[s] # note\nA = 9\n", "[s] # note\na = 1\nb = 2\n"},
         {"bare header", "[S]", "[S]\na = 1\nb = 2\n"},
         {"unwanted and second keys go", "[S]\nx = 1\na = 2\na = 3\ny = 4\n", "[S]\na = 1\nb = 2\n"},
+        {"and not a second one that goes", "[S]\na = 9\n# c\na = 8\n# d\n",
+         "[S]\na = 1\nb = 2\n# c\n# d\n"},
         {"new keys follow the last", "[S]\n# first\na = 9\n\n# about T\n[T]\n",
          "[S]\n# first\na = 1\nb = 2\n\n# about T\n[T]\n"},
         {"comments and unknown lines",
