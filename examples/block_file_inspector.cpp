@@ -140,7 +140,7 @@ Level CountLevel(BlockFile& file, const Level& level, IndexFacts& facts)
             Word(node + 8) != (i > 0 ? level[i - 1] : NO_BLOCK))
             Fail("bad sibling in node " + std::to_string(level[i]));
 
-        const uint8_t* last = node + NODE_HEADER + (entries - 1) * ENTRY_SIZE;
+        const uint8_t* last = node + NODE_HEADER + size_t(entries - 1) * ENTRY_SIZE;
         if (Word(node + 12)) {
             ++facts.leaves;
             facts.entries += entries;
