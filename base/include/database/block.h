@@ -18,7 +18,8 @@
 NIM_BEGIN
 
 /* Opens the block file at `path`, creating it when there is none.
- *   ppBlck  out: the new handle with one reference, given back with ObjRelease; null on failure.
+ *   ppBlck  out: the new handle with one reference, given back with ObjRelease; left untouched on
+ *           failure. Not null.
  *   path    in: UTF-8, not null, not empty.
  * TRUE, or FALSE when an argument is unusable, the file cannot be opened or read, or it does not
  * start with a sound control block ("Invalid control block"). A failed open leaves the file as it

@@ -205,8 +205,6 @@ BlckControl* ReadControl(void* hFile)
 NimBool BlckFileOpen(void** ppBlck, const char* path)
 {
     BLCK_TRACE(DETAIL, "BlckFileOpen(%p, %s)", static_cast<void*>(ppBlck), path);
-    if (ppBlck)
-        *ppBlck = nullptr;
     NimBool bOpened = FALSE;
     void* hFile = FILE_NONE;
     if (ppBlck && !StrIsEmpty(path) && FileSysOpen(&hFile, path, OPEN_MODE)) {

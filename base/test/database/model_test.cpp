@@ -37,8 +37,8 @@ uint64_t FromEnvironment(const char* name, uint64_t otherwise)
 uint64_t ModelSeed()
 {
     std::random_device random;
-    const uint64_t seed = FromEnvironment(
-        "NIMDB_TEST_SEED", (static_cast<uint64_t>(random()) << 32) | random());
+    const uint64_t seed =
+        FromEnvironment("NIMDB_TEST_SEED", (static_cast<uint64_t>(random()) << 32) | random());
     std::cout << "seed: NIMDB_TEST_SEED=" << seed << std::endl;
     testing::Test::RecordProperty("seed", std::to_string(seed));
     return seed;
@@ -55,7 +55,10 @@ struct ModelCase {
     uint32_t maxLive; // keys in the tree at most
 };
 
-std::ostream& operator<<(std::ostream& out, const ModelCase& c) { return out << c.name; }
+std::ostream& operator<<(std::ostream& out, const ModelCase& c)
+{
+    return out << c.name;
+}
 
 // ---- keys ------------------------------------------------------------------------------------
 
@@ -89,8 +92,8 @@ class KeySource {
 
     Key Value(uint32_t value, uint32_t values)
     {
-        const int64_t stride = case_.keyType == INDX_KEY_INT64 ? INT64_MAX / values * 2
-                                                               : 0x7FFFFFFF / values;
+        const int64_t stride =
+            case_.keyType == INDX_KEY_INT64 ? INT64_MAX / values * 2 : 0x7FFFFFFF / values;
         if (case_.keyType == INDX_KEY_INTEGER)
             return NumberKey(-(1 << 30) + static_cast<int64_t>(value) * stride);
         if (case_.keyType == INDX_KEY_INT64)
@@ -169,16 +172,23 @@ class ModelRun {
     {
         const uint64_t perCheck = std::max<uint64_t>(operations / 25, 200);
         const uint64_t perReopen = std::max<uint64_t>(operations / 10, 500);
-        for (done_ = 0; done_ < operations && !testing::Test::HasFailure(); ++done_) {
-            if (done_ % phaseLength_ == 0)
+        uint64_t nextCheck = perCheck;
+        uint64_t nextReopen = perReopen;
+        // Only what changes the tree is counted; a key that is there already, or not there, is not.
+        while (done_ < operations && !testing::Test::HasFailure()) {
+            if (phaseLength_-- == 0)
                 NewPhase();
             Change();
             if (Below(2))
                 MoveACursor();
-            if (done_ % perCheck == perCheck - 1)
+            if (done_ >= nextCheck) {
                 Check();
-            if (done_ % perReopen == perReopen - 1)
+                nextCheck += perCheck;
+            }
+            if (done_ >= nextReopen) {
                 Reopen();
+                nextReopen += perReopen;
+            }
         }
         Check();
         FindEverything();
@@ -197,9 +207,10 @@ class ModelRun {
         phaseLength_ = 200 + Below(2 * case_.maxLive);
         pattern_ = static_cast<Pattern>(Below(4));
         deletePattern_ = static_cast<Pattern>(Below(4));
-        insertPercent_ = model_.keys().size() > case_.maxLive ? 5
-                         : model_.keys().size() < 10          ? 95
-                                                              : 5 + 18 * Below(6);
+        const size_t live = model_.keys().size();
+        insertPercent_ = live > case_.maxLive       ? 5
+                         : live < case_.maxLive / 4 ? 95
+                                                    : 5 + 18 * Below(6);
         groupSize_ = Below(3) ? 1 : 1 + Below(20);
         next_ = Below(keys_.domain());
     }
@@ -247,6 +258,7 @@ class ModelRun {
         if (!inserted)
             return Refused();
         model_.Insert(key, offset);
+        ++done_;
         Invalidate();
         return true;
     }
@@ -267,6 +279,7 @@ class ModelRun {
         if (!deleted)
             return Refused();
         model_.Delete(key);
+        ++done_;
         return true;
     }
 
@@ -378,8 +391,7 @@ class ModelRun {
             *pKey = near->first;
         if (Below(3) == 0)
             pKey->id = 0;
-        const bool text =
-            case_.keyType == INDX_KEY_TEXT || case_.keyType == INDX_KEY_TEXT_NO_CASE;
+        const bool text = case_.keyType == INDX_KEY_TEXT || case_.keyType == INDX_KEY_TEXT_NO_CASE;
         return !text || (pKey->value.bytes[0] != '\0' && strlen(pKey->value.bytes.c_str()) < 8168);
     }
 
@@ -432,7 +444,7 @@ class ModelRun {
     Pattern pattern_ = Pattern::Random;
     Pattern deletePattern_ = Pattern::Random;
     uint32_t insertPercent_ = 90;
-    uint32_t phaseLength_ = 1;
+    uint32_t phaseLength_ = 0;
     uint32_t groupSize_ = 1;
     uint32_t inGroup_ = 0;
     uint32_t next_ = 0;

@@ -7,26 +7,31 @@
 
 namespace {
 
-std::string Visible(const std::string& bytes, bool fold)
+unsigned char Folded(char c)
 {
-    std::string text = bytes.substr(0, bytes.find('\0'));
-    if (fold) {
-        for (char& c : text) {
-            if (c >= 'A' && c <= 'Z')
-                c = static_cast<char>(c + 32);
-        }
-    }
-    return text;
+    return static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
 }
 
-int CompareUnsigned(const std::string& left, const std::string& right)
+// Texts up to their first NUL or their end, by unsigned byte.
+int CompareTexts(const std::string& left, const std::string& right, bool fold)
 {
-    const auto less = [](char a, char b) {
-        return static_cast<unsigned char>(a) < static_cast<unsigned char>(b);
-    };
-    if (std::lexicographical_compare(left.begin(), left.end(), right.begin(), right.end(), less))
-        return -1;
-    return left == right ? 0 : 1;
+    for (size_t i = 0;; ++i) {
+        const char l = i < left.size() ? left[i] : '\0';
+        const char r = i < right.size() ? right[i] : '\0';
+        if (l != r) {
+            const unsigned char lf = fold ? Folded(l) : static_cast<unsigned char>(l);
+            const unsigned char rf = fold ? Folded(r) : static_cast<unsigned char>(r);
+            if (lf != rf)
+                return lf < rf ? -1 : 1;
+        }
+        if (l == '\0')
+            return 0;
+    }
+}
+
+int CompareBytes(const std::string& left, const std::string& right)
+{
+    return memcmp(left.data(), right.data(), std::min(left.size(), right.size()));
 }
 
 std::string StoredValue(int32_t keyType, const Key& key)
@@ -47,13 +52,10 @@ int ModelOrder::CompareValues(const Key& left, const Key& right) const
     case INDX_KEY_INT64:
         return left.number < right.number ? -1 : left.number > right.number;
     case INDX_KEY_TEXT:
-    case INDX_KEY_TEXT_NO_CASE: {
-        // Without copies while there is nothing to fold and both hold their NUL at the end.
-        const bool fold = keyType == INDX_KEY_TEXT_NO_CASE;
-        return CompareUnsigned(Visible(left.bytes, fold), Visible(right.bytes, fold));
-    }
+    case INDX_KEY_TEXT_NO_CASE:
+        return CompareTexts(left.bytes, right.bytes, keyType == INDX_KEY_TEXT_NO_CASE);
     case INDX_KEY_UNIQUE_ID:
-        return CompareUnsigned(left.bytes, right.bytes);
+        return CompareBytes(left.bytes, right.bytes);
     default:
         return 0;
     }
@@ -251,8 +253,8 @@ testing::AssertionResult CursorModel::Equals(const IndxCursor* pCursor) const
 {
     if (pCursor->status != status || pCursor->result != code)
         return testing::AssertionFailure()
-               << "status " << pCursor->status << " code " << pCursor->result << ", expected status "
-               << status << " code " << code;
+               << "status " << pCursor->status << " code " << pCursor->result
+               << ", expected status " << status << " code " << code;
     if (!HasKey()) {
         if (pCursor->oKey)
             return testing::AssertionFailure() << "holds a key where there is none";
@@ -261,11 +263,11 @@ testing::AssertionResult CursorModel::Equals(const IndxCursor* pCursor) const
     if (!pCursor->oKey)
         return testing::AssertionFailure() << "holds no key";
     const Key value = CursorKey(pCursor);
-    const bool number = tree_.order().keyType == INDX_KEY_INTEGER ||
-                        tree_.order().keyType == INDX_KEY_INT64;
+    const bool number =
+        tree_.order().keyType == INDX_KEY_INTEGER || tree_.order().keyType == INDX_KEY_INT64;
     if (CursorId(pCursor) != key.id || CursorOffset(pCursor) != offset ||
         (number ? value.number != key.value.number : value.bytes != key.value.bytes))
-        return testing::AssertionFailure() << "is on another key: id " << CursorId(pCursor)
-                                           << ", expected id " << key.id;
+        return testing::AssertionFailure()
+               << "is on another key: id " << CursorId(pCursor) << ", expected id " << key.id;
     return testing::AssertionSuccess();
 }

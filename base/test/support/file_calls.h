@@ -52,8 +52,8 @@ class FileCalls {
     }
 
   private:
-    static void Take(
-        void* context, uint32_t op, const char* path, int64_t offset, uint32_t size, uint32_t)
+    static void
+    Take(void* context, uint32_t op, const char* path, int64_t offset, uint32_t size, uint32_t)
     {
         static_cast<FileCalls*>(context)->calls_.push_back({op, path, offset, size});
     }

@@ -86,7 +86,10 @@ IndexFixture::IndexFixture(const std::string& path, const std::vector<IndexSpec>
     Open();
 }
 
-IndexFixture::~IndexFixture() { Close(); }
+IndexFixture::~IndexFixture()
+{
+    Close();
+}
 
 void IndexFixture::Open()
 {

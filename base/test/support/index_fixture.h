@@ -24,9 +24,18 @@ struct Key {
     int64_t number = 0;
     std::string bytes;
 };
-inline Key NumberKey(int64_t number) { return {number, {}}; }
-inline Key TextKey(const std::string& text) { return {0, text + '\0'}; }
-inline Key BytesKey(const std::string& bytes) { return {0, bytes}; }
+inline Key NumberKey(int64_t number)
+{
+    return {number, {}};
+}
+inline Key TextKey(const std::string& text)
+{
+    return {0, text + '\0'};
+}
+inline Key BytesKey(const std::string& bytes)
+{
+    return {0, bytes};
+}
 // A text key of `size` bytes, its NUL included: `start`, then the fill.
 Key SizedKey(const std::string& start, size_t size, char fill = 'x');
 

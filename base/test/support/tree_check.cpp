@@ -192,8 +192,8 @@ class IndexCheck {
             level = RunLevel(level);
         }
         Expect(
-            levels == shape_.levels, "has " + std::to_string(levels) + " levels, says " +
-                                         std::to_string(shape_.levels));
+            levels == shape_.levels,
+            "has " + std::to_string(levels) + " levels, says " + std::to_string(shape_.levels));
     }
 
     // Checks the nodes of one level; their children are the next one.

@@ -13,17 +13,19 @@
 class IndxClimb;
 
 // One step in one node. FALSE fails the climb. `pKey` stays the climb's.
-using IndxStep = NimBool (*)(
-    IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
+using IndxStep =
+    NimBool (*)(IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
 
 // What a step left to be done. Gets the result so far and returns the result from here on; it may
 // name a next step.
-using IndxFinish = NimBool (*)(
-    IndxClimb& climb, uint8_t* pNode, const IndxKeyInfo* pKey, NimBool bResult);
+using IndxFinish =
+    NimBool (*)(IndxClimb& climb, uint8_t* pNode, const IndxKeyInfo* pKey, NimBool bResult);
 
 class IndxClimb {
   public:
-    explicit IndxClimb(IndxCursor* pCursor) : pCursor_(pCursor) {}
+    // `levels`: nodes from the root down to the one where the climb starts, or more; what they are
+    // known to be, since a climb that takes many times as many steps runs in a ring.
+    IndxClimb(IndxCursor* pCursor, uint32_t levels) : pCursor_(pCursor), levels_(levels) {}
     ~IndxClimb();
     IndxClimb(const IndxClimb&) = delete;
     IndxClimb& operator=(const IndxClimb&) = delete;
@@ -31,8 +33,8 @@ class IndxClimb {
     IndxCursor* Cursor() const { return pCursor_; }
 
     // Goes on with `step` once the present one returns. Takes over the reference on pKey, which
-    // may be null. FALSE when the climb has taken more steps than the file has blocks: its parent
-    // links run in a ring.
+    // may be null. FALSE when the climb has taken more steps than its levels can account for: the
+    // parent links run in a ring.
     NimBool Next(IndxStep step, uint8_t* pNode, int32_t position, IndxKeyInfo* pKey);
 
     // Leaves work for afterwards. Takes over the reference on pKey. FALSE: no memory.
@@ -51,6 +53,7 @@ class IndxClimb {
     NimBool TakeFrame(NimBool bResult);
 
     IndxCursor* pCursor_;
+    uint32_t levels_;
     Frame* pFrames_ = nullptr;
     uint32_t frames_ = 0;
     uint32_t capacity_ = 0;
@@ -62,13 +65,12 @@ class IndxClimb {
 };
 
 // ---- the steps that insertion and deletion share (insert.cpp) ----
-NimBool IndxInsertKeyIntoNode(
-    IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
+NimBool
+IndxInsertKeyIntoNode(IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
 NimBool IndxAddKeyIntoExistingNode(
     IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
 NimBool IndxSplitLeft(IndxClimb& climb, uint8_t* pNode, const IndxKeyInfo* pKey);
-NimBool IndxSplitRight(
-    IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
+NimBool IndxSplitRight(IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
 NimBool IndxFixupParent(IndxClimb& climb, int32_t position, uint8_t* pNode);
 // Takes the entry of a node out of its parent and enters the node's present lowest key instead.
 NimBool IndxRekeyParent(IndxClimb& climb, uint8_t* pNode);

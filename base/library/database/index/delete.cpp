@@ -43,6 +43,10 @@ NimBool Unlink(IndxCursor* pCursor, const uint8_t* pNode, uint32_t link)
     if (tNeighbour == INDX_NO_NODE) {
         if (NodeIsLeaf(pNode)) {
             IndxRoots& roots = pCursor->oField->roots;
+            if (!IsEndLeaf(pCursor, NodeId(pNode), link)) {
+                IndxReportDamage(pCursor, NodeId(pNode));
+                return FALSE;
+            }
             (bNext ? roots.tLastLeaf : roots.tFirstLeaf) = tOther;
             IndxSetTableModified(pCursor);
         }
@@ -51,7 +55,7 @@ NimBool Unlink(IndxCursor* pCursor, const uint8_t* pNode, uint32_t link)
     uint8_t* pNeighbour = nullptr;
     IndxGetNode(&pNeighbour, pCursor, tNeighbour);
     if (!pNeighbour || NodeIsLeaf(pNeighbour) != NodeIsLeaf(pNode) ||
-        NodeWord(pNeighbour, back) != static_cast<uint32_t>(BlckId(pNode))) {
+        NodeWord(pNeighbour, back) != NodeId(pNode)) {
         IndxReportDamage(pCursor, tNeighbour);
         return FALSE;
     }
@@ -78,9 +82,7 @@ NimBool RemoveEmptied(IndxClimb& climb, uint8_t* pNode)
     uint8_t* pParent = nullptr;
     IndxGetNode(&pParent, pCursor, NodeParent(pNode));
     const int32_t position =
-        pParent && !NodeIsLeaf(pParent)
-            ? IndxFindChild(pParent, static_cast<uint32_t>(BlckId(pNode)))
-            : -1;
+        pParent && !NodeIsLeaf(pParent) ? IndxFindChild(pParent, NodeId(pNode)) : -1;
     if (position < 0) {
         IndxReportDamage(pCursor, NodeParent(pNode));
         return FALSE;
@@ -97,7 +99,7 @@ NimBool DeleteEntry(IndxClimb& climb, uint8_t* pNode, int32_t position)
         return FALSE;
     uint8_t* pChanged = pNode;
     IndxReleaseNode(&pChanged, pCursor, TRUE);
-    const bool bRoot = NodeParent(pNode) == INDX_NO_NODE;
+    const bool bRoot = IsRoot(pCursor, pNode);
     if (NodeCount(pNode) == 0) {
         if (!bRoot)
             return RemoveEmptied(climb, pNode);
@@ -109,14 +111,37 @@ NimBool DeleteEntry(IndxClimb& climb, uint8_t* pNode, int32_t position)
     return IndxRekeyParent(climb, pNode);
 }
 
-NimBool StepDelete(IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo*)
+void TraceDelete(const IndxCursor* pCursor, uint32_t tNode, int32_t position)
 {
     INDX_TRACE(
-        INDX_DETAIL, "IndxDeleteKeyFromNode(%p, %ld, %ld)", static_cast<void*>(climb.Cursor()),
-        BlckId(pNode), position);
+        INDX_DETAIL, "IndxDeleteKeyFromNode(%p, %ld, %ld)",
+        static_cast<void*>(const_cast<IndxCursor*>(pCursor)), tNode, position);
+}
+
+NimBool DeleteFrom(IndxClimb& climb, uint8_t* pNode, int32_t position)
+{
     // The frame speaks for whatever fails here or above.
     return climb.Push(FinishDelete, nullptr, nullptr) ? DeleteEntry(climb, pNode, position)
                                                       : Failed();
+}
+
+// The same in the parent of a node that was emptied.
+NimBool StepDelete(IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo*)
+{
+    TraceDelete(climb.Cursor(), NodeId(pNode), position);
+    return DeleteFrom(climb, pNode, position);
+}
+
+// The body of IndxDeleteKeyFromNode, for a node so many levels below the root, or fewer.
+NimBool DeleteFromNode(IndxCursor* pCursor, uint32_t tNode, int32_t position, uint32_t levels)
+{
+    TraceDelete(pCursor, tNode, position);
+    uint8_t* pNode = nullptr;
+    IndxGetNode(&pNode, pCursor, tNode);
+    if (!pNode || position < 0 || position >= NodeCount(pNode))
+        return Failed();
+    IndxClimb climb(pCursor, levels);
+    return climb.Run(DeleteFrom(climb, pNode, position));
 }
 
 // An entry of a unique index is this record's only if it carries its id: the same value may have
@@ -131,7 +156,8 @@ bool IsOtherRecords(
 NimBool DescendAndDelete(IndxCursor* pCursor, const IndxKeyInfo* pKey)
 {
     uint32_t tNode = pCursor->oField->roots.tRoot;
-    for (uint32_t left = BlckBlockLimit(pCursor->oField->oTable->oBlck); left > 0; --left) {
+    const uint32_t limit = BlckBlockLimit(pCursor->oField->oTable->oBlck);
+    for (uint32_t levels = 1; levels <= limit; ++levels) {
         uint8_t* pNode = nullptr;
         IndxGetNode(&pNode, pCursor, tNode);
         if (!pNode)
@@ -146,7 +172,7 @@ NimBool DescendAndDelete(IndxCursor* pCursor, const IndxKeyInfo* pKey)
                 IndxReleaseNode(&pNode, pCursor, FALSE);
                 return FALSE;
             }
-            const NimBool bDeleted = IndxDeleteKeyFromNode(pCursor, tNode, index);
+            const NimBool bDeleted = DeleteFromNode(pCursor, tNode, index, levels);
             IndxInvalidateCursors(pCursor);
             return bDeleted;
         }
@@ -161,12 +187,7 @@ NimBool DescendAndDelete(IndxCursor* pCursor, const IndxKeyInfo* pKey)
 
 NimBool IndxDeleteKeyFromNode(IndxCursor* pCursor, uint32_t tNode, int32_t position)
 {
-    uint8_t* pNode = nullptr;
-    IndxGetNode(&pNode, pCursor, tNode);
-    if (!pNode || position < 0 || position >= NodeCount(pNode))
-        return Failed();
-    IndxClimb climb(pCursor);
-    return climb.Run(StepDelete(climb, pNode, position, nullptr));
+    return DeleteFromNode(pCursor, tNode, position, BlckBlockLimit(pCursor->oField->oTable->oBlck));
 }
 
 NimBool IndxDeleteKey(IndxCursor* pCursor, const ObjData* pRecord)
@@ -184,7 +205,7 @@ NimBool IndxDeleteKey(IndxCursor* pCursor, const ObjData* pRecord)
             bDeleted = DescendAndDelete(pCursor, key.get());
     }
     INDX_TRACE(
-        INDX_DETAIL, "%s = IndxDeleteKey(%p, %p)", IndxTruth(bDeleted),
-        static_cast<void*>(pCursor), static_cast<void*>(const_cast<ObjData*>(pRecord)));
+        INDX_DETAIL, "%s = IndxDeleteKey(%p, %p)", IndxTruth(bDeleted), static_cast<void*>(pCursor),
+        static_cast<void*>(const_cast<ObjData*>(pRecord)));
     return bDeleted;
 }

@@ -19,14 +19,12 @@
 
 namespace {
 
-uint32_t IdOf(const uint8_t* pNode) { return static_cast<uint32_t>(BlckId(pNode)); }
-
 // The parent of a node, checked to be a branch that holds an entry for it; null: damage, reported.
 uint8_t* GetParent(IndxCursor* pCursor, const uint8_t* pNode, int32_t* pPosition)
 {
     uint8_t* pParent = nullptr;
     IndxGetNode(&pParent, pCursor, NodeParent(pNode));
-    *pPosition = pParent && !NodeIsLeaf(pParent) ? IndxFindChild(pParent, IdOf(pNode)) : -1;
+    *pPosition = pParent && !NodeIsLeaf(pParent) ? IndxFindChild(pParent, NodeId(pNode)) : -1;
     if (*pPosition >= 0)
         return pParent;
     IndxReportDamage(pCursor, NodeParent(pNode));
@@ -100,8 +98,8 @@ NimBool StepFixup(IndxClimb& climb, uint8_t* pNode, int32_t position, const Indx
 
 } // namespace
 
-NimBool IndxInsertKeyIntoNode(
-    IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey)
+NimBool
+IndxInsertKeyIntoNode(IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey)
 {
     INDX_TRACE(INDX_DETAIL, "IndxInsertKeyIntoNode()");
     if (IndxHasRoom(pNode, IndxKeyLength(pKey)))
@@ -117,17 +115,15 @@ NimBool IndxAddKeyIntoExistingNode(
     IndxCursor* pCursor = climb.Cursor();
     const int32_t count = NodeCount(pNode);
     assert(position >= 0 && position <= count && IndxHasRoom(pNode, IndxKeyLength(pKey)));
-    const auto start =
-        static_cast<int32_t>(IndxHeapBefore(pNode, position) + IndxKeyLength(pKey));
+    const auto start = static_cast<int32_t>(IndxHeapBefore(pNode, position) + IndxKeyLength(pKey));
     NimBool bResult =
-        IndxMoveEntries(
-            pCursor, pNode, position + 1, pNode, position, count - position, start) &&
+        IndxMoveEntries(pCursor, pNode, position + 1, pNode, position, count - position, start) &&
         IndxPutKeyIntoNode(pCursor, pNode, position, pKey);
     if (bResult) {
         SetNodeCount(pNode, count + 1);
         uint8_t* pChanged = pNode;
         IndxReleaseNode(&pChanged, pCursor, TRUE);
-        const bool bGoesUp = position == 0 && NodeParent(pNode) != INDX_NO_NODE;
+        const bool bGoesUp = position == 0 && !IsRoot(pCursor, pNode);
         bResult = !bGoesUp || climb.Push(FinishAdd, nullptr, nullptr);
         if (bResult)
             return IndxFixupParent(climb, position, pNode);
@@ -145,7 +141,7 @@ uint8_t* GetSibling(IndxCursor* pCursor, const uint8_t* pNode, uint32_t link)
     uint8_t* pSibling = nullptr;
     IndxGetNode(&pSibling, pCursor, NodeWord(pNode, link));
     if (pSibling && NodeIsLeaf(pSibling) == NodeIsLeaf(pNode) &&
-        NodeWord(pSibling, back) == IdOf(pNode))
+        NodeWord(pSibling, back) == NodeId(pNode))
         return pSibling;
     IndxReportDamage(pCursor, NodeWord(pNode, link));
     return nullptr;
@@ -157,10 +153,10 @@ NimBool LinkBeside(IndxCursor* pCursor, uint8_t* pNode, uint8_t* pNew, uint32_t 
 {
     const bool bNext = link == INDX_NODE_NEXT;
     const uint32_t back = bNext ? INDX_NODE_PREVIOUS : INDX_NODE_NEXT;
-    const uint32_t tNew = IdOf(pNew);
+    const uint32_t tNew = NodeId(pNew);
     SetNodeWord(pNew, INDX_NODE_PARENT, NodeParent(pNode));
     SetNodeWord(pNew, INDX_NODE_LEAF, NodeWord(pNode, INDX_NODE_LEAF));
-    SetNodeWord(pNew, back, IdOf(pNode));
+    SetNodeWord(pNew, back, NodeId(pNode));
     SetNodeWord(pNew, link, NodeWord(pNode, link));
     if (NodeWord(pNode, link) != INDX_NO_NODE) {
         uint8_t* pBeyond = GetSibling(pCursor, pNode, link);
@@ -170,6 +166,10 @@ NimBool LinkBeside(IndxCursor* pCursor, uint8_t* pNode, uint8_t* pNew, uint32_t 
         IndxReleaseNode(&pBeyond, pCursor, TRUE);
     } else if (NodeIsLeaf(pNode)) {
         IndxRoots& roots = pCursor->oField->roots;
+        if (!IsEndLeaf(pCursor, NodeId(pNode), link)) {
+            IndxReportDamage(pCursor, NodeId(pNode));
+            return FALSE;
+        }
         (bNext ? roots.tLastLeaf : roots.tFirstLeaf) = tNew;
         IndxSetTableModified(pCursor);
     }
@@ -182,7 +182,7 @@ NimBool LinkBeside(IndxCursor* pCursor, uint8_t* pNode, uint8_t* pNew, uint32_t 
 NimBool EnterNewNode(IndxClimb& climb, uint8_t* pNode, uint8_t* pNew, IndxFinish finish, bool bLeft)
 {
     IndxCursor* pCursor = climb.Cursor();
-    if (NodeParent(pNode) == INDX_NO_NODE)
+    if (IsRoot(pCursor, pNode))
         return bLeft ? MakeRoot(pCursor, pNew, pNode) : MakeRoot(pCursor, pNode, pNew);
     int32_t position = 0;
     uint8_t* pParent = GetParent(pCursor, pNode, &position);
@@ -241,6 +241,10 @@ NimBool DivideRight(
 NimBool SplitRight(IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey)
 {
     IndxCursor* pCursor = climb.Cursor();
+    if (IndxHeapBefore(pNode, position) > IndxHeapBefore(pNode, NodeCount(pNode))) {
+        IndxReportDamage(pCursor, NodeId(pNode));
+        return FALSE;
+    }
     // What the node would have left keeping only the entries before the position, and what the new
     // node would have holding only the others.
     const auto leftFree = static_cast<int32_t>(
@@ -288,7 +292,7 @@ NimBool IndxFixupParent(IndxClimb& climb, int32_t position, uint8_t* pNode)
     INDX_TRACE(
         INDX_DETAIL, "IndxFixupParent(%p, %ld, %p) %ld", static_cast<void*>(climb.Cursor()),
         position, static_cast<void*>(pNode), NodeParent(pNode));
-    if (position != 0 || NodeParent(pNode) == INDX_NO_NODE)
+    if (position != 0 || IsRoot(climb.Cursor(), pNode))
         return TRUE;
     return IndxRekeyParent(climb, pNode);
 }
@@ -333,11 +337,11 @@ NimBool CreateRoot(IndxCursor* pCursor, const IndxKeyInfo* pKey)
     return bPut;
 }
 
-// The key belongs into this leaf, at this position.
+// The key belongs into this leaf, at this position; so many nodes lie on the way from the root.
 NimBool InsertIntoLeaf(
-    IndxCursor* pCursor, uint8_t* pLeaf, int32_t position, const IndxKeyInfo* pKey)
+    IndxCursor* pCursor, uint8_t* pLeaf, int32_t position, const IndxKeyInfo* pKey, uint32_t levels)
 {
-    IndxClimb climb(pCursor);
+    IndxClimb climb(pCursor, levels);
     const NimBool bInserted = climb.Run(IndxInsertKeyIntoNode(climb, pLeaf, position, pKey));
     if (!bInserted)
         INDX_TRACE_ERROR(INDX_NODE_FAILURE, "Could not insert key into node");
@@ -348,7 +352,8 @@ NimBool InsertIntoLeaf(
 NimBool DescendAndInsert(IndxCursor* pCursor, const IndxKeyInfo* pKey)
 {
     uint32_t tNode = pCursor->oField->roots.tRoot;
-    for (uint32_t left = BlckBlockLimit(pCursor->oField->oTable->oBlck); left > 0; --left) {
+    const uint32_t limit = BlckBlockLimit(pCursor->oField->oTable->oBlck);
+    for (uint32_t levels = 1; levels <= limit; ++levels) {
         uint8_t* pNode = nullptr;
         IndxGetNode(&pNode, pCursor, tNode);
         if (!pNode)
@@ -363,7 +368,7 @@ NimBool DescendAndInsert(IndxCursor* pCursor, const IndxKeyInfo* pKey)
         if (index == INDX_POSITION_DAMAGED)
             break;
         if (NodeIsLeaf(pNode)) {
-            const NimBool bInserted = InsertIntoLeaf(pCursor, pNode, index, pKey);
+            const NimBool bInserted = InsertIntoLeaf(pCursor, pNode, index, pKey, levels);
             IndxReleaseNode(&pNode, pCursor, bInserted);
             return bInserted;
         }
@@ -389,15 +394,11 @@ NimBool IndxInsertKey(IndxCursor* pCursor, uint32_t fileOffset, const ObjData* p
     const uint32_t tRoot = pCursor->oField->roots.tRoot;
     INDX_TRACE(INDX_DETAIL, "Root node is %ld set file offset to %ld", tRoot, fileOffset);
     key->fileOffset = fileOffset;
-    NimBool bInserted = FALSE;
-    if (tRoot == INDX_NO_NODE) {
-        bInserted = CreateRoot(pCursor, key.get());
-    } else {
-        bInserted = DescendAndInsert(pCursor, key.get());
-        if (!bInserted)
-            INDX_TRACE_ERROR(INDX_ALWAYS, "Could not modify index");
-    }
+    const NimBool bInserted = tRoot == INDX_NO_NODE ? CreateRoot(pCursor, key.get())
+                                                    : DescendAndInsert(pCursor, key.get());
     if (bInserted)
         IndxInvalidateCursors(pCursor);
+    else
+        INDX_TRACE_ERROR(INDX_ALWAYS, "Could not modify index");
     return bInserted;
 }

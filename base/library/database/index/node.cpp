@@ -41,7 +41,10 @@ void SetNodeEnd(uint8_t* pNode)
 }
 
 // Heap bytes in use: the last entry's heap offset.
-uint32_t HeapUsed(const uint8_t* pNode) { return IndxHeapBefore(pNode, NodeCount(pNode)); }
+uint32_t HeapUsed(const uint8_t* pNode)
+{
+    return IndxHeapBefore(pNode, NodeCount(pNode));
+}
 
 // What can be told about a node at once, whoever wrote its bytes.
 bool NodeIsSound(const uint8_t* pNode, uint32_t heapFlag)
@@ -61,8 +64,7 @@ NimBool IndxIndexOpen(void** ppBlck, IndxTable* pTable, const char* name)
     const char* directory = pTable && pTable->oDatabase ? pTable->oDatabase->indexesPath : nullptr;
     HeldMemory<char> path(PathBuild(directory, name, 0));
     if (!BlckFileOpen(ppBlck, path.get())) {
-        INDX_TRACE(
-            INDX_ALWAYS, "Failed to open blck file when opening indx '%s'", path.get());
+        INDX_TRACE(INDX_ALWAYS, "Failed to open blck file when opening indx '%s'", path.get());
     }
     // TRUE whether or not the file opened: callers learn of a failure from the null handle.
     INDX_TRACE(
@@ -134,7 +136,10 @@ void IndxDiscardNode(uint8_t** ppNode, IndxCursor* pCursor)
     BlckDiscardBlock(*ppNode, BlckOf(pCursor));
 }
 
-void IndxSetTableModified(IndxCursor* pCursor) { TableOf(pCursor)->bChanged = TRUE; }
+void IndxSetTableModified(IndxCursor* pCursor)
+{
+    TableOf(pCursor)->bChanged = TRUE;
+}
 
 namespace {
 
@@ -164,8 +169,7 @@ NimBool IndxUpdateTable(void* oTable)
             BlckUserDataModified(pTable->oBlck);
         } else {
             INDX_TRACE_ERROR(INDX_ALWAYS, "Failed to update table");
-            LogMessage(
-                LOG_UPDATE_TABLE, LOG_CLASS, 0, "Failed to update table '%s'", pTable->name);
+            LogMessage(LOG_UPDATE_TABLE, LOG_CLASS, 0, "Failed to update table '%s'", pTable->name);
             bStored = FALSE;
         }
     }
@@ -222,6 +226,21 @@ NimBool SetParent(IndxCursor* pCursor, uint32_t tChild, uint32_t tParent)
     return TRUE;
 }
 
+// The same for a child that moves from one parent to another: a child that does not know the first
+// one belongs to somebody else, and stays as it is.
+NimBool ChangeParent(IndxCursor* pCursor, uint32_t tChild, uint32_t tFrom, uint32_t tTo)
+{
+    uint8_t* pChild = nullptr;
+    IndxGetNode(&pChild, pCursor, tChild);
+    if (!pChild || NodeParent(pChild) != tFrom) {
+        IndxReportDamage(pCursor, tChild);
+        return FALSE;
+    }
+    SetNodeWord(pChild, INDX_NODE_PARENT, tTo);
+    IndxReleaseNode(&pChild, pCursor, TRUE);
+    return TRUE;
+}
+
 // Moves entries whose values lie in the heap: the entries, their heap offsets, the heap bytes.
 void MoveWithHeap(
     uint8_t* pDest, int32_t destPosition, const uint8_t* pSource, int32_t sourcePosition,
@@ -230,8 +249,7 @@ void MoveWithHeap(
     const auto correction = static_cast<int32_t>(
         static_cast<uint32_t>(lOffsetCorrection) - IndxHeapBefore(pSource, sourcePosition));
     INDX_TRACE(INDX_DETAIL, "lOffsetCorrection = %ld", correction);
-    const uint32_t lowest =
-        EntryHeapOffset(NodeEntry(pSource, sourcePosition + count - 1));
+    const uint32_t lowest = EntryHeapOffset(NodeEntry(pSource, sourcePosition + count - 1));
     uint8_t* pSlots = NodeEntry(pDest, destPosition);
     const uint32_t size = INDX_ENTRY_SIZE * static_cast<uint32_t>(count);
     INDX_TRACE(
@@ -263,12 +281,12 @@ NimBool IndxMoveEntries(
     if (count <= 0)
         return TRUE;
     INDX_TRACE(
-        INDX_DETAIL, "IndxMoveEntries(%p, %p, %ld, %p, %ld, %ld, %ld)",
-        static_cast<void*>(pCursor), static_cast<void*>(pDest), destPosition,
-        static_cast<void*>(pSource), sourcePosition, count, lOffsetCorrection);
+        INDX_DETAIL, "IndxMoveEntries(%p, %p, %ld, %p, %ld, %ld, %ld)", static_cast<void*>(pCursor),
+        static_cast<void*>(pDest), destPosition, static_cast<void*>(pSource), sourcePosition, count,
+        lOffsetCorrection);
     if (NodeHasHeap(pDest)) {
         if (!RunIsSound(pSource, sourcePosition, count)) {
-            IndxReportDamage(pCursor, static_cast<uint32_t>(BlckId(pSource)));
+            IndxReportDamage(pCursor, NodeId(pSource));
             return FALSE;
         }
         MoveWithHeap(pDest, destPosition, pSource, sourcePosition, count, lOffsetCorrection);
@@ -283,21 +301,21 @@ NimBool IndxMoveEntries(
     }
     if (NodeIsLeaf(pDest) || pDest == pSource)
         return TRUE;
-    const auto tDest = static_cast<uint32_t>(BlckId(pDest));
+    const uint32_t tSource = NodeId(pSource);
+    const uint32_t tDest = NodeId(pDest);
     for (int32_t i = destPosition; i < destPosition + count; ++i) {
-        if (!SetParent(pCursor, EntryPointer(NodeEntry(pDest, i)), tDest))
+        if (!ChangeParent(pCursor, EntryPointer(NodeEntry(pDest, i)), tSource, tDest))
             return FALSE;
     }
     return TRUE;
 }
 
-NimBool IndxPutKeyIntoNode(
-    IndxCursor* pCursor, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey)
+NimBool
+IndxPutKeyIntoNode(IndxCursor* pCursor, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey)
 {
     INDX_TRACE(
         INDX_DETAIL, "IndxPutKeyIntoNode(%p, %p, %ld, %p)", static_cast<void*>(pCursor),
-        static_cast<void*>(pNode), position,
-        static_cast<void*>(const_cast<IndxKeyInfo*>(pKey)));
+        static_cast<void*>(pNode), position, static_cast<void*>(const_cast<IndxKeyInfo*>(pKey)));
     uint8_t* pEntry = NodeEntry(pNode, position);
     switch (pKey->keyType) {
     case INDX_KEY_FORBIDDEN:
@@ -334,13 +352,19 @@ NimBool IndxPutKeyIntoNode(
         return TRUE;
     }
     PutU32(pEntry + INDX_ENTRY_POINTER, pKey->tChild);
-    return SetParent(pCursor, pKey->tChild, static_cast<uint32_t>(BlckId(pNode)));
+    return SetParent(pCursor, pKey->tChild, NodeId(pNode));
 }
 
 NimBool IndxRemoveEntry(IndxCursor* pCursor, uint8_t* pNode, int32_t position)
 {
     const int32_t count = NodeCount(pNode);
     assert(position >= 0 && position < count);
+    // The entry itself must hang together with its neighbours, too: without it the heap ends where
+    // the entry before says.
+    if (NodeHasHeap(pNode) && !RunIsSound(pNode, position, 1)) {
+        IndxReportDamage(pCursor, NodeId(pNode));
+        return FALSE;
+    }
     const auto before = static_cast<int32_t>(IndxHeapBefore(pNode, position));
     if (!IndxMoveEntries(
             pCursor, pNode, position, pNode, position + 1, count - position - 1, before))

@@ -56,7 +56,8 @@ struct CompareInt64 {
 
 // Values in the heap. `heapUsed` bounds every value of the node.
 enum class HeapOrder { Text, TextNoCase, UniqueId };
-template <HeapOrder order> struct CompareHeap {
+template <HeapOrder order>
+struct CompareHeap {
     const char* pValue;
     uint32_t size;
     const uint8_t* pEnd;
@@ -100,8 +101,7 @@ NimBool BinarySearch(
             return FALSE;
         }
         if (lResult == 0 && !bUnique) {
-            INDX_TRACE(
-                INDX_DETAIL, "Compare keys %ld and %ld", pKey->recordId, EntryId(pEntry));
+            INDX_TRACE(INDX_DETAIL, "Compare keys %ld and %ld", pKey->recordId, EntryId(pEntry));
             lResult = WrappingDifference(pKey->recordId, EntryId(pEntry));
         }
         if (lResult == 0)
@@ -119,8 +119,7 @@ NimBool BinarySearch(
 }
 
 template <HeapOrder order>
-NimBool HeapSearch(
-    int32_t* pIndex, const uint8_t* pNode, const IndxKeyInfo* pKey, bool bUnique)
+NimBool HeapSearch(int32_t* pIndex, const uint8_t* pNode, const IndxKeyInfo* pKey, bool bUnique)
 {
     const CompareHeap<order> compare{
         static_cast<const char*>(ObjGetDataFieldData(pKey->oValue)),
@@ -131,8 +130,8 @@ NimBool HeapSearch(
 
 } // namespace
 
-NimBool IndxSearchNode(
-    int32_t* pIndex, IndxCursor* pCursor, const uint8_t* pNode, const IndxKeyInfo* pKey)
+NimBool
+IndxSearchNode(int32_t* pIndex, IndxCursor* pCursor, const uint8_t* pNode, const IndxKeyInfo* pKey)
 {
     INDX_TRACE(
         INDX_DETAIL, "IndxSearchNode(%p, %p, %p, %p)", static_cast<void*>(pIndex),
@@ -140,8 +139,7 @@ NimBool IndxSearchNode(
         static_cast<void*>(const_cast<IndxKeyInfo*>(pKey)));
     const int32_t keyType = pCursor->oField->keyType;
     const bool bUnique = pCursor->oField->bUnique != 0;
-    INDX_TRACE(
-        INDX_DETAIL, "lower %ld upper %ld KeyType %ld", 0, NodeCount(pNode) - 1, keyType);
+    INDX_TRACE(INDX_DETAIL, "lower %ld upper %ld KeyType %ld", 0, NodeCount(pNode) - 1, keyType);
     switch (keyType) {
     case INDX_KEY_RECORD_ID:
         return BinarySearch(pIndex, pNode, pKey, bUnique, CompareId{pKey->recordId});
@@ -150,8 +148,7 @@ NimBool IndxSearchNode(
             pIndex, pNode, pKey, bUnique,
             CompareInteger{static_cast<uint32_t>(ObjGetInteger(pKey->oValue))});
     case INDX_KEY_INT64:
-        return BinarySearch(
-            pIndex, pNode, pKey, bUnique, CompareInt64{ObjGetInt64(pKey->oValue)});
+        return BinarySearch(pIndex, pNode, pKey, bUnique, CompareInt64{ObjGetInt64(pKey->oValue)});
     case INDX_KEY_TEXT:
         return HeapSearch<HeapOrder::Text>(pIndex, pNode, pKey, bUnique);
     case INDX_KEY_TEXT_NO_CASE:
@@ -173,7 +170,7 @@ namespace {
 
 void PlaceCursor(IndxCursor* pCursor, uint8_t* pLeaf, int32_t position)
 {
-    pCursor->tNode = static_cast<uint32_t>(BlckId(pLeaf));
+    pCursor->tNode = NodeId(pLeaf);
     pCursor->position = position;
     IndxUpdateCursor(pCursor, pLeaf, INDX_ON_KEY);
 }
@@ -187,10 +184,11 @@ bool PlaceBehindMiss(IndxCursor* pCursor, uint8_t* pLeaf, int32_t index, const I
     if (index < NodeCount(pLeaf)) {
         PlaceCursor(pCursor, pLeaf, index);
     } else if (tNext == INDX_NO_NODE) {
+        if (!IsEndLeaf(pCursor, NodeId(pLeaf), INDX_NODE_NEXT))
+            return false;
         IndxUpdateCursor(pCursor, nullptr, INDX_AT_END);
     } else {
-        uint8_t* pNext = IndxGetNeighbour(
-            pCursor, static_cast<uint32_t>(BlckId(pLeaf)), tNext, INDX_NODE_NEXT);
+        uint8_t* pNext = IndxGetNeighbour(pCursor, NodeId(pLeaf), tNext, INDX_NODE_NEXT);
         if (!pNext)
             return false;
         PlaceCursor(pCursor, pNext, 0);
@@ -275,9 +273,8 @@ IndxKeyInfo* CopyKey(IndxCursor* pCursor, const uint8_t* pNode)
     }
     const uint8_t* pEntry = NodeEntry(pNode, pCursor->position);
     HeldObject<IndxKeyInfo> key;
-    if (!IndxNewKeyInfo(key.Out(), keyType, EntryId(pEntry)))
-        return nullptr;
-    if (!IndxGetEntryValue(&key->oValue, keyType, pNode, pCursor->position)) {
+    if (!IndxNewKeyInfo(key.Out(), keyType, EntryId(pEntry)) ||
+        !IndxGetEntryValue(&key->oValue, keyType, pNode, pCursor->position)) {
         IndxReportDamage(pCursor, pCursor->tNode);
         return nullptr;
     }
