@@ -257,6 +257,34 @@ class PersonTest : public DatabaseTest {
             ASSERT_EQ(*found, person) << field;
         }
     }
+    // Takes all keys of a record out and ends the operation: what is left of it are dead bytes, and
+    // emptied nodes on the free chain.
+    static void DeleteKeys(void* oTable, uint32_t id)
+    {
+        Held record;
+        {
+            const Cursor cursor(oTable, "Id");
+            ASSERT_EQ(IndxFindKey(cursor.get(), id, nullptr), INDX_RESULT_FOUND) << id;
+            ASSERT_EQ(IndxGetRecordAtCursor(record.out(), cursor.get()), 1u) << id;
+        }
+        for (const char* field : {"Id", "Name", "Town", "Age", "Number", "Key"}) {
+            const Cursor cursor(oTable, field);
+            ASSERT_EQ(
+                IndxDeleteKey(
+                    IndxAsCursor(cursor.get()), &static_cast<DbBlob*>(record.get())->data),
+                1u)
+                << field << " of " << id;
+        }
+        ASSERT_EQ(IndxUpdateTable(oTable), 1u);
+    }
+    static void DeletePeople(void* oTable, People* pModel, const std::vector<uint32_t>& ids)
+    {
+        for (uint32_t id : ids) {
+            DeleteKeys(oTable, id);
+            pModel->erase(id);
+        }
+    }
+
     // The whole-tree check over every index of a table.
     static void ExpectSound(void* oTable)
     {

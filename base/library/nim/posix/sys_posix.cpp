@@ -15,6 +15,7 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/random.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -95,8 +96,19 @@ bool SysFileLength(int64_t* length, intptr_t file)
     return true;
 }
 
+// Whether the process may make a file this long. A reservation does not change the length, so the
+// system lets it pass; the write would be refused.
+static bool SysMayReach(int64_t end)
+{
+    rlimit limit = {};
+    return getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY ||
+           static_cast<uint64_t>(end) <= limit.rlim_cur;
+}
+
 bool SysFileReserve(intptr_t file, int64_t offset, int64_t size)
 {
+    if (!SysMayReach(offset + size))
+        return false;
     int result;
     do {
         result = fallocate(static_cast<int>(file), FALLOC_FL_KEEP_SIZE, offset, size);
