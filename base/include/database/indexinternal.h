@@ -374,6 +374,12 @@ DbBlob* IndxNewBlob(const IndxTable* pTable);
 // Whether these are the bytes of a record of this table: its fixed part at least, with the id in
 // it. What the slots say is checked by whoever follows them.
 bool IndxIsRecordOf(const IndxTable* pTable, const ObjData* pData);
+// Whether a record that claims this length ends inside the records file, as it is known or else as
+// the system tells, since another handle may have appended; and not beyond the last offset there
+// is. Asked before anything is allocated for it. The file's position is `position`, before and
+// after; anywhere when the answer is false.
+bool IndxRecordInFile(
+    const IndxTable* pTable, uint32_t offset, uint32_t length, int64_t position);
 // Takes the roots of every index as committed; run at the end of every release.
 void IndxCommitRoots(IndxTable* pTable);
 // BlckBackoutAll on the table's block file, and the roots back to what was committed.

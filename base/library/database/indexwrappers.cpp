@@ -129,21 +129,27 @@ uint32_t VisitRecord(const Walk& walk, const HeldCursor& cursor)
     return walk.idCallback(object.get(), walk.context, id);
 }
 
-// More steps than the file can hold entries: the leaves run in a ring.
-bool IsRing(uint64_t steps, const HeldCursor& cursor)
+// How many keys an index can have in the blocks of its file. A walk that takes more steps without
+// the index changing under it runs in a ring of leaves.
+uint64_t StepLimit(const HeldCursor& cursor)
 {
-    const uint64_t limit = BlckBlockLimit(cursor->oField->oTable->oBlck);
-    return steps > (limit + 1) * static_cast<uint64_t>(INDX_NODE_MAX_ENTRIES);
+    const IndxTable* pTable = cursor->oField->oTable;
+    const uint64_t blocks = pTable ? BlckBlockLimit(pTable->oBlck) : 0;
+    return (blocks + 1) * static_cast<uint64_t>(INDX_NODE_MAX_ENTRIES);
 }
 
 uint32_t WalkField(const Walk& walk, HeldCursor& cursor)
 {
     if (!IndxCursorBOI(cursor.get()))
         return 0;
+    uint64_t left = StepLimit(cursor);
     uint32_t result = 1;
-    for (uint64_t steps = 1; result == 1; ++steps) {
+    while (result == 1) {
+        // A callback may put records in front of the walk for as long as it likes.
+        if (cursor->status == INDX_UNTRUSTED)
+            left = StepLimit(cursor);
         const bool bOnKey = IndxNextKey(cursor.get()) == INDX_RESULT_FOUND;
-        if (bOnKey && !IsRing(steps, cursor)) {
+        if (bOnKey && left-- > 0) {
             result = VisitRecord(walk, cursor);
             continue;
         }

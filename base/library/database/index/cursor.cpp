@@ -23,9 +23,14 @@ void IndxReportDamage(IndxCursor* pCursor, uint32_t tNode)
 
 uint8_t* IndxGetNeighbour(IndxCursor* pCursor, uint32_t tFrom, uint32_t tTo, uint32_t link)
 {
-    const uint32_t back = link == INDX_NODE_NEXT ? INDX_NODE_PREVIOUS : INDX_NODE_NEXT;
+    const bool bNext = link == INDX_NODE_NEXT;
+    const uint32_t back = bNext ? INDX_NODE_PREVIOUS : INDX_NODE_NEXT;
+    // No leaf comes before the first or behind the last: a link to it closes a ring.
+    const IndxRoots& roots = pCursor->oField->roots;
+    const bool bRing = tTo == (bNext ? roots.tFirstLeaf : roots.tLastLeaf);
     uint8_t* pNode = nullptr;
-    IndxGetNode(&pNode, pCursor, tTo);
+    if (!bRing)
+        IndxGetNode(&pNode, pCursor, tTo);
     if (pNode && NodeIsLeaf(pNode) && NodeWord(pNode, back) == tFrom && NodeCount(pNode) > 0)
         return pNode;
     IndxReportDamage(pCursor, tTo);

@@ -74,23 +74,26 @@ NimBool IndxDeleteOldKey(void* context, void* oField)
     return bDeleted;
 }
 
+bool EndsInRange(int64_t offset, uint32_t length) { return offset + length <= INDX_RECORDS_END; }
+
 // Positions the records file where the new record goes: over the old one when it fits, or when the
 // table never issued an id but 1 (kept: the only record of a table grows in place), else to the
-// end. False: no such place.
+// end. False: no such place. A record that does not grow may stay wherever it lies.
 bool SeekToWritePosition(
     uint32_t* pNewOffset, IndxTable* pTable, uint32_t offset, uint32_t oldLength, uint32_t newLength)
 {
     *pNewOffset = offset;
-    if (static_cast<int32_t>(oldLength) >= static_cast<int32_t>(newLength) ||
-        pTable->highestId == 1) {
-        if (FileSysSeek(pTable->hRecords, static_cast<int32_t>(offset)))
+    const bool bFits = static_cast<int32_t>(oldLength) >= static_cast<int32_t>(newLength);
+    if (bFits || pTable->highestId == 1) {
+        if ((bFits || EndsInRange(offset, newLength)) &&
+            FileSysSeek(pTable->hRecords, static_cast<int32_t>(offset)))
             return true;
         INDX_TRACE(INDX_ALWAYS, "Error failed to seek to write position");
         return false;
     }
     int64_t end = 0;
     if (FileSysSeekEnd(pTable->hRecords) && FileSysGetOffset(&end, pTable->hRecords) &&
-        end + newLength <= INDX_RECORDS_END) {
+        EndsInRange(end, newLength)) {
         *pNewOffset = static_cast<uint32_t>(end);
         return true;
     }

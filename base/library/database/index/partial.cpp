@@ -152,10 +152,9 @@ uint8_t* ReadFixedPart(IndxTable* pTable, uint32_t offset)
 bool FitsRecord(const IndxTable* pTable, uint32_t offset, const uint8_t* pFixed, uint64_t total)
 {
     const uint32_t length = GetU32(pFixed + INDX_RECORD_LENGTH);
-    int64_t end = 0;
-    FileSysGetLength(&end, pTable->hRecords);
+    const int64_t position = static_cast<int64_t>(offset) + pTable->fixedSize;
     return pTable->fixedSize + total <= length &&
-           static_cast<int64_t>(offset) + length <= end;
+           IndxRecordInFile(pTable, offset, length, position);
 }
 
 // Behind the fixed part, all variable data. Takes the fixed part over and gives it back assembled,

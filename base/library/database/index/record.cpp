@@ -299,27 +299,33 @@ void ReportRecord(const IndxTable* pTable, uint32_t length, uint32_t offset)
     IndxSetError(INDX_ERROR_READ);
 }
 
-// Whether the file reaches as far as `end`: as it is known, else as the system tells, since another
-// handle may have appended. The position stays where it is.
-bool FileReaches(void* hFile, int64_t end, int64_t position)
+} // namespace
+
+bool IndxRecordInFile(const IndxTable* pTable, uint32_t offset, uint32_t length, int64_t position)
 {
-    int64_t length = 0;
-    if (FileSysGetLength(&length, hFile) && length >= end)
+    const int64_t end = static_cast<int64_t>(offset) + length;
+    int64_t known = 0;
+    if (end > INDX_RECORDS_END)
+        return false;
+    if (FileSysGetLength(&known, pTable->hRecords) && known >= end)
         return true;
-    return FileSysSeekEnd(hFile) && FileSysGetOffset(&length, hFile) && length >= end &&
-           FileSysSeek(hFile, position);
+    return FileSysSeekEnd(pTable->hRecords) && FileSysGetOffset(&known, pTable->hRecords) &&
+           known >= end && FileSysSeek(pTable->hRecords, position);
 }
+
+namespace {
 
 // A record whose first bytes are at hand and whose others are read from the file's position on, all
 // in one new buffer; null when the record claims more than the file holds, cannot be read, or there
 // is no memory.
-uint8_t*
-ReadRest(void* hFile, uint32_t offset, const uint8_t* pFirst, uint32_t first, uint32_t length)
+uint8_t* ReadRest(
+    const IndxTable* pTable, uint32_t offset, const uint8_t* pFirst, uint32_t first,
+    uint32_t length)
 {
     const bool bWhole = length <= first;
-    const int64_t start = offset;
+    const int64_t position = static_cast<int64_t>(offset) + first;
     if (length < INDX_RECORD_HEADER ||
-        (!bWhole && !FileReaches(hFile, start + length, start + first)))
+        (!bWhole && !IndxRecordInFile(pTable, offset, length, position)))
         return nullptr;
     HeldMemory<uint8_t> bytes(static_cast<uint8_t*>(MemAllocateUncleared(length, IndxPool())));
     if (!bytes)
@@ -328,7 +334,7 @@ ReadRest(void* hFile, uint32_t offset, const uint8_t* pFirst, uint32_t first, ui
     if (!bWhole) {
         uint32_t count = 0;
         const uint32_t rest = length - first;
-        if (!FileSysRead(&count, hFile, bytes.get() + first, rest) || count != rest)
+        if (!FileSysRead(&count, pTable->hRecords, bytes.get() + first, rest) || count != rest)
             return nullptr;
     }
     return bytes.Take();
@@ -356,7 +362,7 @@ NimBool IndxRetriveRecord(void* pData, void* oTable, uint32_t offset)
         return FALSE;
     }
     const uint32_t length = GetU32(first + INDX_RECORD_LENGTH);
-    uint8_t* pBytes = ReadRest(pTable->hRecords, offset, first, count, length);
+    uint8_t* pBytes = ReadRest(pTable, offset, first, count, length);
     if (!pBytes) {
         ReportRecord(pTable, length, offset);
         return FALSE;
