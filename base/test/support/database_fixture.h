@@ -2,6 +2,7 @@
 // each test everything is closed, and nothing may be left: no object, no memory, no open file.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -138,12 +139,19 @@ class DatabaseTest : public testing::Test {
 
     // ---- files ----
 
+    // A path with the separators of the system, as the library builds them.
+    static std::string Native(std::string path)
+    {
+        const auto separator = static_cast<char>(std::filesystem::path::preferred_separator);
+        std::replace(path.begin(), path.end(), '/', separator);
+        return path;
+    }
     std::string HomePath() const { return directory_.path("db"); }
-    std::string DatabasePath() const { return HomePath() + "/" + name_; }
+    std::string DatabasePath() const { return Native(HomePath() + "/" + name_); }
     // The path of a table's file in "Indexes", "Records", "Files" or "Attributes".
     std::string PathOf(const std::string& kind, const std::string& fileName) const
     {
-        return DatabasePath() + "/" + kind + "/" + fileName;
+        return Native(DatabasePath() + "/" + kind + "/" + fileName);
     }
     const TemporaryDirectory& directory() const { return directory_; }
 

@@ -96,10 +96,10 @@ TEST_F(Catalogue, DatabaseObjectHoldsNamePathsAndAnEmptyList)
     EXPECT_EQ(ObjGetMagic(pDatabase), 0xca8ab2cbu);
     EXPECT_EQ(OBJ_HEADER(pDatabase)->refCount, 1);
     EXPECT_STREQ(pDatabase->name, "Data");
-    EXPECT_EQ(pDatabase->indexesPath, DatabasePath() + "/Indexes");
-    EXPECT_EQ(pDatabase->recordsPath, DatabasePath() + "/Records");
-    EXPECT_EQ(pDatabase->filesPath, DatabasePath() + "/Files");
-    EXPECT_EQ(pDatabase->attributesPath, DatabasePath() + "/Attributes");
+    EXPECT_EQ(pDatabase->indexesPath, Native(DatabasePath() + "/Indexes"));
+    EXPECT_EQ(pDatabase->recordsPath, Native(DatabasePath() + "/Records"));
+    EXPECT_EQ(pDatabase->filesPath, Native(DatabasePath() + "/Files"));
+    EXPECT_EQ(pDatabase->attributesPath, Native(DatabasePath() + "/Attributes"));
     EXPECT_EQ(ObjGetMagic(pDatabase->oTables), OBJ_MAGIC_LIST);
     EXPECT_EQ(ListGetCount(pDatabase->oTables), 0u);
 }
@@ -274,7 +274,7 @@ TEST_F(Catalogue, DirectoryThatCannotBeScannedLeavesTheTablesToBeOpenedByName)
     Fail(FAULT_SCAN);
     TraceRecorder trace;
     ASSERT_TRUE(Open());
-    EXPECT_TRUE(trace.has(TAG, 0, -1, "Failed to scan '" + DatabasePath() + "/Indexes'"))
+    EXPECT_TRUE(trace.has(TAG, 0, -1, "Failed to scan '" + Native(DatabasePath() + "/Indexes'")))
         << trace.dump();
     EXPECT_EQ(TableCount(), 0u);
     EXPECT_TRUE(Finds(Create("T"), "kept"));
@@ -337,7 +337,6 @@ TEST_F(Catalogue, SubdirectoryThatIsNoneIsError29AndEndsTheMaking)
         IndxSetError(UNCHANGED);
         std::filesystem::remove_all(HomePath());
         std::filesystem::create_directories(DatabasePath());
-        WriteFileBytes(PathOf(names[bad], ""), "");
         WriteFileBytes(DatabasePath() + "/" + names[bad], "a file");
         const LiveCounts before;
         EXPECT_FALSE(Open());

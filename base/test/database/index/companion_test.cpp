@@ -109,7 +109,7 @@ TEST_F(Companion, PathFollowsFromTheId)
         {0x12345, "0001/23/45"},  {0xFF, "0000/00/ff"},       {0x100, "0000/01/00"},
         {0xABCDEF, "00ab/cd/ef"}, {0x70000001, "7000/00/01"}, {0xFFFF, "0000/ff/ff"}};
     for (const auto& [id, path] : cases)
-        EXPECT_EQ(PathFor(id), FilesPath() + "/" + path);
+        EXPECT_EQ(PathFor(id), Native(FilesPath() + "/" + path));
     EXPECT_EQ(IndxError(), UNCHANGED);
 }
 
@@ -201,11 +201,11 @@ TEST_F(Companion, PathAtACursorIsThatOfItsRecord)
     ASSERT_EQ(IndxFirstKey(oCursor), 6);
     char* path = nullptr;
     EXPECT_EQ(IndxGetFilePathAtCursor(&path, oCursor), 1u);
-    EXPECT_EQ(path, FilesPath() + "/0000/00/02");
+    EXPECT_EQ(path, Native(FilesPath() + "/0000/00/02"));
     MemFree(path);
     ASSERT_EQ(IndxNextKey(oCursor), 6);
     EXPECT_EQ(IndxGetFilePathAtCursor(&path, oCursor), 1u);
-    EXPECT_EQ(path, FilesPath() + "/0000/00/01");
+    EXPECT_EQ(path, Native(FilesPath() + "/0000/00/01"));
     MemFree(path);
     IndxReleaseCursor(&oCursor);
     IndxUpdateTable(oTable_);
@@ -259,8 +259,8 @@ TEST_F(Companion, ListedIdsComeInTheOrderOfTheNames)
 TEST_F(Companion, HexadecimalIsReadWithoutRegardToCase)
 {
     MakeFile("0000/00/1A");
-    MakeFile("0000/00/1a");
-    EXPECT_EQ(Ids(), (std::vector<uint32_t>{0x1A, 0x1A}));
+    MakeFile("0001/00/1a");
+    EXPECT_EQ(Ids(), (std::vector<uint32_t>{0x1A, 0x1001A}));
 }
 
 TEST_F(Companion, NamesOfAnotherFormAreSkipped)
@@ -268,7 +268,7 @@ TEST_F(Companion, NamesOfAnotherFormAreSkipped)
     for (const char* file :
          {"0000/00/1a.tmp", "0000/00/1", "0000/00/001", "0000/00/0001", "0000/00/zz", "0000/00/1z",
           "0000/001/01", "0000/0001/01", "0000/xx/01", "000/00/01", "00000/00/01", "000g/00/01",
-          "abc.d/00/01", "0000/00/  ", "file"})
+          "abc.d/00/01", "0000/00/ g", "file"})
         MakeFile(file);
     EXPECT_TRUE(Ids().empty());
     MakeFile("0000/00/2b");
@@ -321,9 +321,9 @@ TEST_F(Companion, EveryEntryIsTraced)
     EXPECT_EQ(
         texts, (std::vector<std::string>{
                    "IndxFindFiles(" + FilesPath() + ", 0000, ) 0",
-                   "IndxFindFiles(" + FilesPath() + "/0000, 00, ) 1",
-                   "IndxFindFiles(" + FilesPath() + "/0000/00, 01, ) 2",
-                   "IndxFindFiles(" + FilesPath() + "/0000/00, x, ) 2"}));
+                   "IndxFindFiles(" + Native(FilesPath() + "/0000") + ", 00, ) 1",
+                   "IndxFindFiles(" + Native(FilesPath() + "/0000/00") + ", 01, ) 2",
+                   "IndxFindFiles(" + Native(FilesPath() + "/0000/00") + ", x, ) 2"}));
 }
 
 TEST_F(Companion, ListOfWhatIsNoTableIsRefused)
