@@ -184,12 +184,12 @@ bool GrowDirectory(Map* map)
         return false;
     uint32_t capacity = map->capacity * 4;
     void* memory = MemAllocateUncleared(
-        capacity * static_cast<uint32_t>(sizeof(Chunk*) + sizeof(int32_t)), OBJ_HEADER(map)->pool);
+        capacity * static_cast<uint32_t>(sizeof(void*) + sizeof(int32_t)), OBJ_HEADER(map)->pool);
     if (!memory)
         return false;
     auto** chunks = static_cast<Chunk**>(memory);
     auto* keys = reinterpret_cast<int32_t*>(chunks + capacity);
-    memcpy(chunks, map->chunks, map->chunkCount * sizeof(Chunk*));
+    memcpy(chunks, map->chunks, map->chunkCount * sizeof(void*));
     memcpy(keys, map->firstKeys, map->chunkCount * sizeof(int32_t));
     FreeDirectory(map, map->chunks);
     map->chunks = chunks;
@@ -201,7 +201,7 @@ bool GrowDirectory(Map* map)
 void EnterChunk(Map* map, uint32_t at, Chunk* chunk)
 {
     uint32_t behind = map->chunkCount - at;
-    memmove(map->chunks + at + 1, map->chunks + at, behind * sizeof(Chunk*));
+    memmove(map->chunks + at + 1, map->chunks + at, behind * sizeof(void*));
     memmove(map->firstKeys + at + 1, map->firstKeys + at, behind * sizeof(int32_t));
     map->chunks[at] = chunk;
     ++map->chunkCount;
