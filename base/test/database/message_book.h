@@ -81,17 +81,31 @@ inline std::string Quoted(const std::string& text)
     return result;
 }
 
-// The text as an expression that nothing but it matches, addresses aside.
-inline std::regex TextPattern(const std::string& text)
+// Whether a traced line is the text, addresses aside.
+inline bool IsText(const std::string& traced, const std::string& text)
 {
     const std::string wildcard = "{p}";
-    std::string pattern;
+    const size_t digits = 16;
+    size_t at = 0;
     size_t from = 0;
-    for (size_t at = text.find(wildcard); at != std::string::npos; at = text.find(wildcard, from)) {
-        pattern += Quoted(text.substr(from, at - from)) + "[0-9A-F]{16}";
-        from = at + wildcard.size();
+    for (size_t p = text.find(wildcard); p != std::string::npos; p = text.find(wildcard, from)) {
+        if (traced.compare(at, p - from, text, from, p - from) != 0)
+            return false;
+        at += p - from;
+        if (traced.size() < at + digits ||
+            traced.substr(at, digits).find_first_not_of("0123456789ABCDEF") != std::string::npos)
+            return false;
+        at += digits;
+        from = p + wildcard.size();
     }
-    return std::regex(pattern + Quoted(text.substr(from)));
+    return traced.compare(at, std::string::npos, text, from, std::string::npos) == 0;
+}
+
+// The end of a long text, where a failure tells itself.
+inline std::string End(const std::string& text)
+{
+    const size_t most = 4000;
+    return text.size() > most ? text.substr(text.size() - most) : text;
 }
 
 // What a format can print.
@@ -138,17 +152,16 @@ void ReadBook(const char* tag, const std::vector<BookLine<Scene>>& lines)
         EXPECT_EQ(crashes, line.crashes);
         EXPECT_TRUE(std::regex_match(text, book::FormatPattern(line.format)))
             << "'" << text << "' is not what the format prints";
-        const std::regex pattern = book::TextPattern(text);
         size_t seen = 0;
         for (const TraceRecorder::Line& traced : trace.lines()) {
-            if (!std::regex_match(traced.text, pattern))
+            if (!book::IsText(traced.text, text))
                 continue;
             ++seen;
             EXPECT_EQ(traced.tag, tag);
             EXPECT_EQ(traced.level, line.level) << traced.text;
             EXPECT_EQ(traced.error, line.error) << traced.text;
         }
-        EXPECT_GT(seen, 0u) << "'" << text << "' was not traced\n" << trace.dump();
+        EXPECT_GT(seen, 0u) << "'" << text << "' was not traced\n" << book::End(trace.dump());
     }
 }
 

@@ -68,7 +68,7 @@ NimBool IndxIndexOpen(void** ppBlck, IndxTable* pTable, const char* name)
     }
     // TRUE whether or not the file opened: callers learn of a failure from the null handle.
     INDX_TRACE(
-        INDX_DETAIL, "%s = IndxIndexOpen(%p, %p, %s)", "TRUE", static_cast<void*>(ppBlck),
+        INDX_OPENED, "%s = IndxIndexOpen(%p, %p, %s)", "TRUE", static_cast<void*>(ppBlck),
         static_cast<void*>(pTable), name);
     return TRUE;
 }
