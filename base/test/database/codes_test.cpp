@@ -1,0 +1,1 @@
+// codes_test.cpp: the book goes on here.

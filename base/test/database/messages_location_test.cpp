@@ -1,0 +1,1 @@
+// messages_location_test.cpp: the book goes on here.

@@ -1,0 +1,1 @@
+// messages_records_test.cpp: the book goes on here.

@@ -1,0 +1,1 @@
+// messages_tables_test.cpp: the book goes on here.

@@ -1,0 +1,1 @@
+// messages_wrappers_test.cpp: the book goes on here.

@@ -1,0 +1,1 @@
+// quirks_block_test.cpp: the book goes on here.

@@ -1,0 +1,1 @@
+// quirks_cursors_test.cpp: the book goes on here.

@@ -1,0 +1,1 @@
+// quirks_location_test.cpp: the book goes on here.

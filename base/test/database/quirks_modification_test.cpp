@@ -1,0 +1,1 @@
+// quirks_modification_test.cpp: the book goes on here.

@@ -1,0 +1,1 @@
+// quirks_record_encoding_test.cpp: the book goes on here.

@@ -1,0 +1,1 @@
+// quirks_records_test.cpp: the book goes on here.

@@ -1,0 +1,1 @@
+// quirks_tables_test.cpp: the book goes on here.

@@ -1,0 +1,1 @@
+// quirks_tree_test.cpp: the book goes on here.

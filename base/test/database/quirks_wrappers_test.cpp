@@ -1,0 +1,1 @@
+// quirks_wrappers_test.cpp: the book goes on here.
