@@ -1,0 +1,369 @@
+// block_release_test.cpp: how blocks leave memory: what a release, a back-out, a flush and the end
+// of the file write, in which order, and what becomes of a write that fails.
+
+#include "support/block_file.h"
+
+#include <cstring>
+
+#include "support/armed_fault.h"
+#include "support/file_bytes.h"
+#include "support/file_calls.h"
+#include "support/trace_recorder.h"
+
+namespace {
+
+class BlockRelease : public BlockFileTest {};
+
+using Offsets = std::vector<int64_t>;
+
+TEST_F(BlockRelease, NothingIsWrittenBeforeThenBlocksAscendingThenTheControlBlock)
+{
+    MakeBlocks(5);
+    FileCalls calls;
+    for (const int id : {3, 0, 4, 1})
+        Fill(Get(id), 'm');
+    New('n');
+    Discard(2);
+    EXPECT_EQ(calls.count(FILE_OP_WRITE), 0u);
+    Release();
+    EXPECT_EQ(
+        calls.offsets(FILE_OP_WRITE),
+        (Offsets{1 * 16384, 2 * 16384, 3 * 16384, 4 * 16384, 5 * 16384, 6 * 16384, 0}));
+    EXPECT_EQ(calls.sizes(FILE_OP_WRITE).back(), 16168u);
+}
+
+TEST_F(BlockRelease, OnlyChangedBlocksAreWrittenAndNoControlBlockThatIsUnchanged)
+{
+    MakeBlocks(3);
+    Get(0);
+    Fill(Get(1), 'm');
+    Get(2);
+    FileCalls calls;
+    Release();
+    EXPECT_EQ(calls.offsets(FILE_OP_WRITE), Offsets{2 * 16384});
+}
+
+TEST_F(BlockRelease, AnInvalidHandleIsIgnored)
+{
+    void* oWrong = ObjIntegerNew(1);
+    TraceRecorder trace;
+    BlckReleaseAll(nullptr);
+    BlckReleaseAll(oWrong);
+    BlckBackoutAll(nullptr);
+    BlckBackoutAll(oWrong);
+    EXPECT_TRUE(trace.lines().empty()) << trace.dump();
+    ObjReleaseInternal(&oWrong);
+}
+
+TEST_F(BlockRelease, ABlockModifiedAndDiscardedIsWrittenOnceWithItsLink)
+{
+    MakeBlocks(2);
+    Discard(0);
+    Release();
+    Fill(Get(1), 'm');
+    Discard(1);
+    FileCalls calls;
+    Release();
+    EXPECT_EQ(calls.offsets(FILE_OP_WRITE), (Offsets{2 * 16384, 0}));
+    const std::string bytes = ReadFileBytes(path());
+    EXPECT_EQ(U32At(bytes, 2 * 16384), 0u); // the former head
+    EXPECT_EQ(bytes.substr(2 * 16384 + 4, 16380), std::string(16380, 'm'));
+}
+
+TEST_F(BlockRelease, ADiscardedBlockBecomesTheHeadAndTheControlBlockFollowsIt)
+{
+    MakeBlocks(3);
+    Discard(2);
+    Release();
+    Discard(0);
+    FileCalls calls;
+    Release();
+    EXPECT_EQ(calls.offsets(FILE_OP_WRITE), (Offsets{16384, 0}));
+    const std::string bytes = ReadFileBytes(path());
+    EXPECT_EQ(U32At(bytes, 12), 0u);
+    EXPECT_EQ(U32At(bytes, 16384), 2u);
+    EXPECT_EQ(U32At(bytes, 3 * 16384), 0xFFFFFFFFu);
+}
+
+TEST_F(BlockRelease, SeveralDiscardedBlocksJoinInAscendingOrderSoTheHighestHeadsTheChain)
+{
+    MakeBlocks(3);
+    Discard(2);
+    Discard(0);
+    Discard(1);
+    Release();
+    const std::string bytes = ReadFileBytes(path());
+    EXPECT_EQ(U32At(bytes, 12), 2u);
+    EXPECT_EQ(U32At(bytes, 3 * 16384), 1u);
+    EXPECT_EQ(U32At(bytes, 2 * 16384), 0u);
+    EXPECT_EQ(U32At(bytes, 1 * 16384), 0xFFFFFFFFu);
+}
+
+TEST_F(BlockRelease, ABlockMarkedDiscardedCanBeUsedUntilItLeavesMemory)
+{
+    MakeBlocks(1);
+    Discard(0);
+    EXPECT_EQ(Get(0)[0], 'A');
+    Get(0)[9] = 'w';
+    Release();
+    EXPECT_EQ(ReadFileBytes(path())[16384 + 9], 'w');
+}
+
+TEST_F(BlockRelease, LeavingMemoryIsTraced)
+{
+    MakeBlocks(2);
+    void* pData = Get(0);
+    Fill(Get(1), 'm');
+    Discard(0);
+    TraceRecorder trace;
+    Release();
+    const void* oBlock = static_cast<const uint8_t*>(pData) - 8;
+    EXPECT_TRUE(trace.has(TAG, 0, 4, "BlkBlockDestructor(" + Address(oBlock) + ")"))
+        << trace.dump();
+    EXPECT_TRUE(trace.has(TAG, 0, 4, "Add Block 0 to free chain"));
+    EXPECT_TRUE(trace.has(TAG, 0, 4, "Write out block 0, 16384 bytes at offset 16384"));
+    EXPECT_TRUE(trace.has(TAG, 0, 4, "Write out block 1, 16384 bytes at offset 32768"));
+    EXPECT_FALSE(trace.has("Add Block 1 to free chain"));
+}
+
+// ---- back-out ----------------------------------------------------------------------------------
+
+TEST_F(BlockRelease, ABackoutWritesNothingAndBlocksShowTheDiskAgain)
+{
+    MakeBlocks(2);
+    const std::string before = ReadFileBytes(path());
+    Fill(Get(0), 'm');
+    Discard(1);
+    FileCalls calls;
+    Backout();
+    EXPECT_EQ(calls.count(FILE_OP_WRITE), 0u);
+    EXPECT_EQ(ReadFileBytes(path()), before);
+    EXPECT_EQ(Get(0)[0], 'A');
+    Release();
+    EXPECT_EQ(ReadFileBytes(path()), before); // block 1 has not joined the chain
+}
+
+TEST_F(BlockRelease, ABackoutRestoresNeitherCountNorUserData)
+{
+    MakeBlocks(1);
+    New();
+    static_cast<char*>(BlckUserData(oBlck_))[7] = 'u';
+    BlckUserDataModified(oBlck_);
+    Backout();
+    Release();
+    const std::string bytes = ReadFileBytes(path());
+    EXPECT_EQ(U32At(bytes, 8), 2u);
+    EXPECT_EQ(bytes[47], 'u');
+}
+
+// ---- flushing one block ------------------------------------------------------------------------
+
+TEST_F(BlockRelease, AFlushWritesTheBlockNowWhetherItChangedOrNot)
+{
+    MakeBlocks(2);
+    FileCalls calls;
+    TraceRecorder trace;
+    EXPECT_EQ(BlckFlushBlock(oBlck_, Get(1)), 1u);
+    EXPECT_TRUE(trace.has(TAG, 0, 4, "Write out block 1, 16384 bytes at offset 32768"));
+    EXPECT_EQ(calls.offsets(FILE_OP_WRITE), Offsets{2 * 16384});
+    Fill(Get(0), 'm');
+    EXPECT_EQ(BlckFlushBlock(oBlck_, Get(0)), 1u);
+    EXPECT_EQ(ReadFileBytes(path())[16384], 'm');
+    calls.clear();
+    Release(); // its mark is cleared
+    EXPECT_EQ(calls.count(FILE_OP_WRITE), 0u);
+}
+
+TEST_F(BlockRelease, AFlushRefusesAnInvalidFileWithAMessageAndAnInvalidBlockWithout)
+{
+    MakeBlocks(1);
+    TraceRecorder trace;
+    EXPECT_EQ(BlckFlushBlock(nullptr, Get(0)), 0u);
+    EXPECT_TRUE(trace.has(TAG, 0, -1, "Invalid oBlck at " + Address(nullptr))) << trace.dump();
+    void* oWrong = ObjStringNew("no block");
+    trace.clear();
+    EXPECT_EQ(BlckFlushBlock(oBlck_, nullptr), 0u);
+    EXPECT_EQ(BlckFlushBlock(oBlck_, static_cast<char*>(oWrong) + 8), 0u);
+    EXPECT_TRUE(trace.lines().empty()) << trace.dump();
+    ObjReleaseInternal(&oWrong);
+}
+
+TEST_F(BlockRelease, AFlushThatFailsIsLoggedAndTheBlockStaysChanged)
+{
+    MakeBlocks(1);
+    Fill(Get(0), 'm');
+    for (const uint32_t point : {FAULT_WRITE, FAULT_SEEK}) {
+        const ArmedFault fault(point);
+        TraceRecorder trace;
+        LogRecorder log;
+        EXPECT_EQ(BlckFlushBlock(oBlck_, Get(0)), 0u);
+        EXPECT_TRUE(trace.has(TAG, 0, -1, "Failed to flush database block")) << trace.dump();
+        EXPECT_TRUE(log.has(1299, 96, "Failed to flush database block")) << log.dump();
+        EXPECT_EQ(log.messages().size(), 1u);
+    }
+    EXPECT_EQ(ReadFileBytes(path())[16384], 'A');
+    Release();
+    EXPECT_EQ(ReadFileBytes(path())[16384], 'm');
+}
+
+// ---- writes that fail --------------------------------------------------------------------------
+
+TEST_F(BlockRelease, ABlockThatCannotBeWrittenIsLoggedAndItsChangeLost)
+{
+    MakeBlocks(3);
+    for (int id = 0; id < 3; ++id)
+        Fill(Get(id), 'm');
+    LogRecorder log;
+    {
+        const ArmedFault fault(FAULT_WRITE, 2);
+        Release();
+    }
+    EXPECT_TRUE(log.has(1300, 96, "Failed to discard database block")) << log.dump();
+    EXPECT_EQ(log.messages().size(), 1u);
+    EXPECT_EQ(Get(0)[0], 'm');
+    EXPECT_EQ(Get(1)[0], 'B');
+    EXPECT_EQ(Get(2)[0], 'm');
+}
+
+TEST_F(BlockRelease, ABlockWhosePlaceCannotBeFoundIsNotWrittenElsewhere)
+{
+    MakeBlocks(2);
+    const std::string before = ReadFileBytes(path());
+    Fill(Get(1), 'm');
+    LogRecorder log;
+    {
+        const ArmedFault fault(FAULT_SEEK);
+        Release();
+    }
+    EXPECT_EQ(log.count(1300), 1u);
+    EXPECT_EQ(ReadFileBytes(path()), before);
+}
+
+TEST_F(BlockRelease, ADiscardedBlockThatCannotBeWrittenStaysOffTheFreeChain)
+{
+    // Its first word on disk is a node's: as a link it would hand out a block in use.
+    MakeBlocks(3);
+    Discard(2);
+    Release();
+    Discard(0);
+    Discard(1);
+    LogRecorder log;
+    {
+        const ArmedFault fault(FAULT_WRITE, 2); // of block 1
+        Release();
+    }
+    EXPECT_TRUE(log.has(1300, 96, "Failed to discard database block")) << log.dump();
+    const std::string bytes = ReadFileBytes(path());
+    EXPECT_EQ(U32At(bytes, 12), 0u);
+    EXPECT_EQ(U32At(bytes, 16384), 2u);
+    EXPECT_EQ(New(), 0);
+    EXPECT_EQ(New(), 2);
+    EXPECT_EQ(New(), 3);
+}
+
+TEST_F(BlockRelease, AControlBlockThatCannotBeWrittenIsLoggedAndTriedAgain)
+{
+    const struct {
+        uint32_t point;
+        const char* text;
+    } cases[] = {
+        {FAULT_SEEKSTART, "Failed to seek to begining of file"},
+        {FAULT_WRITE, "Failed to write control block to file"},
+    };
+    MakeBlocks(1);
+    for (const auto& c : cases) {
+        BlckUserDataModified(oBlck_);
+        static_cast<char*>(BlckUserData(oBlck_))[0]++;
+        const std::string before = ReadFileBytes(path());
+        TraceRecorder trace;
+        LogRecorder log;
+        {
+            const ArmedFault fault(c.point);
+            Release();
+        }
+        EXPECT_TRUE(trace.has(TAG, 0, -1, c.text)) << trace.dump();
+        ASSERT_TRUE(log.has(1298, 96, "Failed to flush a database control block")) << log.dump();
+        EXPECT_TRUE(log.messages()[0].hasContext);
+        EXPECT_NE(log.messages()[0].context.find(c.text), std::string::npos); // the recent trace
+        EXPECT_EQ(ReadFileBytes(path()), before);
+        EXPECT_EQ(control()->bModified, 1u);
+        Release();
+        EXPECT_NE(ReadFileBytes(path()), before);
+        EXPECT_EQ(control()->bModified, 0u);
+    }
+}
+
+TEST_F(BlockRelease, AControlBlockWithoutAHandleIsLogged)
+{
+    MakeBlocks(1);
+    BlckUserDataModified(oBlck_);
+    void* hFile = control()->hFile;
+    control()->hFile = FILE_NONE;
+    TraceRecorder trace;
+    LogRecorder log;
+    Release();
+    control()->hFile = hFile;
+    EXPECT_TRUE(trace.has(TAG, 0, -1, "Modified control block has no handle")) << trace.dump();
+    EXPECT_TRUE(log.has(1298, 96, "Failed to flush a database control block")) << log.dump();
+}
+
+// ---- the end of the file -----------------------------------------------------------------------
+
+TEST_F(BlockRelease, BlocksStillChangedWhenTheFileClosesAreLostEachWithAMessage)
+{
+    MakeBlocks(3);
+    Close();
+    Open();
+    Fill(Get(0), 'm');
+    Get(1);
+    Discard(2);
+    LogRecorder log;
+    FileCalls calls;
+    Close();
+    EXPECT_EQ(log.count(1300), 2u) << log.dump();
+    EXPECT_EQ(log.messages().size(), 2u);
+    // The control block, then the close, then nothing.
+    EXPECT_EQ(calls.offsets(FILE_OP_WRITE), Offsets{0});
+    EXPECT_EQ(calls.calls().back().op, static_cast<uint32_t>(FILE_OP_CLOSE));
+    const std::string bytes = ReadFileBytes(path());
+    EXPECT_EQ(bytes[16384], 'A');
+    EXPECT_EQ(bytes[3 * 16384], 'C');
+    EXPECT_EQ(U32At(bytes, 12), 0xFFFFFFFFu);
+}
+
+TEST_F(BlockRelease, AControlBlockThatCannotBeWrittenAtTheEndIsLoggedAndTheFileClosed)
+{
+    MakeBlocks(1);
+    BlckUserDataModified(oBlck_);
+    LogRecorder log;
+    const ArmedFault fault(FAULT_WRITE, 1, 0);
+    Close();
+    EXPECT_EQ(log.count(1298), 1u) << log.dump();
+}
+
+TEST_F(BlockRelease, AnotherReferenceKeepsTheFileOpen)
+{
+    MakeBlocks(1);
+    void* oOther = ObjIncRefCount(oBlck_);
+    Close();
+    void* pData = nullptr;
+    EXPECT_EQ(BlckGetBlock(&pData, oOther, 0), 1u);
+    ObjReleaseInternal(&oOther);
+}
+
+TEST_F(BlockRelease, TwoFilesKeepTheirBlocksApart)
+{
+    MakeBlocks(1);
+    void* oFirst = oBlck_;
+    oBlck_ = nullptr;
+    Open(directory_.path("second"));
+    EXPECT_EQ(New('2'), 0);
+    Release();
+    void* pData = nullptr;
+    EXPECT_EQ(BlckGetBlock(&pData, oFirst, 0), 1u);
+    EXPECT_EQ(static_cast<char*>(pData)[0], 'A');
+    EXPECT_EQ(Get(0)[0], '2');
+    ObjReleaseInternal(&oFirst);
+}
+
+} // namespace
