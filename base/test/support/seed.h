@@ -1,5 +1,5 @@
 // seed.h: the seed of a randomised test: a new one for each run, printed, and replayable by setting
-// NIM_TEST_SEED to the number that a failing run has printed.
+// NIM_TEST_SEED, or the variable named, to the number that a failing run has printed.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,16 +9,16 @@
 #include <iostream>
 #include <random>
 
-inline uint64_t TestSeed()
+inline uint64_t TestSeed(const char* variable = "NIM_TEST_SEED")
 {
     uint64_t seed;
-    if (const char* given = std::getenv("NIM_TEST_SEED")) {
+    if (const char* given = std::getenv(variable)) {
         seed = std::strtoull(given, nullptr, 0);
     } else {
         std::random_device random;
         seed = (static_cast<uint64_t>(random()) << 32) | random();
     }
-    std::cout << "seed: NIM_TEST_SEED=" << seed << std::endl;
+    std::cout << "seed: " << variable << "=" << seed << std::endl;
     testing::Test::RecordProperty("seed", std::to_string(seed));
     return seed;
 }
