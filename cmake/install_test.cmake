@@ -1,4 +1,4 @@
-# cmake -DBUILD=... -DCONFIG=... -DSOURCE=... -DSTAGE=... -P install_test.cmake
+# cmake -DBUILD=... -DSOURCE=... -DSTAGE=... -P install_test.cmake
 # Installs the build tree BUILD under STAGE and builds SOURCE/examples/guide.c against nothing but
 # what was installed: once through find_package, once through pkg-config. Runs both.
 file(REMOVE_RECURSE ${STAGE})
@@ -20,8 +20,11 @@ find_package(nimdb REQUIRED)
 add_executable(guide guide.c)
 target_link_libraries(guide PRIVATE nimdb::nimdb)
 ")
-run(${CMAKE_COMMAND} -S ${STAGE}/host -B ${STAGE}/cmake -DCMAKE_PREFIX_PATH=${prefix}
-    -DCMAKE_C_FLAGS=${FLAGS})
+# With the build program of BUILD: there may be no other on this machine.
+file(STRINGS ${BUILD}/CMakeCache.txt GENERATOR REGEX "^CMAKE_GENERATOR:")
+string(REGEX REPLACE "^[^=]*=" "" GENERATOR "${GENERATOR}")
+run(${CMAKE_COMMAND} -G "${GENERATOR}" -S ${STAGE}/host -B ${STAGE}/cmake
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_C_COMPILER=${COMPILER} -DCMAKE_C_FLAGS=${FLAGS})
 run(${CMAKE_COMMAND} --build ${STAGE}/cmake)
 file(MAKE_DIRECTORY ${STAGE}/first ${STAGE}/second)
 run(${STAGE}/cmake/guide ${STAGE}/first)
