@@ -62,8 +62,8 @@ void Land(IndxCursor* pCursor, uint8_t** ppLeaf, int32_t position, int32_t statu
     }
 }
 
-// The outermost leaf in a direction, checked to be one; null: damage, already reported.
-uint8_t* GetEndLeaf(IndxCursor* pCursor, uint32_t tLeaf)
+// A leaf; null: damage, already reported.
+uint8_t* GetLeaf(IndxCursor* pCursor, uint32_t tLeaf)
 {
     uint8_t* pLeaf = nullptr;
     IndxGetNode(&pLeaf, pCursor, tLeaf);
@@ -73,12 +73,25 @@ uint8_t* GetEndLeaf(IndxCursor* pCursor, uint32_t tLeaf)
     return nullptr;
 }
 
+// The outermost leaf of the index, checked to be one: with keys, and nothing behind it in this
+// direction. Null: the index is empty, or damage, already reported.
+uint8_t* GetEndLeaf(IndxCursor* pCursor, uint32_t tLeaf, uint32_t link)
+{
+    if (tLeaf == INDX_NO_NODE)
+        return nullptr;
+    uint8_t* pLeaf = GetLeaf(pCursor, tLeaf);
+    if (!pLeaf || (NodeCount(pLeaf) > 0 && NodeWord(pLeaf, link) == INDX_NO_NODE))
+        return pLeaf;
+    IndxReportDamage(pCursor, tLeaf);
+    return nullptr;
+}
+
 // To the first key, or with code 8 to the end.
 int32_t GoFirst(IndxCursor* pCursor)
 {
     const uint32_t tLeaf = pCursor->oField->roots.tFirstLeaf;
-    uint8_t* pLeaf = tLeaf == INDX_NO_NODE ? nullptr : GetEndLeaf(pCursor, tLeaf);
-    if (!pLeaf || NodeCount(pLeaf) == 0)
+    uint8_t* pLeaf = GetEndLeaf(pCursor, tLeaf, INDX_NODE_PREVIOUS);
+    if (!pLeaf)
         return NoKey(pCursor, INDX_AT_END);
     pCursor->result = INDX_RESULT_FOUND;
     Land(pCursor, &pLeaf, 0, INDX_AT_END);
@@ -89,21 +102,31 @@ int32_t GoFirst(IndxCursor* pCursor)
 int32_t GoLast(IndxCursor* pCursor)
 {
     const uint32_t tLeaf = pCursor->oField->roots.tLastLeaf;
-    uint8_t* pLeaf = tLeaf == INDX_NO_NODE ? nullptr : GetEndLeaf(pCursor, tLeaf);
-    if (!pLeaf || NodeCount(pLeaf) == 0)
+    uint8_t* pLeaf = GetEndLeaf(pCursor, tLeaf, INDX_NODE_NEXT);
+    if (!pLeaf)
         return NoKey(pCursor, INDX_AT_BEGINNING);
     pCursor->result = INDX_RESULT_FOUND;
     Land(pCursor, &pLeaf, NodeCount(pLeaf) - 1, INDX_AT_BEGINNING);
     return pCursor->result;
 }
 
-// The leaf a cursor stands on; null: damage, already reported.
-uint8_t* GetOwnLeaf(IndxCursor* pCursor) { return GetEndLeaf(pCursor, pCursor->tNode); }
+// The leaf next to the cursor's own, which is given up. Null: the end of the index, or damage,
+// already reported; a link that ends where the index does not is damage, too.
+uint8_t* GetLeafBehind(IndxCursor* pCursor, uint8_t** ppLeaf, uint32_t link)
+{
+    const uint32_t tBehind = NodeWord(*ppLeaf, link);
+    IndxReleaseNode(ppLeaf, pCursor, FALSE);
+    if (tBehind != INDX_NO_NODE)
+        return IndxGetNeighbour(pCursor, pCursor->tNode, tBehind, link);
+    if (!IsEndLeaf(pCursor, pCursor->tNode, link))
+        IndxReportDamage(pCursor, pCursor->tNode);
+    return nullptr;
+}
 
 // One entry on from a key. The result code stays what the operation before left.
 void StepForward(IndxCursor* pCursor)
 {
-    uint8_t* pLeaf = GetOwnLeaf(pCursor);
+    uint8_t* pLeaf = GetLeaf(pCursor, pCursor->tNode);
     if (!pLeaf) {
         NoKey(pCursor, INDX_AT_END);
         return;
@@ -113,10 +136,7 @@ void StepForward(IndxCursor* pCursor)
         NodeCount(pLeaf));
     int32_t position = pCursor->position + 1;
     if (position >= NodeCount(pLeaf)) {
-        const uint32_t tNext = NodeWord(pLeaf, INDX_NODE_NEXT);
-        IndxReleaseNode(&pLeaf, pCursor, FALSE);
-        if (tNext != INDX_NO_NODE)
-            pLeaf = IndxGetNeighbour(pCursor, pCursor->tNode, tNext, INDX_NODE_NEXT);
+        pLeaf = GetLeafBehind(pCursor, &pLeaf, INDX_NODE_NEXT);
         position = 0;
     }
     if (pLeaf)
@@ -127,17 +147,14 @@ void StepForward(IndxCursor* pCursor)
 
 void StepBack(IndxCursor* pCursor)
 {
-    uint8_t* pLeaf = GetOwnLeaf(pCursor);
+    uint8_t* pLeaf = GetLeaf(pCursor, pCursor->tNode);
     if (!pLeaf) {
         NoKey(pCursor, INDX_AT_BEGINNING);
         return;
     }
     int32_t position = pCursor->position - 1;
     if (position < 0) {
-        const uint32_t tPrevious = NodeWord(pLeaf, INDX_NODE_PREVIOUS);
-        IndxReleaseNode(&pLeaf, pCursor, FALSE);
-        if (tPrevious != INDX_NO_NODE)
-            pLeaf = IndxGetNeighbour(pCursor, pCursor->tNode, tPrevious, INDX_NODE_PREVIOUS);
+        pLeaf = GetLeafBehind(pCursor, &pLeaf, INDX_NODE_PREVIOUS);
         position = pLeaf ? NodeCount(pLeaf) - 1 : 0;
     }
     if (pLeaf)
@@ -179,10 +196,14 @@ Refound FindAgain(IndxCursor* pCursor, int32_t statusIfEmpty)
         return Refound::Missed;
     }
     // The find lets go of the saved key.
-    const HeldObject<IndxKeyInfo> key(
-        static_cast<IndxKeyInfo*>(ObjIncRefCount(pCursor->oKey)));
-    bool bDamaged = !key;
-    const NimBool bFound = key ? IndxFind(pCursor, key.get(), &bDamaged) : FALSE;
+    const HeldObject<IndxKeyInfo> key(static_cast<IndxKeyInfo*>(ObjIncRefCount(pCursor->oKey)));
+    if (!key) {
+        IndxReportDamage(pCursor, pCursor->tNode);
+        IndxUpdateCursor(pCursor, nullptr, statusIfEmpty);
+        return Refound::Damaged;
+    }
+    bool bDamaged = false;
+    const NimBool bFound = IndxFind(pCursor, key.get(), &bDamaged);
     if (bDamaged)
         return Refound::Damaged;
     return bFound ? Refound::Exactly : Refound::Missed;
@@ -218,10 +239,10 @@ int32_t IndxNextKey(void* oCursor)
         const Refound refound = FindAgain(pCursor, INDX_AT_END);
         // The saved key has gone: the find already stands on the key behind it.
         bOnNext = refound == Refound::Missed && pCursor->status != INDX_AT_END;
+        INDX_TRACE(INDX_DETAIL, "Cursor was Untrusted, bFound = %s", IndxTruth(bOnNext));
         if (bOnNext) {
             pCursor->status = INDX_ON_KEY;
             pCursor->result = INDX_RESULT_FOUND;
-            INDX_TRACE(INDX_DETAIL, "Cursor was Untrusted, bFound = %s", "TRUE");
             if (!pCursor->oKey) {
                 pCursor->bFailed = TRUE;
                 NoKey(pCursor, INDX_AT_END);
@@ -248,12 +269,16 @@ int32_t IndxNextMatchingKey(void* oCursor)
     const HeldObject<> value(ObjIncRefCount(pCursor->oKey->oValue));
     TraceStatus(pCursor);
     Refound refound = Refound::Exactly;
-    if (pCursor->status == INDX_UNTRUSTED)
+    if (pCursor->status == INDX_UNTRUSTED) {
         refound = FindAgain(pCursor, INDX_AT_END);
+        INDX_TRACE(
+            INDX_DETAIL, "Cursor was Untrusted, bFound = %s",
+            IndxTruth(refound == Refound::Missed));
+    }
     if (refound == Refound::Exactly) {
         MoveForward(pCursor);
     } else if (refound == Refound::Missed) {
-        INDX_TRACE(INDX_DETAIL, "Cursor was Untrusted, bFound = %s", "TRUE");
+        // A miss counts as moved, whatever the status.
         pCursor->result = INDX_RESULT_FOUND;
     } else {
         NoKey(pCursor, INDX_AT_END);
