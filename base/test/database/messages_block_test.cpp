@@ -1,54 +1,21 @@
 // messages_block_test.cpp: every message of the block store, with its level and error flag, and its
 // messages of the product log.
 
-#include "database/block.h"
-#include "database/block_internal.h"
+#include "block_scene.h"
 #include "message_book.h"
 #include "nim/nim.h"
 #include "support/armed_fault.h"
 #include "support/file_bytes.h"
-#include "support/temporary_directory.h"
 
 namespace {
 
 constexpr const char* BLCK = "BLCK        ";
 
-// A block file of its own; nothing is open at first.
-class BlockScene {
+class S : public BlockScene {
   public:
-    ~BlockScene()
-    {
-        FaultDisarmAll();
-        ObjReleaseInternal(&oBlck);
-        ObjReleaseInternal(&oOther);
-    }
-
-    const TemporaryDirectory directory;
-    const std::string path = directory.path("blocks");
-    void* oBlck = nullptr;
-    void* pData = nullptr;
-    void* oOther = ObjIntegerNew(1); // a valid object of another type
-
-    NimBool Open(const char* name) { return BlckFileOpen(&oBlck, name); }
-    void Open() { EXPECT_EQ(Open(path.c_str()), 1u); }
-    int32_t New()
-    {
-        if (!oBlck)
-            Open();
-        return BlckNewBlock(&pData, oBlck);
-    }
-    BlckControl* control() { return static_cast<BlckControl*>(oBlck); }
     std::string Opened(const char* verdict)
     {
         return std::string(verdict) + " = BlckFileOpen(" + Pointer(&oBlck) + ", " + path + ")";
-    }
-    // A file with one block, nothing of it in memory.
-    void OneBlock()
-    {
-        New();
-        BlckModifiedBlock(pData, oBlck);
-        BlckReleaseAll(oBlck);
-        pData = nullptr;
     }
     std::string Got(const char* verdict, void** ppData, void* block, int32_t tId, void* data)
     {
@@ -56,7 +23,6 @@ class BlockScene {
                ", " + Number(tId) + ") " + Pointer(data);
     }
 };
-using S = BlockScene;
 
 TEST(BlockMessages, OpeningAFile)
 {
