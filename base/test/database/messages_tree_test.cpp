@@ -231,6 +231,24 @@ TEST(TreeMessages, MovingForward)
                        EXPECT_EQ(IndxNextKey(pOther), 6);
                        return std::string("Cursor was Untrusted, bFound = TRUE");
                    }},
+                  {"Cursor was Untrusted, bFound = %s", 0, 4,
+                   [](S& s) { // the saved key is there: the step is still to come
+                       IndexFixture& t = s.Integers({1, 2, 3});
+                       IndxCursor* pOther = t.OpenCursor();
+                       t.Find(pOther, 2, NumberKey(2));
+                       EXPECT_TRUE(t.Add(9, NumberKey(9)));
+                       EXPECT_EQ(IndxNextKey(pOther), 6);
+                       return std::string("Cursor was Untrusted, bFound = FALSE");
+                   }},
+                  {"Cursor was Untrusted, bFound = %s", 0, 4,
+                   [](S& s) {
+                       IndexFixture& t = s.Integers({5, 5});
+                       IndxCursor* pOther = t.OpenCursor();
+                       t.Find(pOther, 1, NumberKey(5));
+                       EXPECT_TRUE(t.Add(9, NumberKey(9)));
+                       EXPECT_EQ(IndxNextMatchingKey(pOther), 6);
+                       return std::string("Cursor was Untrusted, bFound = FALSE");
+                   }},
                   {"Cursor is at beginning of index", 0, 4,
                    [](S& s) { IndxNextKey(s.Integers({}).cursor()); }},
                   {"Block is apparently valid", 0, 4,

@@ -1,1 +1,469 @@
-// quirks_tree_test.cpp: the book goes on here.
+// quirks_tree_test.cpp: what nodes, searches, insertion and deletion do on purpose and keep doing,
+// oddities included. Every test ends with the whole-tree check.
+
+#include <cstring>
+#include <filesystem>
+
+#include "support/armed_fault.h"
+#include "support/file_bytes.h"
+#include "support/file_calls.h"
+#include "support/record_objects.h"
+#include "support/trace_recorder.h"
+#include "tree_scene.h"
+
+namespace {
+
+constexpr uint32_t NONE = 0xFFFFFFFF;
+constexpr int32_t FAR = 2000000000; // and -FAR: more than 2^31 apart
+
+class TreeQuirk : public testing::Test {
+  protected:
+    IndexFixture& Even() // 0, 2, 4 ... in one full leaf
+    {
+        std::vector<int32_t> values;
+        for (int32_t i = 0; i < FULL; ++i)
+            values.push_back(2 * i);
+        return scene_.Integers(values);
+    }
+    IndexFixture& tree() { return *scene_.tree; }
+    IndxCursor* cursor() { return tree().cursor(); }
+    const IndxField* field() { return tree().field(); }
+    uint8_t* Node(uint32_t tNode)
+    {
+        uint8_t* pNode = nullptr;
+        IndxGetNode(&pNode, cursor(), tNode);
+        EXPECT_NE(pNode, nullptr);
+        return pNode;
+    }
+    // Entries of the first and the last leaf.
+    std::vector<int32_t> Leaves()
+    {
+        return {
+            NodeCount(Node(field()->roots.tFirstLeaf)), NodeCount(Node(field()->roots.tLastLeaf))};
+    }
+    // The way in to a node, by its own search.
+    std::pair<bool, int32_t> Search(uint32_t tNode, uint32_t id, const Key& key)
+    {
+        int32_t index = -77;
+        IndxKeyInfo* pKey = tree().MakeKeyInfo(id, key);
+        const NimBool bFound = IndxSearchNode(&index, cursor(), Node(tNode), pKey);
+        ObjRelease(pKey);
+        return {bFound == TRUE, index};
+    }
+
+    LogRecorder log_;
+    TraceRecorder trace_{0};
+    TreeScene scene_;
+};
+
+// ---- nodes and key types
+// -------------------------------------------------------------------------
+
+TEST_F(TreeQuirk, IntegersMoreThanHalfTheirRangeApartCompareTheWrongWayRound)
+{
+    scene_.Integers({-FAR, FAR});
+    EXPECT_EQ(tree().Walk(), std::vector<uint32_t>({2, 1}));
+    EXPECT_EQ(Search(0, 0, NumberKey(FAR)).second, 0);
+    scene_.damaged = true; // not the order that the check knows
+}
+
+TEST_F(TreeQuirk, RecordIdsFromHalfTheirRangeOnComeBeforeZero)
+{
+    scene_.Make(INDX_KEY_RECORD_ID);
+    for (uint32_t id : {1u, 0x90000000u})
+        EXPECT_TRUE(tree().Add(id, {}));
+    EXPECT_EQ(tree().Walk(), std::vector<uint32_t>({0x90000000, 1}));
+    EXPECT_EQ(Search(0, 0, {}).second, 1);
+    scene_.damaged = true;
+}
+
+TEST_F(TreeQuirk, OpeningAnIndexSaysTrueOfAFileThatItCannotOpen)
+{
+    scene_.Make(INDX_KEY_INTEGER);
+    void* oBlck = &scene_;
+    EXPECT_EQ(IndxIndexOpen(&oBlck, tree().table(), scene_.directory.path("no/such").c_str()), 1u);
+    EXPECT_EQ(oBlck, &scene_);
+}
+
+TEST_F(TreeQuirk, TheStoredDescriptionSaysThatItIsUnchanged)
+{
+    scene_.Integers({1});
+    tree().table()->bChanged = TRUE;
+    EXPECT_TRUE(tree().Update());
+    Held stored;
+    ASSERT_EQ(ObjReconstructFromMemory(stored.out(), BlckUserData(tree().block())), 1u);
+    auto* pStored = static_cast<IndxTable*>(stored.get());
+    EXPECT_EQ(pStored->bChanged, 0u); // cleared before it was written
+    void* oField = nullptr;
+    ASSERT_EQ(ListGetNthItem(&oField, pStored->oFields, 0), 1u);
+    ObjRelease(static_cast<IndxField*>(oField)->oTable); // opens the ring
+}
+
+TEST_F(TreeQuirk, ADescriptionThatWasNotStoredIsNotTriedAgain)
+{
+    scene_.Integers({1});
+    const auto stored = [&] {
+        return std::string(static_cast<const char*>(BlckUserData(tree().block())), 16128);
+    };
+    const std::string before = stored();
+    tree().table()->highestId = 42;
+    tree().table()->bChanged = TRUE;
+    {
+        const ArmedFault fault(FAULT_SERIALIZE);
+        EXPECT_FALSE(tree().Update());
+    }
+    EXPECT_EQ(tree().table()->bChanged, 0u);
+    EXPECT_TRUE(tree().Update());
+    EXPECT_EQ(stored(), before);
+    tree().table()->bChanged = TRUE;
+    EXPECT_TRUE(tree().Update());
+    EXPECT_NE(stored(), before);
+}
+
+TEST_F(TreeQuirk, AFailedUpdateReleasesTheBlocksAllTheSame)
+{
+    scene_.Integers({1});
+    EXPECT_TRUE(tree().Insert(2, NumberKey(2)));
+    tree().table()->bChanged = TRUE;
+    const ArmedFault fault(FAULT_SERIALIZE);
+    const FileCalls calls;
+    EXPECT_FALSE(tree().Update());
+    EXPECT_EQ(calls.offsets(FILE_OP_WRITE), std::vector<int64_t>({16384}));
+    EXPECT_EQ(tree().Walk(), std::vector<uint32_t>({1, 2}));
+}
+
+TEST_F(TreeQuirk, AnUpdateOfAnUnchangedTableReleasesTheBlocks)
+{
+    scene_.Integers({1});
+    EXPECT_TRUE(tree().Insert(2, NumberKey(2)));
+    EXPECT_EQ(tree().table()->bChanged, 0u);
+    const FileCalls calls;
+    EXPECT_TRUE(tree().Update());
+    EXPECT_EQ(calls.offsets(FILE_OP_WRITE), std::vector<int64_t>({16384}));
+}
+
+TEST_F(TreeQuirk, DiscardingANodeLeavesThePointerAndReleasingOneDoesNot)
+{
+    scene_.Integers({1});
+    uint8_t* pNode = Node(0);
+    uint8_t* const pSame = pNode;
+    IndxDiscardNode(&pNode, cursor());
+    EXPECT_EQ(pNode, pSame);
+    IndxReleaseNode(&pNode, cursor(), FALSE);
+    EXPECT_EQ(pNode, nullptr);
+}
+
+TEST_F(TreeQuirk, AFreshNodeIsNoLeafYet)
+{
+    scene_.Make(INDX_KEY_TEXT);
+    uint8_t* pNode = nullptr;
+    ASSERT_EQ(IndxNewNode(&pNode, cursor()), 0);
+    const std::string expected = std::string(12, '\xff') + std::string(4, '\0') +
+                                 std::string("\1\0\0\0", 4) + std::string(4, '\0');
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(pNode), 24), expected);
+}
+
+TEST_F(TreeQuirk, UnusedWordsOfAnEntryAreCarriedAlong)
+{
+    scene_.Integers({2});
+    uint8_t* pEntry = NodeEntry(Node(0), 0);
+    PutU32(pEntry + 4, 0x11111111);
+    PutU32(pEntry + 20, 0x22222222);
+    EXPECT_TRUE(tree().Add(2, NumberKey(1)));
+    pEntry = NodeEntry(Node(0), 1);
+    EXPECT_EQ(GetU32(pEntry + 4), 0x11111111u);
+    EXPECT_EQ(GetU32(pEntry + 20), 0x22222222u);
+}
+
+TEST_F(TreeQuirk, TheStoredAddressOfANodesEndMeansNothing)
+{
+    scene_.Integers({1, 2});
+    tree().Close();
+    std::string bytes = ReadFileBytes(tree().path());
+    bytes.replace(16384 + 24, 8, std::string(8, '\x5a'));
+    WriteFileBytes(tree().path(), bytes);
+    tree().Open();
+    EXPECT_EQ(tree().Walk(), std::vector<uint32_t>({1, 2}));
+    EXPECT_EQ(GetU64(Node(0) + 24), reinterpret_cast<uintptr_t>(Node(0)) + 16384);
+}
+
+TEST_F(TreeQuirk, AFieldThatMustNotBeKeyedEndsTheProcess)
+{
+    scene_.Make(INDX_KEY_FORBIDDEN);
+    const CrashRecorder crash;
+    EXPECT_FALSE(tree().Add(1, {}));
+    EXPECT_EQ(crash.codes(), std::vector<uint32_t>({0}));
+}
+
+TEST_F(TreeQuirk, AnEntryOfAnotherKeyTypeHoldsRecordIdAndPointerAlone)
+{
+    scene_.Integers({0x01020304});
+    tree().Backout();
+    uint8_t* pNode = Node(0);
+    IndxKeyInfo* pKey = tree().MakeKeyInfo(9, NumberKey(5));
+    pKey->keyType = 99;
+    pKey->fileOffset = 77;
+    EXPECT_EQ(IndxPutKeyIntoNode(cursor(), pNode, 0, pKey), 1u);
+    ObjRelease(pKey);
+    EXPECT_EQ(GetU32(NodeEntry(pNode, 0)), 9u);
+    EXPECT_EQ(GetU32(NodeEntry(pNode, 0) + 8), 0x01020304u);
+    EXPECT_EQ(GetU32(NodeEntry(pNode, 0) + 16), 77u);
+}
+
+// ---- search
+// --------------------------------------------------------------------------------------
+
+TEST_F(TreeQuirk, ASearchForAnUnknownKeyTypeEndsAtPositionZero)
+{
+    scene_.Integers({1, 2, 3, 4, 5});
+    tree().field()->keyType = 99;
+    for (uint32_t id = 1; id <= 5; ++id)
+        EXPECT_EQ(Search(0, id, {}), std::make_pair(false, 0));
+    tree().field()->keyType = INDX_KEY_INTEGER;
+}
+
+TEST_F(TreeQuirk, TheIndexTellsTheKeyTypeNeverTheKey)
+{
+    scene_.Integers({1, 2, 3});
+    IndxKeyInfo* pKey = tree().MakeKeyInfo(2, NumberKey(2));
+    pKey->keyType = INDX_KEY_TEXT;
+    EXPECT_EQ(IndxFind(cursor(), pKey, nullptr), 1u);
+    ObjRelease(pKey);
+    EXPECT_EQ(CursorId(cursor()), 2u);
+}
+
+TEST_F(TreeQuirk, IdZeroSortsBeforeEveryEntryOfItsValue)
+{
+    scene_.Integers({5, 5, 5});
+    EXPECT_EQ(Search(0, 0, NumberKey(5)), std::make_pair(false, 0));
+    EXPECT_EQ(Search(0, 3, NumberKey(5)), std::make_pair(true, 2));
+}
+
+TEST_F(TreeQuirk, AFindForAnyRecordIsFalseThoughTheCodeSaysFound)
+{
+    scene_.Integers({5});
+    IndxKeyInfo* pKey = tree().MakeKeyInfo(0, NumberKey(5));
+    EXPECT_EQ(IndxFind(cursor(), pKey, nullptr), 0u);
+    ObjRelease(pKey);
+    EXPECT_EQ(cursor()->result, 6);
+    EXPECT_EQ(CursorId(cursor()), 1u);
+}
+
+TEST_F(TreeQuirk, ATextKeyIsMeasuredAndStoredWithItsNul)
+{
+    scene_.Texts({"abc"});
+    EXPECT_EQ(GetU32(NodeEntry(Node(0), 0) + 8), 4u);
+    EXPECT_EQ(std::memcmp(Node(0) + 16384 - 4, "abc", 4), 0);
+    EXPECT_EQ(tree().Find(0, SizedKey("x", 8168)), 7); // 8167 characters
+    EXPECT_EQ(tree().Find(0, SizedKey("x", 8169)), 2);
+}
+
+TEST_F(TreeQuirk, AnEmptyTextIsIndexedButCannotBeLookedFor)
+{
+    scene_.Texts({"", "a"});
+    EXPECT_EQ(tree().Walk(), std::vector<uint32_t>({1, 2}));
+    EXPECT_EQ(tree().Find(1, TextKey("")), 1);
+}
+
+TEST_F(TreeQuirk, AnAbsentTextCannotBeIndexed)
+{
+    scene_.Texts({});
+    EXPECT_FALSE(tree().Add(1, BytesKey("")));
+    EXPECT_EQ(cursor()->result, 1);
+}
+
+// ---- insertion
+// -----------------------------------------------------------------------------------
+
+TEST_F(TreeQuirk, ASplitIsAlwaysAtTheInsertionPosition)
+{
+    Even();
+    EXPECT_TRUE(tree().Add(5000, NumberKey(2 * 100 - 1))); // 100 entries come before it
+    EXPECT_EQ(Leaves(), std::vector<int32_t>({101, FULL - 100}));
+}
+
+TEST_F(TreeQuirk, TheNewKeyGoesToTheSideWithMoreRoom)
+{
+    Even();
+    EXPECT_TRUE(tree().Add(5000, NumberKey(2 * 600 - 1)));
+    EXPECT_EQ(Leaves(), std::vector<int32_t>({600, FULL - 600 + 1}));
+    EXPECT_EQ(GetU32(NodeEntry(Node(field()->roots.tLastLeaf), 0)), 5000u);
+}
+
+TEST_F(TreeQuirk, WithEqualRoomOnBothSidesTheNewKeyGoesLeft)
+{
+    scene_.Texts({});
+    EXPECT_TRUE(tree().Add(1, SizedKey("a", 8000)));
+    EXPECT_TRUE(tree().Add(2, SizedKey("c", 8000)));
+    EXPECT_TRUE(tree().Add(3, SizedKey("b", 8000)));
+    EXPECT_EQ(Leaves(), std::vector<int32_t>({2, 1}));
+}
+
+TEST_F(TreeQuirk, AscendingInsertionsLeaveFullNodesBehindThem)
+{
+    std::vector<int32_t> values;
+    for (int32_t i = 0; i < 3 * FULL; ++i)
+        values.push_back(i);
+    scene_.Integers(values);
+    const TreeReport report = CheckTable(tree().table());
+    ASSERT_EQ(report.indexes[0].perLevel, std::vector<uint32_t>({1, 3}));
+    EXPECT_EQ(Leaves(), std::vector<int32_t>({FULL, FULL}));
+}
+
+TEST_F(TreeQuirk, ASplitToTheLeftMovesNoEntry)
+{
+    Even();
+    EXPECT_TRUE(tree().Add(5000, NumberKey(-1)));
+    EXPECT_EQ(Leaves(), std::vector<int32_t>({1, FULL}));
+    EXPECT_EQ(field()->roots.tLastLeaf, 0u); // the old leaf is where it was
+}
+
+TEST_F(TreeQuirk, TheFirstEntryThatPointsToAChildIsTaken)
+{
+    scene_.TwoLeaves();
+    uint8_t* pRoot = Node(field()->roots.tRoot);
+    const uint32_t tFirst = GetU32(NodeEntry(pRoot, 0) + 16);
+    PutU32(NodeEntry(pRoot, 1) + 16, tFirst);
+    EXPECT_EQ(IndxFindChild(pRoot, tFirst), 0);
+}
+
+TEST_F(TreeQuirk, AKeyFoundInABranchExistsAlready)
+{
+    std::vector<int32_t> values;
+    for (int32_t i = 0; i <= FULL; ++i)
+        values.push_back(i);
+    scene_.Integers(values, true);
+    const FileCalls calls;
+    EXPECT_FALSE(tree().Add(5000, NumberKey(FULL))); // the lowest key of the second leaf
+    EXPECT_EQ(cursor()->result, 6);
+    EXPECT_EQ(calls.offsets(FILE_OP_READ).size(), 1u); // the root was enough
+}
+
+TEST_F(TreeQuirk, OnlyAKeyThatExistsSetsAResultCode)
+{
+    scene_.Texts({});
+    EXPECT_TRUE(tree().Add(1, SizedKey("a", 8152)));
+    EXPECT_TRUE(tree().Add(2, SizedKey("c", 8152)));
+    cursor()->result = 77;
+    EXPECT_FALSE(tree().Add(3, SizedKey("b", 8168))); // no room on either side
+    EXPECT_TRUE(trace_.has("Failed to split right"));
+    EXPECT_EQ(cursor()->result, 77);
+    EXPECT_FALSE(tree().Add(1, SizedKey("a", 8152)));
+    EXPECT_EQ(cursor()->result, 6);
+}
+
+// What a split does without a block was left open; it fails, and its caller backs out.
+TEST_F(TreeQuirk, ASplitWithoutABlockFails)
+{
+    Even();
+    {
+        const ArmedFault fault(FAULT_RESERVE);
+        EXPECT_FALSE(tree().Add(5000, NumberKey(1)));
+    }
+    EXPECT_TRUE(trace_.has("INDX        ", 1, 0, "Failed to split right"));
+    EXPECT_TRUE(tree().Add(5000, NumberKey(1)));
+}
+
+TEST_F(TreeQuirk, AFailedInsertionUndoesNothingItself)
+{
+    scene_.Texts({});
+    EXPECT_TRUE(tree().Add(1, SizedKey("b", 8168)));
+    EXPECT_FALSE(tree().Insert(2, SizedKey("a", 8168))); // no root can hold both
+    EXPECT_NE(field()->roots.tFirstLeaf, field()->roots.tLastLeaf);
+    tree().Backout(); // that is the caller's
+    EXPECT_EQ(field()->roots.tFirstLeaf, field()->roots.tLastLeaf);
+}
+
+TEST_F(TreeQuirk, EqualKeysAreOrderedByRecordId)
+{
+    scene_.Make(INDX_KEY_INTEGER);
+    for (uint32_t id : {3u, 1u, 2u})
+        EXPECT_TRUE(tree().Add(id, NumberKey(5)));
+    EXPECT_EQ(tree().Walk(), std::vector<uint32_t>({1, 2, 3}));
+}
+
+// ---- deletion
+// ------------------------------------------------------------------------------------
+
+TEST_F(TreeQuirk, TheDoubledLetterOfTheDeletionsEntryStays)
+{
+    scene_.Integers({1});
+    const TraceRecorder trace;
+    EXPECT_TRUE(tree().Remove(1, NumberKey(1)));
+    EXPECT_TRUE(trace.hasPart("IndxDeletetKey("));
+    EXPECT_TRUE(trace.hasPart("TRUE = IndxDeleteKey("));
+    EXPECT_FALSE(trace.hasPart("= IndxDeletetKey("));
+}
+
+TEST_F(TreeQuirk, NodesAreNeverMerged)
+{
+    scene_.TwoLeaves();
+    for (int32_t i = 1; i < FULL; ++i)
+        EXPECT_TRUE(tree().Remove(static_cast<uint32_t>(i + 1), NumberKey(i)));
+    EXPECT_EQ(Leaves(), std::vector<int32_t>({1, 1})); // two leaves of one key each
+    EXPECT_EQ(field()->levels, 2);
+}
+
+TEST_F(TreeQuirk, TheHeightShrinksToNothingOnly)
+{
+    scene_.TwoLeaves();
+    EXPECT_TRUE(tree().Remove(FULL + 1, NumberKey(FULL)));
+    EXPECT_EQ(field()->levels, 2); // a root with one child stays
+    EXPECT_NE(field()->roots.tRoot, field()->roots.tFirstLeaf);
+    for (int32_t i = 0; i < FULL; ++i)
+        EXPECT_TRUE(tree().Remove(static_cast<uint32_t>(i + 1), NumberKey(i)));
+    EXPECT_EQ(field()->levels, 0);
+    EXPECT_EQ(field()->roots.tRoot, NONE);
+    EXPECT_EQ(CheckTable(tree().table()).freeChain.size(), 3u);
+}
+
+TEST_F(TreeQuirk, CursorsAreInvalidatedWhateverBecomesOfTheDeletion)
+{
+    scene_.TwoLeaves();
+    IndxCursor* pOther = tree().OpenCursor();
+    EXPECT_EQ(IndxFirstKey(pOther), 6);
+    scene_.LoseParent(field()->roots.tLastLeaf);
+    EXPECT_FALSE(tree().Delete(FULL + 1, NumberKey(FULL)));
+    EXPECT_EQ(pOther->status, INDX_UNTRUSTED);
+}
+
+TEST_F(TreeQuirk, ADeletionThatFindsNothingLeavesTheCursorsTrusted)
+{
+    scene_.Integers({1, 3});
+    IndxCursor* pOther = tree().OpenCursor();
+    EXPECT_EQ(IndxFirstKey(pOther), 6);
+    EXPECT_FALSE(tree().Remove(2, NumberKey(2)));
+    EXPECT_EQ(pOther->status, INDX_ON_KEY);
+}
+
+TEST_F(TreeQuirk, AFailedDeletionUndoesNothingItself)
+{
+    scene_.TwoLeaves();
+    const uint32_t tLast = field()->roots.tLastLeaf;
+    scene_.LoseParent(tLast);
+    EXPECT_FALSE(tree().Delete(FULL + 1, NumberKey(FULL)));
+    EXPECT_EQ(NodeCount(Node(tLast)), 0);
+    EXPECT_NE(field()->roots.tLastLeaf, tLast);
+    tree().Backout();
+    EXPECT_EQ(field()->roots.tLastLeaf, tLast);
+    EXPECT_EQ(NodeCount(Node(tLast)), 1);
+    scene_.damaged = false;
+}
+
+TEST_F(TreeQuirk, ADeletionWhoseKeyCannotBeBuiltReadsNoNode)
+{
+    scene_.Texts({"a"});
+    const FileCalls calls;
+    EXPECT_FALSE(tree().Delete(1, BytesKey("")));
+    EXPECT_EQ(calls.count(FILE_OP_READ), 0u);
+    EXPECT_EQ(cursor()->result, 1);
+}
+
+TEST_F(TreeQuirk, OneOfSeveralEqualKeysIsDeletedByItsRecordId)
+{
+    scene_.Integers({5, 5, 5});
+    EXPECT_TRUE(tree().Remove(2, NumberKey(5)));
+    EXPECT_EQ(tree().Walk(), std::vector<uint32_t>({1, 3}));
+}
+
+} // namespace
