@@ -1,6 +1,6 @@
 // description.cpp: a table's stored description, rebuilt from the user data of its block file and
 // judged. A checksum tells damage, not intent, and a magic alone is no shape: a rebuilt table is
-// relied on only when every object in it has the registered template, its list holds the fields
+// relied on only when every object in it has the registered layout, its list holds the fields
 // that its format text asks for, and its numbers are those that the format and the flags lead to.
 //
 // Nothing is attached here (block file, database, cursors), and nothing is left behind by a
@@ -61,6 +61,16 @@ bool HasTemplate(const void* object, const ObjTemplate* pTemplate)
     return object && OBJ_HEADER(object)->tmpl == pTemplate;
 }
 
+// Whether the items of an object with the template's magic lie where the template has them. An
+// object is rebuilt from the template that was the first of its magic and format in the process,
+// and that may be another module's, without a tail or with a longer one.
+bool HasLayout(const void* object, ObjTemplate* pTemplate)
+{
+    const ObjDbData* pData = ObjGetDbData(object);
+    return HasTemplate(object, pTemplate) ||
+           (pData && StrCompare(pData->format, ObjGetDbDataFromTemplate(pTemplate)->format) == 0);
+}
+
 // Items of a format text, counted without making a template of it: templates are never freed.
 uint32_t CountItems(const char* format)
 {
@@ -103,7 +113,7 @@ NimBool CountOccurrence(void* context, void* item)
 const char*
 FieldFault(const IndxTable* pTable, const IndxField* pField, uint32_t position, uint32_t blockCount)
 {
-    if (!HasTemplate(pField, gIndxTemplates.field))
+    if (!HasLayout(pField, gIndxTemplates.field))
         return "an item of the field list is no field";
     if (!pField->name)
         return "a field has no name";
@@ -131,7 +141,7 @@ FieldFault(const IndxTable* pTable, const IndxField* pField, uint32_t position, 
 // Everything that can be told without the template of the records.
 const char* ShapeFault(const IndxTable* pTable, uint32_t blockCount)
 {
-    if (!HasTemplate(pTable, gIndxTemplates.table))
+    if (!HasLayout(pTable, gIndxTemplates.table))
         return "the table has another layout";
     if (!pTable->name || !pTable->format || !pTable->fields)
         return "a text is missing";
@@ -201,7 +211,49 @@ const char* TemplateFault(const IndxTable* pTable)
     return nullptr;
 }
 
+NimBool IsOwnField(void*, void* item)
+{
+    return HasTemplate(item, gIndxTemplates.field);
+}
+
+// Appends a field of our own template to a list, with all that the other one holds. False: no
+// memory; what was taken over has gone with the new field.
+bool MoveField(void* oList, IndxField* pFrom)
+{
+    HeldObject<IndxField> field;
+    ObjTemplateCreateInstanceFromPool(field.OutVoid(), gIndxTemplates.field, IndxPool());
+    if (!field)
+        return false;
+    // The items of the format; the tail is the new field's own.
+    MemCopy(field.get(), pFrom, offsetof(IndxField, committedRoots));
+    pFrom->name = nullptr;
+    pFrom->oTable = nullptr;
+    pFrom->oCursors = nullptr;
+    void* oField = field.get();
+    if (!ListPushLastItemInternal(oList, &oField))
+        return false;
+    field.Take();
+    return true;
+}
+
 } // namespace
+
+bool IndxAdoptFields(IndxTable* pTable)
+{
+    if (ListWalk(pTable->oFields, IsOwnField, nullptr))
+        return true;
+    HeldObject<> list(ListNewFromPool(INDX_FIELD_MAGIC, IndxPool()));
+    if (!list)
+        return false;
+    void* oField = nullptr;
+    for (uint32_t i = 0; ListGetNthItem(&oField, pTable->oFields, i); ++i) {
+        if (!MoveField(list.get(), static_cast<IndxField*>(oField)))
+            return false;
+    }
+    ObjRelease(pTable->oFields);
+    pTable->oFields = list.Take();
+    return true;
+}
 
 void IndxDiscardGraph(void** ppRoot)
 {
@@ -256,6 +308,10 @@ IndxRebuildTable(IndxTable** ppTable, void* oBlck, const char* name, const char*
     if (const char* fault = IndxTableFault(pTable, oBlck)) {
         INDX_TRACE(
             INDX_ALWAYS, "Damaged description of table '%s' in '%s': %s", name, fileName, fault);
+        IndxDiscardGraph(&oRebuilt);
+        return IndxStored::Refused;
+    }
+    if (!IndxAdoptFields(pTable)) {
         IndxDiscardGraph(&oRebuilt);
         return IndxStored::Refused;
     }

@@ -51,6 +51,10 @@ bool IndxIsBlank(void* oBlck);
 // What is wrong with a rebuilt table, in words; null when every part of it can be relied on.
 const char* IndxTableFault(const IndxTable* pTable, void* oBlck);
 
+// Makes every field in the list of a sound table one of our own template, which has room for the
+// committed roots behind the items. False: no memory; the table is to be discarded then.
+bool IndxAdoptFields(IndxTable* pTable);
+
 // Drops the reference that the variable holds on a rebuilt object of which nothing is known, and
 // takes everything apart that can be reached from it: such objects may hold each other in rings.
 void IndxDiscardGraph(void** ppRoot);

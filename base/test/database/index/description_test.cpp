@@ -1,5 +1,6 @@
 // description_test.cpp: block files that hold no sound description: none of them is loaded, none is
 // created over, none is written, and nothing is left in memory.
+#include <cstdlib>
 #include <functional>
 
 #include "database/index/schema.h"
@@ -442,6 +443,117 @@ TEST_F(Description, DamagedTableDoesNotKeepOthersFromLoading)
     EXPECT_EQ(TableCount(), 2u);
     ExpectRecords(Create("A"), 3);
     ExpectRecords(Create("C"), 4);
+}
+
+// ---- templates of others ----------------------------------------------------------------------
+
+constexpr const char* FIELD_FORMAT = "s;i;i;b;b;b;i;i;i;i;i;i;o;ol;";
+
+// A table whose fields are of a template without the room that the index adds to its own.
+void UseForeignFields(IndxTable* pTable)
+{
+    ObjTemplate* pShort = nullptr;
+    ASSERT_EQ(
+        ObjTemplateCreateInternal(
+            &pShort, OBJ_SIZE_COMPUTED, INDX_FIELD_MAGIC, FIELD_FORMAT, nullptr),
+        1u);
+    ASSERT_NE(pShort, gIndxTemplates.field);
+    void* oList = ListNewFromPool(INDX_FIELD_MAGIC, 1);
+    for (uint32_t i = 0; i < 3; ++i) {
+        void* oField = nullptr;
+        ASSERT_EQ(ObjTemplateCreateInstanceFromPool(&oField, pShort, 1), 1u);
+        IndxField* pFrom = FieldAt(pTable, i);
+        MemCopy(oField, pFrom, 72);
+        static_cast<IndxField*>(oField)->name = StrDuplicateIntoPool(pFrom->name, 1);
+        static_cast<IndxField*>(oField)->oTable = nullptr;
+        static_cast<IndxField*>(oField)->oCursors = nullptr;
+        ListPushLastItemInternal(oList, &oField);
+    }
+    IndxUnhookFields(pTable);
+    ObjRelease(pTable->oFields);
+    pTable->oFields = oList;
+}
+
+TEST_F(Description, FieldsOfAShorterTemplateAreReplacedByOurOwn)
+{
+    auto* pTable = static_cast<IndxTable*>(Create("T"));
+    ASSERT_NE(pTable, nullptr);
+    std::vector<IndxField> before;
+    for (uint32_t i = 0; i < 3; ++i)
+        before.push_back(*Field(pTable, i));
+    UseForeignFields(pTable);
+    EXPECT_EQ(IndxTableFault(pTable, pTable->oBlck), nullptr);
+    ASSERT_TRUE(IndxAdoptFields(pTable));
+    ASSERT_EQ(ListGetCount(pTable->oFields), 3u);
+    for (uint32_t i = 0; i < 3; ++i) {
+        const IndxField* pField = Field(pTable, i);
+        EXPECT_EQ(OBJ_HEADER(pField)->tmpl, gIndxTemplates.field);
+        EXPECT_EQ(pField->recordOffset, before[i].recordOffset);
+        EXPECT_EQ(pField->keyType, before[i].keyType);
+        EXPECT_EQ(pField->bUnique, before[i].bUnique);
+    }
+    EXPECT_STREQ(Field(pTable, 1)->name, "Name");
+    ASSERT_EQ(IndxHookFields(pTable), 1u);
+    AddMany(pTable, 3);
+    ExpectRecords(pTable, 3);
+}
+
+TEST_F(Description, FieldsThatCannotBeReplacedAreGivenUpWhole)
+{
+    for (uint32_t nth = 1;; ++nth) {
+        ASSERT_LT(nth, 50u);
+        void* oTable = nullptr;
+        {
+            auto* pModel = static_cast<IndxTable*>(Create("T"));
+            std::string bytes(ObjSerializedSize(pModel), '\0');
+            ASSERT_EQ(ObjSerializeToMemory(pModel, bytes.data(), nullptr), 1u);
+            ASSERT_EQ(ObjReconstructFromMemory(&oTable, bytes.data()), 1u);
+        }
+        UseForeignFields(static_cast<IndxTable*>(oTable));
+        // Each field holds the table, as in a table that was rebuilt.
+        for (uint32_t i = 0; i < 3; ++i)
+            Field(oTable, i)->oTable = static_cast<IndxTable*>(ObjIncRefCount(oTable));
+        const uint32_t rule = Fail(FAULT_ALLOC, nth);
+        const bool bAdopted = IndxAdoptFields(static_cast<IndxTable*>(oTable));
+        const bool bStruck = FaultHits(rule) != 0;
+        FaultDisarmAll();
+        EXPECT_NE(bAdopted, bStruck);
+        IndxDiscardGraph(&oTable); // what leaks shows at the end of the test
+        if (!bStruck)
+            break;
+    }
+}
+
+// In a process of its own, in which another module was the first to make a template of the magic
+// and the format of a field: objects are rebuilt from that one.
+void OpenBehindAForeignTemplate()
+{
+    ObjTemplate* pForeign = nullptr;
+    if (!ObjTemplateCreateInternal(
+            &pForeign, OBJ_SIZE_COMPUTED, INDX_FIELD_MAGIC, FIELD_FORMAT, nullptr))
+        std::exit(2);
+    TemporaryDirectory directory;
+    PathSetHome(directory.path().c_str());
+    for (int run = 0; run < 3; ++run) {
+        void* oDatabase = nullptr;
+        void* oTable = nullptr;
+        if (!IndxOpenDatabase(&oDatabase, "Data", nullptr, nullptr))
+            std::exit(3);
+        if (ListGetCount(static_cast<IndxDatabase*>(oDatabase)->oTables) != (run ? 1u : 0u))
+            std::exit(4);
+        if (!IndxOpenTableInternal(
+                &oTable, oDatabase, "T", "T", 0xca111111, FORMAT, FIELDS, 0, INDX_VERSION_NONE))
+            std::exit(5);
+        IndxReleaseTable(&oTable);
+        IndxCloseDatabase(&oDatabase);
+    }
+    std::exit(ObjLiveCount(0) == 0 ? 0 : 6);
+}
+
+TEST(DescriptionDeathTest, TablesLoadWhereAnotherModuleMadeATemplateOfFieldsFirst)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(OpenBehindAForeignTemplate(), testing::ExitedWithCode(0), "");
 }
 
 // ---- every byte of a description, damaged -----------------------------------------------------
