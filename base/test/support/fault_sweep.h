@@ -27,6 +27,7 @@ constexpr SweptFault SWEPT_FAULTS[] = {
     {"seek", FAULT_SEEK},
     {"seek to start", FAULT_SEEKSTART},
     {"seek to end", FAULT_SEEKEND},
+    {"skip", FAULT_SKIP},
     {"get offset", FAULT_GETOFFSET},
     {"read", FAULT_READ},
     {"read half-way", FAULT_READ, FAULT_FAIL_AFTER, 20},
