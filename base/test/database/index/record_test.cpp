@@ -141,6 +141,17 @@ TEST_F(RecordTest, SettingAnIdBelowTheHighestLeavesItAndALargerOneRaisesIt)
     ExpectHolds(table_, model);
 }
 
+// Nothing else of the description changes here: no root, no end of an index.
+TEST_F(RecordTest, AHighestIdThatWasRaisedIsStored)
+{
+    MustAdd(1);
+    Reload();
+    ASSERT_EQ(IndxSetRecordInTable(20, table_, BlobOf(MakePerson(2)).get()), 1u);
+    Reload();
+    EXPECT_EQ(IndxNextId(table_), 21u);
+    ExpectHolds(table_, {{1, MakePerson(1)}, {20, MakePerson(2)}});
+}
+
 TEST_F(RecordTest, AFailedSetDoesNotRaiseTheHighestId)
 {
     MustAdd(1);
@@ -378,6 +389,25 @@ TEST_F(RecordTest, ARecordShorterThanItsFixedPartIsRefused)
     EXPECT_EQ(IndxAddRecord(5, table_, nullptr), 0u);
     EXPECT_EQ(std::filesystem::file_size(RecordsPath()), 0u);
     ExpectHolds(table_, {});
+}
+
+// Also when every key lies in what is there: what could not be decoded is not stored.
+TEST_F(RecordTest, AShortRecordIsRefusedThoughItsKeysAreThere)
+{
+    constexpr uint32_t SHORT_MAGIC = 0xca888888;
+    void* oTable = OpenTable("Short", SHORT_MAGIC, "i;i;q;u;", "Id, A;Indexed, B, C");
+    ASSERT_NE(oTable, nullptr);
+    for (const uint32_t size : {16u, 20u, 51u}) {
+        TraceRecorder trace;
+        const Held blob = MakeBlob(SHORT_MAGIC, "i;i;q;u;", std::string(size, '\0'));
+        EXPECT_EQ(IndxAddRecordToTable(nullptr, oTable, blob.get()), 0u) << size;
+        EXPECT_EQ(IndxError(), INDX_ERROR_ARGUMENT);
+        EXPECT_TRUE(trace.has(TAG, 0, -1, "Not a record of this table")) << trace.dump();
+    }
+    const Held whole = MakeBlob(SHORT_MAGIC, "i;i;q;u;", std::string(52, '\0'));
+    EXPECT_EQ(IndxAddRecordToTable(nullptr, oTable, whole.get()), 1u);
+    EXPECT_EQ(std::filesystem::file_size(RecordsPath("Short")), 52u);
+    ExpectSound(oTable);
 }
 
 // The slots of a record from a caller are believed no more than those from a file.
