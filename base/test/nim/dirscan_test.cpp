@@ -1,6 +1,7 @@
 // Directory scans: order, what is left out, and what callbacks may do.
 #include "nim/dirscan.h"
 #include "nim/fault.h"
+#include "support/effort.h"
 #include "support/file_bytes.h"
 #include "support/seed.h"
 #include "support/temporary_directory.h"
@@ -59,13 +60,14 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_P(Scans, HandOverFilesAndDirectoriesInByteOrderWithoutDescent)
 {
-    for (const char* name : {"b", "a", "B", "a.new", "aa", "\xC3\xA4", "~", "0001", "Z9", "_"})
+    // No two names that differ in case alone: some systems take them for one.
+    for (const char* name : {"b", "a", "C", "a.new", "aa", "\xC3\xA4", "~", "0001", "Z9", "_"})
         Touch(name);
     std::filesystem::create_directory(directory_.path("aDirectory"));
     WriteFileBytes(directory_.path("aDirectory/below"), "");
     Found found;
     EXPECT_EQ(Scan(directory_.path(), Take, &found), 1u);
-    const std::vector<std::string> expected = {"0001",       "B",  "Z9", "_", "a",       "a.new",
+    const std::vector<std::string> expected = {"0001",       "C",  "Z9", "_", "a",       "a.new",
                                                "aDirectory", "aa", "b",  "~", "\xC3\xA4"};
     EXPECT_EQ(found.names, expected);
     EXPECT_EQ(found.directory, directory_.path());
@@ -162,7 +164,7 @@ TEST_P(Scans, OfManyRandomNamesAreComplete)
     std::mt19937_64 random(TestSeed());
     std::vector<std::string> expected;
     const std::string letters = "abcdefghijklmnopqrstuvwxyz0123456789._-~#";
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < FileEffort(2000); ++i) {
         // Lower case only: some file systems take the two cases for one.
         std::string name(1 + random() % 100, 'x');
         for (char& c : name)

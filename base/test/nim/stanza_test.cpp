@@ -1,6 +1,7 @@
 // Stanza files: what is read, what is refused, and that a rewritten file keeps everything else.
 #include "nim/fault.h"
 #include "nim/stanza.h"
+#include "support/effort.h"
 #include "support/file_bytes.h"
 #include "support/seed.h"
 #include "support/temporary_directory.h"
@@ -618,7 +619,7 @@ TEST_F(Stanzas, RandomBytesAreReadWithoutHarm)
 {
     std::mt19937_64 random(TestSeed());
     const std::string letters("[]=#;S \t\r\n\0k\xEF\xBB\xBF", 15);
-    for (int round = 0; round < 3000; ++round) {
+    for (int round = 0; round < FileEffort(3000); ++round) {
         std::string bytes(random() % 60, 0);
         for (char& c : bytes)
             c = letters[random() % letters.size()];

@@ -6,6 +6,8 @@
 #include <random>
 #include <string>
 
+#include "support/utf8_path.h"
+
 class TemporaryDirectory {
   public:
     TemporaryDirectory()
@@ -24,8 +26,8 @@ class TemporaryDirectory {
     TemporaryDirectory(const TemporaryDirectory&) = delete;
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
-    std::string path() const { return root_.string(); }
-    std::string path(const std::string& name) const { return (root_ / name).string(); }
+    std::string path() const { return Utf8Text(root_); }
+    std::string path(const std::string& name) const { return Utf8Text(root_ / Utf8Path(name)); }
 
   private:
     std::filesystem::path root_;

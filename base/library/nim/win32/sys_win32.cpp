@@ -4,6 +4,11 @@
 // before use, and those that pass the old limit of 260 characters get the prefix that lifts it.
 // Nothing traces, takes memory from a pool or keeps state; the buffers stand on the stack, since no
 // path and no variable of the environment is longer than 32,767 characters.
+//
+// A name means one file here, or it is refused. Windows has several names for a file: without the
+// dots at its end, in 8.3 form, in another case, before a colon (a stream beside the file's bytes);
+// and names in every directory that are no files (NUL). Two tables under two names of one file
+// would write over each other, and what is written to a device is gone.
 #define WIN32_LEAN_AND_MEAN
 #define NOMINMAX
 #define _CRT_RAND_S
@@ -23,14 +28,58 @@ constexpr DWORD WIDE_ROOM = 32768;
 constexpr DWORD LONG_PATH = MAX_PATH - 12;
 // One transfer; far below what the 32-bit count of the calls can hold.
 constexpr size_t TRANSFER_MOST = size_t{1} << 30;
+// Virus scanners, indexers and backups hold a file for a moment and let nobody else at it: asked
+// again after 10, 20, 40 ... milliseconds, a third of a second in all.
+constexpr DWORD FIRST_WAIT = 10;
+constexpr DWORD LAST_WAIT = 160;
 
 namespace {
+
+bool IsSeparator(wchar_t c)
+{
+    return c == L'\\' || c == L'/';
+}
+
+// \\?\ or \\.\ ahead of a path, with separators of either kind.
+bool HasDevicePrefix(const wchar_t* path)
+{
+    return IsSeparator(path[0]) && IsSeparator(path[1]) && (path[2] == L'?' || path[2] == L'.') &&
+           IsSeparator(path[3]);
+}
+
+// Whether a name on the path ends in a dot, or the last one in a blank: the system would drop it
+// and go to another file. "." and ".." are directories.
+bool HasDroppedEnd(const wchar_t* path)
+{
+    const wchar_t* name = path;
+    for (const wchar_t* p = path;; ++p) {
+        if (*p && !IsSeparator(*p))
+            continue;
+        const size_t length = static_cast<size_t>(p - name);
+        const bool walk =
+            (length == 1 && name[0] == L'.') || (length == 2 && name[0] == L'.' && name[1] == L'.');
+        if (length > 0 && !walk && (p[-1] == L'.' || (*p == 0 && p[-1] == L' ')))
+            return true;
+        if (*p == 0)
+            return false;
+        name = p + 1;
+    }
+}
+
+// Whether a whole path names a stream beside the bytes of a file: a colon that is not the drive's.
+bool NamesAStream(const wchar_t* whole)
+{
+    if (wcsncmp(whole, L"\\\\?\\", 4) == 0)
+        whole += 4;
+    const bool drive = whole[0] && whole[1] == L':';
+    return wcschr(drive ? whole + 2 : whole, L':') != nullptr;
+}
 
 // A path as the wide-character calls take it.
 class WidePath {
   public:
     explicit WidePath(const char* path, const wchar_t* tail = L"");
-    // Null when the path is no UTF-8, or too long.
+    // Null when the path is no UTF-8, too long, or does not name the one file that it seems to.
     const wchar_t* Text() const { return text_; }
 
   private:
@@ -51,6 +100,13 @@ WidePath::WidePath(const char* path, const wchar_t* tail)
     const size_t tailSize = wcslen(tail);
     if (size == 0 || size + tailSize >= WIDE_ROOM)
         return;
+    if (wcsncmp(whole, L"\\\\.\\", 4) == 0) {
+        // "NUL" is a device, and so it is in every directory, where a file is meant.
+        if (!HasDevicePrefix(given) && wcspbrk(given, L"\\/:"))
+            return;
+    } else if (NamesAStream(whole) || (!HasDevicePrefix(given) && HasDroppedEnd(given))) {
+        return;
+    }
     if (tailSize > 0 && whole[size - 1] == L'\\')
         ++tail; // it begins with a separator of its own
     wcscpy(whole + size, tail);
@@ -80,6 +136,53 @@ HANDLE Handle(intptr_t file)
     return reinterpret_cast<HANDLE>(file);
 }
 
+// As long as it lives, a drive without a medium is a result and not a window that asks for one.
+class NoQuestions {
+  public:
+    NoQuestions() { SetThreadErrorMode(SEM_FAILCRITICALERRORS, &former_); }
+    ~NoQuestions() { SetThreadErrorMode(former_, nullptr); }
+    NoQuestions(const NoQuestions&) = delete;
+    NoQuestions& operator=(const NoQuestions&) = delete;
+
+  private:
+    DWORD former_ = 0;
+};
+
+// Waits before the next try, longer each time; false when it has been tried long enough.
+bool WaitForOthers(DWORD* pWait)
+{
+    if (*pWait > LAST_WAIT)
+        return false;
+    Sleep(*pWait);
+    *pWait *= 2;
+    return true;
+}
+
+// Whether two names differ in the case of A to Z at most.
+bool IsSameName(const wchar_t* a, const wchar_t* b)
+{
+    const auto fold = [](wchar_t c) { return c >= L'A' && c <= L'Z' ? c - L'A' + L'a' : int{c}; };
+    while (*a && fold(*a) == fold(*b)) {
+        ++a;
+        ++b;
+    }
+    return *a == *b;
+}
+
+// Whether what stands at the path is called otherwise there: by its long name, or with letters that
+// are folded by the system only. The library takes these for names of different files.
+bool IsAnotherName(const wchar_t* path)
+{
+    WIN32_FIND_DATAW entry;
+    const HANDLE scan =
+        FindFirstFileExW(path, FindExInfoBasic, &entry, FindExSearchNameMatch, nullptr, 0);
+    if (scan == INVALID_HANDLE_VALUE)
+        return false;
+    FindClose(scan);
+    const wchar_t* separator = wcsrchr(path, L'\\');
+    return separator && !IsSameName(separator + 1, entry.cFileName);
+}
+
 OVERLAPPED At(int64_t offset)
 {
     OVERLAPPED place = {};
@@ -96,7 +199,8 @@ bool SysFileOpen(intptr_t* file, const char* path, uint32_t flags)
 {
     *file = SYS_NO_FILE;
     const WidePath wide(path);
-    if (!wide.Text())
+    const NoQuestions quiet;
+    if (!wide.Text() || ((flags & SYS_WRITE) && IsAnotherName(wide.Text())))
         return false;
     DWORD access = 0;
     if (flags & SYS_READ)
@@ -110,9 +214,14 @@ bool SysFileOpen(intptr_t* file, const char* path, uint32_t flags)
         how = OPEN_ALWAYS;
     // Without the flag for backups a directory does not open. Without security attributes the
     // handle is not inherited.
-    const HANDLE handle = CreateFileW(
-        wide.Text(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, how,
-        FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE handle;
+    DWORD wait = FIRST_WAIT;
+    do {
+        handle = CreateFileW(
+            wide.Text(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+            how, FILE_ATTRIBUTE_NORMAL, nullptr);
+    } while (handle == INVALID_HANDLE_VALUE && GetLastError() == ERROR_SHARING_VIOLATION &&
+             WaitForOthers(&wait));
     if (handle == INVALID_HANDLE_VALUE)
         return false;
     const DWORD type = GetFileType(handle);
@@ -178,6 +287,7 @@ bool SysFileReserve(intptr_t file, int64_t offset, int64_t size)
     case ERROR_CALL_NOT_IMPLEMENTED:
     case ERROR_INVALID_PARAMETER:
     case ERROR_INVALID_LEVEL:
+    case ERROR_USER_MAPPED_FILE: // says nothing of the disk
         return true;
     default: // ERROR_DISK_FULL, ERROR_DISK_QUOTA_EXCEEDED, ERROR_FILE_TOO_LARGE ...
         return false;
@@ -222,6 +332,7 @@ void SysUnmap(void* address, size_t)
 bool SysMakeDirectory(const char* path)
 {
     const WidePath wide(path);
+    const NoQuestions quiet;
     return wide.Text() && CreateDirectoryW(wide.Text(), nullptr);
 }
 
@@ -230,6 +341,7 @@ SysKind SysPathKind(const char* path)
     const WidePath wide(path);
     if (!wide.Text())
         return SYS_ABSENT;
+    const NoQuestions quiet;
     const DWORD attributes = GetFileAttributesW(wide.Text());
     if (attributes != INVALID_FILE_ATTRIBUTES)
         return attributes & FILE_ATTRIBUTE_DIRECTORY ? SYS_DIRECTORY : SYS_OTHER;
@@ -254,6 +366,7 @@ bool SysScan(const char* directory, SysNameCallback f, void* context)
     const WidePath pattern(directory, L"\\*");
     if (!pattern.Text())
         return false;
+    const NoQuestions quiet;
     WIN32_FIND_DATAW entry;
     const HANDLE scan = FindFirstFileExW(
         pattern.Text(), FindExInfoBasic, &entry, FindExSearchNameMatch, nullptr,
@@ -276,8 +389,17 @@ bool SysReplaceFile(const char* from, const char* to)
 {
     const WidePath wideFrom(from);
     const WidePath wideTo(to);
-    return wideFrom.Text() && wideTo.Text() &&
-           MoveFileExW(wideFrom.Text(), wideTo.Text(), MOVEFILE_REPLACE_EXISTING);
+    if (!wideFrom.Text() || !wideTo.Text())
+        return false;
+    // A file that has just been written is what scanners look at first.
+    DWORD wait = FIRST_WAIT;
+    bool done;
+    do {
+        done = MoveFileExW(wideFrom.Text(), wideTo.Text(), MOVEFILE_REPLACE_EXISTING) != 0;
+    } while (!done &&
+             (GetLastError() == ERROR_SHARING_VIOLATION || GetLastError() == ERROR_ACCESS_DENIED) &&
+             WaitForOthers(&wait));
+    return done;
 }
 
 bool SysRemoveFile(const char* path)
