@@ -312,9 +312,11 @@ bool IndxApplyIdKind(IndxField* pField, int32_t kind)
 {
     if (kind != OBJ_KIND_INTEGER)
         return false;
-    // "Unique" is dropped on purpose: ids are kept apart by being issued one above the highest.
+    // "Unique" and "Case Sensitive" are dropped on purpose: ids are kept apart by being issued one
+    // above the highest.
     pField->bIndexed = TRUE;
     pField->bUnique = FALSE;
+    pField->bCaseSensitive = FALSE;
     SetTypes(pField, INDX_FIELD_RECORD_ID, INDX_KEY_RECORD_ID);
     return true;
 }
