@@ -172,23 +172,48 @@ NimBool IndxModifyRecordInTable(void* oTable, uint32_t offset, void* oRecord)
     return IndxUpdateTable(pTable);
 }
 
+namespace {
+
+// Where the write of a record was lost, its keys may lead to one that was added later: an object
+// without an id replaces the record of its key and no other.
+void TakeIdOfKey(const IndxTable* pTable, uint32_t id, DbBlob* pBlob)
+{
+    if (!pTable || pBlob->magic != pTable->recordMagic || !IndxIsRecordOf(pTable, &pBlob->data))
+        return; // not to be written
+    uint8_t* pId = static_cast<uint8_t*>(pBlob->data.data) + pTable->idOffset;
+    if (GetU32(pId) == 0)
+        PutU32(pId, id);
+}
+
+} // namespace
+
 NimBool IndxModifyObjectAtCursor(void* oCursor, void* oObject)
 {
     const IndxCursor* pCursor = IndxAsCursor(oCursor);
     HeldObject<> record;
     if (!pCursor || !pCursor->oKey || !DbConvertObjectToDbFormat(record.Out(), oObject))
         return FALSE;
-    return IndxModifyRecordInTable(
-        pCursor->oField->oTable, pCursor->oKey->fileOffset, record.get());
+    IndxTable* pTable = pCursor->oField->oTable;
+    TakeIdOfKey(pTable, pCursor->oKey->recordId, static_cast<DbBlob*>(record.get()));
+    return IndxModifyRecordInTable(pTable, pCursor->oKey->fileOffset, record.get());
 }
 
 namespace {
+
+// Whether a record is the one its key was entered for. Taking the keys of another one out, which
+// was added where the write of this one was lost, would lose that one, too.
+bool IsOfKey(const IndxTable* pTable, const ObjData* pRecord, const IndxKeyInfo* pKey)
+{
+    return IndxIsRecordOf(pTable, pRecord) &&
+           GetU32(static_cast<const uint8_t*>(pRecord->data) + pTable->idOffset) == pKey->recordId;
+}
 
 NimBool DeleteAtKey(const IndxCursor* pCursor)
 {
     IndxTable* pTable = IndxAsTable(pCursor->oField->oTable);
     HeldRecord old;
-    if (!pTable || !ReadOldRecord(&old, pTable, pCursor->oKey->fileOffset)) {
+    if (!pTable || !ReadOldRecord(&old, pTable, pCursor->oKey->fileOffset) ||
+        !IsOfKey(pTable, &old.data, pCursor->oKey)) {
         INDX_TRACE_ERROR(INDX_ALWAYS, "Lost record");
         return FALSE;
     }

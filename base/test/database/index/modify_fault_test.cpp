@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "database/indexwrappers.h"
 #include "support/armed_fault.h"
 #include "support/person_table.h"
 #include "support/quiet_trace.h"
@@ -182,6 +183,47 @@ TEST_F(ModifyFaultTest, EveryOtherFailureOfTheWriteGoesUnnoticed)
     ExpectSound(table_);
     for (const auto& [other, person] : model_)
         EXPECT_EQ(FindById(table_, other), person);
+}
+
+// The keys of a record whose write failed lead to where the next added record begins. Whoever
+// deletes or modifies the lost record must not change that one.
+TEST_F(ModifyFaultTest, ARecordThatWasAddedInThePlaceOfALostOneIsNotTakenForIt)
+{
+    EXPECT_EQ(ModifyWithFault(3, Longer(), {FAULT_WRITE, "Records", 1, 1, FAULT_FAIL, 0}), 1u);
+    model_.erase(3);
+    AddPeople(table_, &model_, 70, 71, 400); // longer, so that nothing would have to move
+    const uint32_t added = model_.rbegin()->first;
+    ASSERT_EQ(OffsetOf(table_, 3), OffsetOf(table_, added));
+    const std::string records = ReadFileBytes(RecordsPath());
+
+    IndxSetError(UNTOUCHED);
+    {
+        TraceRecorder trace;
+        EXPECT_EQ(Delete(3), 0u);
+        EXPECT_TRUE(trace.has(TAG, 1, -1, "Lost record")) << trace.dump();
+        EXPECT_FALSE(trace.hasPart("IndxDeletetKey"));
+    }
+    EXPECT_EQ(IndxError(), UNTOUCHED);
+    {
+        const QuietTrace quiet;
+        const Cursor cursor(table_, "Id");
+        ASSERT_EQ(IndxFindKey(cursor.get(), 3, nullptr), INDX_RESULT_FOUND);
+        Person person = Shorter(); // of id 0: that of the record it replaces
+        EXPECT_EQ(IndxModifyObjectAtCursor(cursor.get(), ObjectOf(person).get()), 0u);
+        EXPECT_EQ(IndxError(), INDX_ERROR_ID_MISMATCH);
+        person.id = 3;
+        EXPECT_EQ(IndxModifyObject(table_, ObjectOf(person).get()), 0u);
+        EXPECT_EQ(IndxError(), INDX_ERROR_ID_MISMATCH);
+    }
+    EXPECT_EQ(ReadFileBytes(RecordsPath()), records);
+    for (int reopened = 0; reopened < 2; ++reopened) {
+        for (const auto& [id, person] : model_) {
+            EXPECT_EQ(FindById(table_, id), person);
+            ExpectFoundByEveryValue(table_, person);
+        }
+        ExpectSound(table_);
+        Reload();
+    }
 }
 
 // ---- the description -------------------------------------------------------------------------
