@@ -1,1 +1,504 @@
-// index/search_test.cpp
+// search_test.cpp: the search in one node, the descent, and IndxFindKey with its codes.
+
+#include "support/tree_test.h"
+
+#include <cstring>
+
+#include "support/armed_fault.h"
+
+namespace {
+
+class Search : public TreeTest {
+  protected:
+    // A search in the node with this id: the position, whether found.
+    static std::pair<int32_t, bool>
+    In(IndexFixture& index, uint32_t tNode, uint32_t id, const Key& key)
+    {
+        uint8_t* pNode = nullptr;
+        IndxGetNode(&pNode, index.cursor(), tNode);
+        IndxKeyInfo* pKey = index.MakeKeyInfo(id, key);
+        int32_t position = -99;
+        const NimBool found = IndxSearchNode(&position, index.cursor(), pNode, pKey);
+        ObjRelease(pKey);
+        return {position, found == 1};
+    }
+};
+
+using Found = std::pair<int32_t, bool>;
+
+// ---- one node ----------------------------------------------------------------------------------
+
+TEST_F(Search, ANodeWithoutEntriesGivesPosition0NotFound)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    uint8_t* pNode = nullptr;
+    ASSERT_EQ(IndxNewNode(&pNode, index.cursor()), 0);
+    EXPECT_EQ(In(index, 0, 1, NumberKey(5)), Found(0, false));
+    index.Backout();
+}
+
+TEST_F(Search, PositionsIn10And20And30)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER, true}});
+    for (const int n : {10, 20, 30})
+        index.Insert(static_cast<uint32_t>(n), NumberKey(n));
+    index.Update();
+    EXPECT_EQ(In(index, 0, 1, NumberKey(5)), Found(0, false));
+    EXPECT_EQ(In(index, 0, 1, NumberKey(10)), Found(0, true));
+    EXPECT_EQ(In(index, 0, 1, NumberKey(15)), Found(1, false));
+    EXPECT_EQ(In(index, 0, 1, NumberKey(20)), Found(1, true));
+    EXPECT_EQ(In(index, 0, 1, NumberKey(30)), Found(2, true));
+    EXPECT_EQ(In(index, 0, 1, NumberKey(40)), Found(3, false));
+    EXPECT_EQ(index.Find(1, NumberKey(40)), INDX_RESULT_NOT_FOUND);
+    EXPECT_EQ(index.cursor()->status, INDX_AT_END); // there is no next leaf
+    EXPECT_TRUE(SoundTable(index.table()));
+}
+
+TEST_F(Search, AMissBehindALeafGoesToTheFirstEntryOfTheNextLeaf)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    for (int i = 1; i <= 682; ++i)
+        ASSERT_TRUE(index.Insert(static_cast<uint32_t>(i), NumberKey(10 * i)));
+    index.Update();
+    EXPECT_EQ(index.Find(1, NumberKey(6815)), INDX_RESULT_NOT_FOUND);
+    EXPECT_EQ(index.cursor()->status, INDX_ON_KEY);
+    EXPECT_EQ(CursorId(index.cursor()), 682u);
+    EXPECT_EQ(index.cursor()->position, 0);
+    EXPECT_EQ(index.cursor()->tNode, index.field()->roots.tLastLeaf);
+    EXPECT_TRUE(SoundTable(index.table()));
+}
+
+TEST_F(Search, EveryPositionOfNodesOfEverySizeIsFound)
+{
+    for (const int32_t keyType :
+         {INDX_KEY_RECORD_ID, INDX_KEY_INTEGER, INDX_KEY_INT64, INDX_KEY_TEXT,
+          INDX_KEY_TEXT_NO_CASE, INDX_KEY_UNIQUE_ID}) {
+        IndexFixture index(directory_.path("s" + std::to_string(keyType)), {{keyType, true}});
+        const auto At = [&](int n) {
+            char text[8];
+            snprintf(text, sizeof text, "%05d", n);
+            return Key{
+                n, keyType == INDX_KEY_UNIQUE_ID ? text + std::string(27, 'z')
+                                                 : text + std::string(1, '\0')};
+        };
+        for (int size = 1; size <= 40; ++size) {
+            ASSERT_TRUE(index.Insert(static_cast<uint32_t>(2 * size), At(2 * size)));
+            for (int n = 1; n <= 2 * size + 1; ++n) {
+                const Found expected(n / 2 - (n % 2 == 0), n % 2 == 0);
+                EXPECT_EQ(In(index, 0, static_cast<uint32_t>(n), At(n)), expected) << n;
+            }
+        }
+        index.Update();
+        EXPECT_TRUE(SoundTable(index.table()));
+    }
+}
+
+TEST_F(Search, AKeyTypeWithoutAnOrderEndsAtPosition0)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    for (int i = 1; i <= 7; ++i)
+        index.Insert(static_cast<uint32_t>(i), NumberKey(i));
+    index.field()->keyType = 99;
+    EXPECT_EQ(In(index, 0, 5, {}), Found(0, false));
+    index.field()->keyType = INDX_KEY_INTEGER;
+    index.Backout();
+}
+
+TEST_F(Search, SearchesTraceTheirBoundsTiesAndOutcome)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    index.Insert(3, NumberKey(5));
+    index.Insert(9, NumberKey(5));
+    index.Update();
+    uint8_t* pNode = nullptr;
+    IndxGetNode(&pNode, index.cursor(), 0);
+    IndxKeyInfo* pKey = index.MakeKeyInfo(9, NumberKey(5));
+    int32_t position = 0;
+    TraceRecorder trace;
+    EXPECT_EQ(IndxSearchNode(&position, index.cursor(), pNode, pKey), 1u);
+    EXPECT_EQ(
+        trace.texts(), (std::vector<std::string>{
+                           "IndxSearchNode(" + Address(&position) + ", " + Address(index.cursor()) +
+                               ", " + Address(pNode) + ", " + Address(pKey) + ")",
+                           "lower 0 upper 1 KeyType 3", "Compare keys 9 and 3",
+                           "Compare keys 9 and 9", "lResult 0 index 1"}));
+    for (const TraceRecorder::Line& line : trace.lines())
+        EXPECT_EQ(line.level, 4);
+    ObjRelease(pKey);
+}
+
+TEST_F(Search, AUniqueIndexLooksAtTheValueAlone)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER, true}});
+    index.Add(3, NumberKey(5));
+    TraceRecorder trace;
+    EXPECT_EQ(index.Find(77, NumberKey(5)), INDX_RESULT_FOUND);
+    EXPECT_EQ(CursorId(index.cursor()), 3u);
+    EXPECT_FALSE(trace.hasPart("Compare keys"));
+}
+
+// ---- finding -----------------------------------------------------------------------------------
+
+TEST_F(Search, TwoRecordsWithOneValueAreTakenByTheirIds)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    index.Add(3, NumberKey(5), 30);
+    index.Add(9, NumberKey(5), 90);
+    EXPECT_EQ(index.Find(0, NumberKey(5)), INDX_RESULT_FOUND);
+    EXPECT_EQ(CursorId(index.cursor()), 3u);
+    EXPECT_EQ(CursorOffset(index.cursor()), 30u);
+    EXPECT_EQ(index.Find(9, NumberKey(5)), INDX_RESULT_FOUND);
+    EXPECT_EQ(CursorId(index.cursor()), 9u);
+    EXPECT_EQ(index.Find(4, NumberKey(5)), INDX_RESULT_NOT_FOUND);
+    EXPECT_EQ(CursorId(index.cursor()), 9u);
+    EXPECT_TRUE(SoundTable(index.table()));
+}
+
+TEST_F(Search, AFindForAnyRecordIsNotExactEvenWhenItsCodeIsFound)
+{
+    IndexFixture index(path(), {{INDX_KEY_TEXT}});
+    index.Add(3, TextKey("five"));
+    EXPECT_FALSE(index.FindExactly(0, TextKey("five")));
+    EXPECT_EQ(index.cursor()->result, INDX_RESULT_FOUND);
+    EXPECT_TRUE(index.FindExactly(3, TextKey("five")));
+}
+
+TEST_F(Search, AFindForAnyRecordComparesTheValueByItsType)
+{
+    const std::string id32(32, 'u');
+    const struct {
+        int32_t keyType;
+        Key stored;
+        Key same;
+        Key other;
+    } cases[] = {
+        {INDX_KEY_INTEGER, NumberKey(-7), NumberKey(-7), NumberKey(-8)},
+        {INDX_KEY_INT64, NumberKey(INT64_MAX), NumberKey(INT64_MAX), NumberKey(INT64_MAX - 1)},
+        {INDX_KEY_TEXT, TextKey("Five"), TextKey("Five"), TextKey("FIVE")},
+        {INDX_KEY_TEXT_NO_CASE, TextKey("Five"), TextKey("fIVE"), TextKey("fiv")},
+        {INDX_KEY_UNIQUE_ID, BytesKey(id32), BytesKey(id32), BytesKey(std::string(32, 't'))},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.keyType);
+        IndexFixture index(directory_.path("v" + std::to_string(c.keyType)), {{c.keyType}});
+        ASSERT_TRUE(index.Add(3, c.stored));
+        EXPECT_EQ(index.Find(0, c.same), INDX_RESULT_FOUND);
+        EXPECT_EQ(CursorId(index.cursor()), 3u);
+        EXPECT_EQ(index.Find(0, c.other), INDX_RESULT_NOT_FOUND);
+        EXPECT_EQ(index.cursor()->status, INDX_ON_KEY); // on the first greater key
+    }
+}
+
+TEST_F(Search, RecordIdsAreFoundWithoutAKeyObject)
+{
+    IndexFixture index(path(), {{INDX_KEY_RECORD_ID}});
+    for (const uint32_t id : {4u, 8u})
+        index.Add(id, {}, id * 10);
+    EXPECT_EQ(index.Find(8, {}), INDX_RESULT_FOUND);
+    EXPECT_EQ(CursorOffset(index.cursor()), 80u);
+    EXPECT_EQ(index.Find(5, {}), INDX_RESULT_NOT_FOUND);
+    EXPECT_EQ(CursorId(index.cursor()), 8u);
+    EXPECT_EQ(index.Find(0, {}), INDX_RESULT_NOT_FOUND);
+    EXPECT_EQ(CursorId(index.cursor()), 4u);
+    EXPECT_EQ(index.Find(9, {}), INDX_RESULT_NOT_FOUND);
+    EXPECT_EQ(index.cursor()->status, INDX_AT_END);
+}
+
+TEST_F(Search, AnEmptyIndexGivesCode7AtItsEnd)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    EXPECT_EQ(index.Find(1, NumberKey(1)), INDX_RESULT_NOT_FOUND);
+    EXPECT_EQ(index.cursor()->status, INDX_AT_END);
+}
+
+TEST_F(Search, AnInvalidCursorGivesCode11)
+{
+    void* oKey = ObjIntegerNew(1);
+    EXPECT_EQ(IndxFindKey(nullptr, 1, oKey), INDX_RESULT_CURSOR);
+    EXPECT_EQ(IndxFindKey(oKey, 1, oKey), INDX_RESULT_CURSOR);
+    ObjReleaseInternal(&oKey);
+}
+
+TEST_F(Search, TextKeysAreRefusedWhenEmptyOrLongerThanTheFieldAllows)
+{
+    for (const int32_t keyType : {INDX_KEY_TEXT, INDX_KEY_TEXT_NO_CASE}) {
+        IndexFixture index(directory_.path("t" + std::to_string(keyType)), {{keyType, false, 10}});
+        index.Add(1, TextKey("here"));
+        ASSERT_EQ(index.Find(1, TextKey("here")), INDX_RESULT_FOUND);
+        const auto Stays = [&] {
+            return index.cursor()->status == INDX_ON_KEY && CursorId(index.cursor()) == 1;
+        };
+        EXPECT_EQ(index.Find(0, TextKey("")), INDX_RESULT_EMPTY_KEY);
+        EXPECT_TRUE(Stays());
+        void* oNull = ObjStringNew(nullptr);
+        EXPECT_EQ(IndxFindKey(index.cursor(), 0, oNull), INDX_RESULT_EMPTY_KEY);
+        ObjReleaseInternal(&oNull);
+        EXPECT_TRUE(Stays());
+        EXPECT_EQ(index.Find(0, TextKey("1234567890")), INDX_RESULT_LONG_KEY);
+        EXPECT_TRUE(Stays());
+        EXPECT_EQ(index.Find(0, TextKey("123456789")), INDX_RESULT_NOT_FOUND);
+    }
+}
+
+TEST_F(Search, AKeyObjectOfAnotherTypeGivesCode12AndDoesNotMove)
+{
+    const UniqueId id = {};
+    void* objects[] = {
+        nullptr, ObjIntegerNew(1), ObjInt64New(1), ObjStringNew("x"), ObjUniqueNew(&id)};
+    const uint32_t wanted[] = {
+        0, OBJ_MAGIC_INTEGER, OBJ_MAGIC_INT64, OBJ_MAGIC_STRING, OBJ_MAGIC_UNIQUE};
+    const struct {
+        int32_t keyType;
+        size_t right;
+    } cases[] = {
+        {INDX_KEY_INTEGER, 1},
+        {INDX_KEY_INT64, 2},
+        {INDX_KEY_TEXT, 3},
+        {INDX_KEY_TEXT_NO_CASE, 3},
+        {INDX_KEY_UNIQUE_ID, 4}};
+    for (const auto& c : cases) {
+        IndexFixture index(directory_.path("o" + std::to_string(c.keyType)), {{c.keyType}});
+        index.Add(1, {1, std::string(32, 'q')});
+        IndxFirstKey(index.cursor());
+        for (size_t i = 0; i < 5; ++i) {
+            const int32_t code = IndxFindKey(index.cursor(), 0, objects[i]);
+            if (i == c.right) {
+                EXPECT_TRUE(code == INDX_RESULT_FOUND || code == INDX_RESULT_NOT_FOUND);
+                EXPECT_EQ(OBJ_HEADER(objects[i])->refCount, 1);
+                IndxFirstKey(index.cursor());
+            } else {
+                EXPECT_EQ(code, INDX_RESULT_KEY_OBJECT) << c.keyType << " " << wanted[i];
+                EXPECT_EQ(index.cursor()->status, INDX_ON_KEY);
+                EXPECT_EQ(CursorId(index.cursor()), 1u);
+            }
+        }
+    }
+    for (void*& object : objects)
+        ObjReleaseInternal(&object);
+}
+
+TEST_F(Search, OtherKeyTypesGiveCode5)
+{
+    CrashRecorder crash;
+    for (const int32_t keyType : {4095, 99, 1, 4100}) {
+        IndexFixture index(directory_.path("x" + std::to_string(keyType)), {{keyType}});
+        EXPECT_EQ(IndxFindKey(index.cursor(), 1, nullptr), INDX_RESULT_KEY_TYPE);
+    }
+    EXPECT_EQ(crash.count(), 0u);
+}
+
+TEST_F(Search, TextsWithoutANulAreComparedInTheirLength)
+{
+    IndexFixture index(path(), {{INDX_KEY_TEXT}, {INDX_KEY_TEXT_NO_CASE}});
+    for (size_t i = 0; i < 2; ++i) {
+        ASSERT_TRUE(index.Add(1, BytesKey("abcd"), 0, i)); // entry 0 ends where the node ends
+        ASSERT_TRUE(index.Add(2, BytesKey("abce"), 0, i));
+        ASSERT_TRUE(index.Add(3, BytesKey(std::string("ab\0\0", 4)), 0, i));
+        EXPECT_EQ(index.Walk(i), (std::vector<uint32_t>{3, 1, 2}));
+        EXPECT_EQ(index.Find(0, TextKey("abcd"), i), INDX_RESULT_FOUND);
+        EXPECT_EQ(CursorId(index.cursor(i)), 1u);
+        EXPECT_EQ(index.Find(0, TextKey("ab"), i), INDX_RESULT_FOUND);
+        EXPECT_EQ(CursorId(index.cursor(i)), 3u);
+        EXPECT_EQ(index.Find(0, TextKey("abc"), i), INDX_RESULT_NOT_FOUND);
+        EXPECT_EQ(index.Find(0, TextKey("abcde"), i), INDX_RESULT_NOT_FOUND);
+        // The same text with its NUL is the same key.
+        EXPECT_FALSE(index.Add(1, TextKey("abcd"), 0, i));
+        EXPECT_TRUE(index.Remove(1, TextKey("abcd"), i));
+    }
+    EXPECT_TRUE(SoundTable(index.table()));
+}
+
+TEST_F(Search, BytesAbove127SortBehindLettersAndOnlyAToZFold)
+{
+    IndexFixture index(path(), {{INDX_KEY_TEXT_NO_CASE}});
+    index.Add(1, TextKey("\xC4"));
+    index.Add(2, TextKey("\xE4"));
+    index.Add(3, TextKey("Z"));
+    index.Add(4, TextKey("a"));
+    index.Add(5, TextKey("["));
+    EXPECT_EQ(index.Walk(), (std::vector<uint32_t>{5, 4, 3, 1, 2}));
+    EXPECT_TRUE(SoundTable(index.table()));
+}
+
+// ---- the order that wraps ----------------------------------------------------------------------
+
+TEST_F(Search, IntegersMoreThanTwoToThe31ApartCompareTheWrongWayRound)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    ASSERT_TRUE(index.Add(1, NumberKey(-2'000'000'000)));
+    ASSERT_TRUE(index.Add(2, NumberKey(2'000'000'000)));
+    EXPECT_EQ(index.Walk(), (std::vector<uint32_t>{2, 1}));
+    EXPECT_TRUE(SoundTable(index.table()));
+}
+
+TEST_F(Search, IntegersExactlyTwoToThe31ApartHideEachOtherAndHarmNobodyElse)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}, {INDX_KEY_INTEGER, true}});
+    ASSERT_TRUE(index.Add(1, NumberKey(0)));
+    ASSERT_TRUE(index.Add(2, NumberKey(INT32_MIN)));
+    EXPECT_EQ(index.Walk(), (std::vector<uint32_t>{2, 1}));
+    EXPECT_EQ(index.Find(1, NumberKey(0)), INDX_RESULT_NOT_FOUND);
+    EXPECT_FALSE(index.Remove(1, NumberKey(0)));
+    EXPECT_EQ(index.cursor()->result, INDX_RESULT_NOT_FOUND);
+    EXPECT_TRUE(SoundTable(index.table()));
+    // A unique index takes the hidden value a second time.
+    ASSERT_TRUE(index.Add(1, NumberKey(0), 0, 1));
+    ASSERT_TRUE(index.Add(2, NumberKey(INT32_MIN), 0, 1));
+    EXPECT_TRUE(index.Add(3, NumberKey(0), 0, 1));
+    EXPECT_EQ(index.Walk(1).size(), 3u);
+}
+
+TEST_F(Search, IdsWrapAsWellSoThatId0SortsBehindIdsFrom2ToThe31)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    ASSERT_TRUE(index.Add(0x90000000, NumberKey(5)));
+    EXPECT_EQ(index.Find(0, NumberKey(5)), INDX_RESULT_NOT_FOUND);
+    EXPECT_EQ(index.cursor()->status, INDX_AT_END);
+    EXPECT_EQ(index.Find(0x90000000, NumberKey(5)), INDX_RESULT_FOUND);
+    EXPECT_TRUE(SoundTable(index.table()));
+}
+
+TEST_F(Search, SixtyFourBitIntegersDoNotWrap)
+{
+    IndexFixture index(path(), {{INDX_KEY_INT64}});
+    const int64_t values[] = {INT64_MIN, -5'000'000'000, -1, 0, 1, 5'000'000'000, INT64_MAX};
+    for (uint32_t i = 7; i-- > 0;)
+        ASSERT_TRUE(index.Add(i + 1, NumberKey(values[i])));
+    EXPECT_EQ(index.Walk(), (std::vector<uint32_t>{1, 2, 3, 4, 5, 6, 7}));
+    EXPECT_TRUE(SoundTable(index.table()));
+}
+
+TEST_F(Search, RandomIntegersOfTheWholeRangeNeverBreakTheTree)
+{
+    // Keys may become unfindable; links, parents, lowest keys and heap must hold all the same.
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}, {INDX_KEY_RECORD_ID}});
+    uint32_t random = 12345;
+    for (uint32_t i = 0; i < 20'000; ++i) {
+        random = random * 1664525 + 1013904223;
+        const Key key = NumberKey(static_cast<int32_t>(random));
+        if (i % 3 == 2)
+            index.Remove(i - 2, key) || index.Remove(random, {}, 1);
+        else
+            index.Add(i, key), index.Add(random, {}, 0, 1);
+    }
+    const TreeReport report = CheckTable(index.table());
+    for (const std::string& problem : report.problems)
+        EXPECT_NE(problem.find("order"), std::string::npos) << problem;
+    EXPECT_GT(report.indexes[0].entries.size(), 5000u);
+}
+
+// ---- loading the cursor ------------------------------------------------------------------------
+
+TEST_F(Search, FindingTracesTheDescentAndTheKeyItLoads)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    index.Add(3, NumberKey(5));
+    void* oKey = ObjIntegerNew(5);
+    TraceRecorder trace;
+    EXPECT_EQ(IndxFindKey(index.cursor(), 3, oKey), INDX_RESULT_FOUND);
+    const std::string c = Address(index.cursor());
+    EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxFindKey(" + c + ", 3, " + Address(oKey) + ")"))
+        << trace.dump();
+    EXPECT_TRUE(trace.hasPart("IndxFind(" + c + ", "));
+    EXPECT_TRUE(trace.hasPart("IndxUpdateCursor(" + c + ", "));
+    EXPECT_TRUE(trace.has(TAG, 0, 4, "Get key at 0:0"));
+    trace.clear();
+    IndxUpdateCursor(index.cursor(), nullptr, INDX_AT_END);
+    EXPECT_EQ(
+        trace.texts(),
+        std::vector<std::string>{"IndxUpdateCursor(" + c + ", " + Address(nullptr) + ", 2)"});
+    ObjReleaseInternal(&oKey);
+}
+
+TEST_F(Search, ACursorIsLoadedOnlyAfterCode6Or7)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    index.Add(3, NumberKey(5), 50);
+    IndxCursor* c = index.cursor();
+    IndxFirstKey(c);
+    for (const int32_t code : {0, 1, 2, 5, 8, 9, 11, 12}) {
+        c->result = code;
+        TraceRecorder trace;
+        IndxUpdateCursor(c, nullptr, INDX_ON_KEY);
+        EXPECT_EQ(c->status, INDX_ON_KEY);
+        EXPECT_EQ(c->oKey, nullptr);
+        EXPECT_TRUE(trace.has(TAG, 0, 4, "No record for type " + std::to_string(code)))
+            << trace.dump();
+    }
+    for (const int32_t code : {6, 7}) {
+        c->result = code;
+        IndxUpdateCursor(c, nullptr, INDX_ON_KEY); // fetches the node itself
+        EXPECT_EQ(CursorId(c), 3u);
+        EXPECT_EQ(CursorOffset(c), 50u);
+        EXPECT_EQ(c->oKey->keyType, INDX_KEY_INTEGER);
+        EXPECT_EQ(c->result, code);
+    }
+}
+
+TEST_F(Search, LoadingAKeyOfAForbiddenOrUnknownTypeEndsTheProcess)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    index.Add(3, NumberKey(5));
+    IndxFirstKey(index.cursor());
+    for (const auto& [keyType, text] :
+         {std::pair{4095, "Unexpected field type"}, std::pair{98, "Unknown field type"}}) {
+        CrashRecorder crash;
+        TraceRecorder trace;
+        index.field()->keyType = keyType;
+        index.cursor()->result = INDX_RESULT_FOUND;
+        uint8_t* pNode = nullptr;
+        IndxGetNode(&pNode, index.cursor(), 0);
+        if (keyType & INDX_KEY_HEAP_BIT) {
+            index.field()->keyType = INDX_KEY_INTEGER;
+            IndxGetNode(&pNode, index.cursor(), 0);
+            index.field()->keyType = keyType;
+        }
+        IndxUpdateCursor(index.cursor(), pNode, INDX_ON_KEY);
+        EXPECT_EQ(crash.codes(), std::vector<uint32_t>{0});
+        EXPECT_TRUE(trace.has(TAG, 0, -1, text)) << trace.dump();
+        EXPECT_EQ(index.cursor()->oKey, nullptr);
+    }
+    index.field()->keyType = INDX_KEY_INTEGER;
+}
+
+TEST_F(Search, AFindWithoutMemoryNeverClaimsToHaveFound)
+{
+    IndexFixture index(path(), {{INDX_KEY_TEXT}});
+    index.Add(3, TextKey("five"));
+    void* oKey = ObjStringNew("five");
+    bool found = false;
+    for (uint32_t nth = 1; !found; ++nth) {
+        IndxCursorBOI(index.cursor());
+        const ArmedFault fault(FAULT_ALLOC, nth, 0);
+        const int32_t code = IndxFindKey(index.cursor(), 3, oKey);
+        found = code == INDX_RESULT_FOUND;
+        EXPECT_EQ(found, index.cursor()->oKey != nullptr) << nth;
+        EXPECT_EQ(found, fault.hits() == 0) << nth;
+        ASSERT_LT(nth, 100u);
+    }
+    ObjReleaseInternal(&oKey);
+}
+
+TEST_F(Search, ANodeThatCannotBeReadIsNotFoundWithError13)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    for (int i = 1; i <= 1000; ++i)
+        index.Insert(static_cast<uint32_t>(i), NumberKey(i));
+    index.Update();
+    for (uint32_t nth = 1; nth <= 2; ++nth) {
+        IndxSetError(0);
+        TraceRecorder trace;
+        {
+            const ArmedFault fault(FAULT_READ, nth);
+            EXPECT_EQ(index.Find(500, NumberKey(500)), INDX_RESULT_NOT_FOUND);
+        }
+        EXPECT_EQ(index.cursor()->status, INDX_AT_END);
+        EXPECT_EQ(IndxError(), 13u);
+        EXPECT_TRUE(trace.hasPart("Cannot use node")) << trace.dump();
+        index.Backout();
+    }
+    EXPECT_EQ(index.Find(500, NumberKey(500)), INDX_RESULT_FOUND);
+    EXPECT_TRUE(SoundTable(index.table()));
+}
+
+} // namespace
