@@ -29,6 +29,8 @@ class PeopleScene : public PeopleTest {
     using PeopleTest::Fail;
     using PeopleTest::Field;
     using PeopleTest::FIELDS;
+    using PeopleTest::FindById;
+    using PeopleTest::FindByName;
     using PeopleTest::FIXED_SIZE;
     using PeopleTest::FORMAT;
     using PeopleTest::HomePath;
