@@ -54,8 +54,9 @@ NIMDB_API NimBool IndxCloseDatabase(void** ppDatabase);
 
 /* Opens the table `name`, creating it when it does not exist.
  *   ppTable    out: a new reference, given back with IndxReleaseTable (or IndxCloseTable when nobody
- *              else uses the table); null on failure. May be null: the table then stays with the
- *              database only.
+ *              else uses the table); null on failure, but for a new table whose description could
+ *              not be stored: it is handed out all the same. May be null: the table then stays with
+ *              the database only.
  *   oDatabase  in: an open database.
  *   name       in: the table's name, matched without regard to case. Not null.
  *   fileName   in: name of the table's files. Normally the same as `name`. Not null.
@@ -71,7 +72,7 @@ NIMDB_API NimBool IndxCloseDatabase(void** ppDatabase);
  * 19 to 24, 30, 31: `format` or `fields` is refused (see IndxError). Unchanged when the version is
  * wrong or cannot be read or written, the format is refused by the object services, names and
  * format differ in number, there is no field "Id", the description is too large, or the table's
- * block file is there but cannot be loaded; the trace tells which. A failed creation leaves the
+ * block file is there but cannot be loaded or holds a table of another name; the trace tells which. A failed creation leaves the
  * files that were made; a table on disk is never created over. */
 NIMDB_API NimBool IndxOpenTableInternal(
     void** ppTable, void* oDatabase, const char* name, const char* fileName, uint32_t magic,
@@ -94,6 +95,7 @@ NIMDB_API NimBool IndxRecordsOpen(void* oTable, const char* fileName);
 
 /* Closes a table and drops the caller's reference; *ppTable becomes null. Only for a table that
  * nobody else uses any more: it has no fields afterwards. Changes that were not stored are lost.
+ * Opening it by name loads it again.
  * TRUE, or FALSE when ppTable or *ppTable is null or no table. */
 NIMDB_API NimBool IndxCloseTable(void** ppTable);
 

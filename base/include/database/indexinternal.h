@@ -359,7 +359,8 @@ NimBool IndxCreateTable(
 // Makes every field refer to its table, gives indexed fields their cursor lists, and takes the
 // committed roots. FALSE: no memory.
 NimBool IndxHookFields(IndxTable* pTable);
-// Empties the field list and drops the fields' references to the table and to their cursors.
+// Empties the field list and drops the lists of the fields' cursors. A field that a caller's cursor
+// still holds keeps the table.
 void IndxUnhookFields(IndxTable* pTable);
 
 // ---- schema: open ----
