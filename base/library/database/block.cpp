@@ -13,6 +13,7 @@
 #include "database/block.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "block_internal.h"
@@ -131,14 +132,16 @@ void BlckControlBlockDestructor(void* oBlck)
     FileSysClose(&pControl->hFile);
 }
 
+// Kept once it has been made; without memory for it, the next block tries again.
 ObjTemplate* BlockTemplate()
 {
-    static ObjTemplate* const tmpl = [] {
-        ObjTemplate* made = nullptr;
+    static std::atomic<ObjTemplate*> sTemplate{nullptr};
+    ObjTemplate* tmpl = sTemplate.load(std::memory_order_acquire);
+    if (!tmpl) {
         ObjTemplateCreateInternal(
-            &made, sizeof(BlckBlock), BLCK_BLOCK_MAGIC, "p;n16384;i;b;b;", BlkBlockDestructor);
-        return made;
-    }();
+            &tmpl, sizeof(BlckBlock), BLCK_BLOCK_MAGIC, "p;n16384;i;b;b;", BlkBlockDestructor);
+        sTemplate.store(tmpl, std::memory_order_release);
+    }
     return tmpl;
 }
 
@@ -169,6 +172,16 @@ bool AdoptHeader(BlckControl* pControl, uint32_t count)
     return false;
 }
 
+// Room for the control block of a new file. Without it, a disk with little room would take half of
+// the control block at the first release, and the file could never be opened again.
+bool ReserveControl(void* hFile)
+{
+    if (FileSysReserve(hFile, 0, BLCK_CONTROL_SIZE))
+        return true;
+    BLCK_TRACE(ALWAYS, "No room in the file for the control block");
+    return false;
+}
+
 // The control block of an open file, with one reference; null when the file holds none.
 BlckControl* ReadControl(void* hFile)
 {
@@ -186,7 +199,7 @@ BlckControl* ReadControl(void* hFile)
     bool bSound = false;
     if (bRead) {
         BLCK_TRACE(DETAIL, "Read '%ld' of '%ld' byte header", count, BLCK_CONTROL_SIZE);
-        bSound = AdoptHeader(control.get(), count);
+        bSound = AdoptHeader(control.get(), count) && (count > 0 || ReserveControl(hFile));
     }
     const uint32_t bModified = control->bModified;
     DisarmControl(control.get());

@@ -441,4 +441,30 @@ TEST_P(FullDiskTest, ATableThatCannotBeStoredDoesNoHarm)
     Close();
 }
 
+// With room for a page or two the control block of a new file would be written half-way, and the
+// file could never be opened again.
+TEST_P(FullDiskTest, ATableCreatedWithLittleRoomIsCreatedLater)
+{
+    Close();
+    for (uint64_t pages = 0; pages < 8; ++pages) {
+        const std::string name = "Other" + std::to_string(pages);
+        {
+            SmallDisk disk(GetParam(), DatabasePath(), 300 * 1024);
+            SCOPED_TRACE(disk.description() + ", pages left: " + std::to_string(pages));
+            disk.Fill(pages * 4096);
+            ASSERT_TRUE(Open());
+            OpenPeople(0, name.c_str());
+            Close();
+            disk.Enlarge();
+            ASSERT_TRUE(Open());
+            void* oOther = OpenPeople(0, name.c_str());
+            ASSERT_NE(oOther, nullptr);
+            Person person = MakePerson(1);
+            ASSERT_EQ(Add(oOther, &person), 1u);
+            ExpectHolds(oOther, {{person.id, person}});
+            Close();
+        }
+    }
+}
+
 } // namespace

@@ -42,22 +42,26 @@ class SmallDisk {
     SmallDisk(const SmallDisk&) = delete;
     SmallDisk& operator=(const SmallDisk&) = delete;
 
+    Kind kind() const { return kind_; }
     std::string description() const
     {
         return kind_ == MOUNTED   ? "a file system of its own"
                : kind_ == LIMITED ? "a limit on the length of files"
                                   : "faults";
     }
-    // Takes what is left of the room away: no file may grow any more.
-    void Fill()
+    // Takes what is left of the room away, but for `left` bytes, a number of whole pages.
+    void Fill(uint64_t left = 0)
     {
         if (kind_ == MOUNTED) {
             std::ofstream filler(directory_ + "/filler", std::ios::binary);
             const std::string page(4096, 'f');
-            while (filler.write(page.data(), 4096) && filler.flush()) {
-            }
+            uint64_t size = 0;
+            while (filler.write(page.data(), 4096) && filler.flush())
+                size += 4096;
+            filler.close();
+            std::filesystem::resize_file(directory_ + "/filler", size - left);
         } else if (kind_ == LIMITED) {
-            Limit(0);
+            Limit(left);
         } else {
             FaultDisarmAll();
             Refuse(0);
