@@ -293,8 +293,9 @@ NIMDB_API NimBool IndxGetFieldTypeByNumber(int32_t* pType, void* oTable, uint32_
  *            into it.
  * TRUE or FALSE. Last error 12, 13: the old record cannot be read; 15: not a record of this table;
  * 18: the record's type is not the table's; 33: another id than the old record's; 14: the write
- * failed (log message 1308). Refused keys set none. After a failure the indexes are as before. A
- * record written over in place is lost when the write fails half way. */
+ * failed (log message 1308). Refused keys and a disk without room for a longer record set none.
+ * After a failure the indexes are as before. Kept: a write that fails before it has moved everything
+ * is not noticed; this one record is lost then, its keys stay. */
 NIMDB_API NimBool IndxModifyRecordInTable(void* oTable, uint32_t offset, void* oRecord);
 
 /* Encodes an object and replaces the record of a cursor's key by it. Results as above; FALSE without

@@ -74,7 +74,12 @@ NimBool IndxDeleteOldKey(void* context, void* oField)
     return bDeleted;
 }
 
-bool EndsInRange(int64_t offset, uint32_t length) { return offset + length <= INDX_RECORDS_END; }
+// Whether a record that grows has room at an offset: before the end of records, and on the disk. A
+// full disk met by the write would lose the record, since its failure goes unnoticed.
+bool HasRoom(const IndxTable* pTable, int64_t offset, uint32_t length)
+{
+    return offset + length <= INDX_RECORDS_END && FileSysReserve(pTable->hRecords, offset, length);
+}
 
 // Positions the records file where the new record goes: over the old one when it fits, or when the
 // table never issued an id but 1 (kept: the only record of a table grows in place), else to the
@@ -85,7 +90,7 @@ bool SeekToWritePosition(
     *pNewOffset = offset;
     const bool bFits = static_cast<int32_t>(oldLength) >= static_cast<int32_t>(newLength);
     if (bFits || pTable->highestId == 1) {
-        if ((bFits || EndsInRange(offset, newLength)) &&
+        if ((bFits || HasRoom(pTable, offset, newLength)) &&
             FileSysSeek(pTable->hRecords, static_cast<int32_t>(offset)))
             return true;
         INDX_TRACE(INDX_ALWAYS, "Error failed to seek to write position");
@@ -93,7 +98,7 @@ bool SeekToWritePosition(
     }
     int64_t end = 0;
     if (FileSysSeekEnd(pTable->hRecords) && FileSysGetOffset(&end, pTable->hRecords) &&
-        EndsInRange(end, newLength)) {
+        HasRoom(pTable, end, newLength)) {
         *pNewOffset = static_cast<uint32_t>(end);
         return true;
     }

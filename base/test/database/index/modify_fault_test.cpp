@@ -90,6 +90,51 @@ TEST_F(ModifyFaultTest, ASeekToTheEndThatFailsIsBackedOutWithoutACode)
     }
 }
 
+// The room is asked for before anything is written: the failure of a write goes unnoticed.
+TEST_F(ModifyFaultTest, ADiskWithoutRoomForALongerRecordIsMetBeforeAnyKey)
+{
+    const std::string records = ReadFileBytes(RecordsPath());
+    TraceRecorder trace;
+    LogRecorder log;
+    EXPECT_EQ(ModifyWithFault(3, Longer(), {FAULT_RESERVE, "Records", 1, 1, FAULT_FAIL, 0}), 0u);
+    EXPECT_TRUE(trace.has(TAG, 0, -1, "Error failed to seek to end of file")) << trace.dump();
+    EXPECT_EQ(trace.countLevel(-1), 1u) << trace.dump();
+    EXPECT_FALSE(trace.hasPart("IndxDeletetKey"));
+    EXPECT_TRUE(log.empty());
+    EXPECT_EQ(IndxError(), UNTOUCHED);
+    ExpectUnchanged(records);
+}
+
+TEST_F(ModifyFaultTest, ADiskWithoutRoomForTheOnlyRecordToGrowIsMetBeforeAnyKey)
+{
+    void* oOther = OpenPeople(0, "Other");
+    People other;
+    AddPeople(oOther, &other, 1, 2);
+    Person longer = Longer();
+    longer.id = 1;
+    const Held blob = BlobOf(longer);
+    {
+        const QuietTrace quiet;
+        const ArmedFault fault(FAULT_RESERVE);
+        EXPECT_EQ(IndxModifyRecordInTable(oOther, 0, blob.get()), 0u);
+        EXPECT_EQ(fault.hits(), 1u);
+    }
+    ExpectHolds(oOther, other);
+    EXPECT_EQ(IndxModifyRecordInTable(oOther, 0, blob.get()), 1u);
+    ExpectHolds(oOther, {{1, longer}});
+}
+
+TEST_F(ModifyFaultTest, WhatFitsInItsPlaceAsksForNoRoom)
+{
+    Person same = model_[3];
+    same.age = 80;
+    same.id = 3;
+    const ArmedFault fault(FAULT_RESERVE, 1, 0);
+    EXPECT_EQ(IndxModifyObject(table_, ObjectOf(same).get()), 1u);
+    EXPECT_EQ(fault.hits(), 0u);
+    EXPECT_EQ(FindById(table_, 3), same);
+}
+
 TEST_F(ModifyFaultTest, AnOldRecordThatCannotBeReadFailsTheModificationBeforeAnyKey)
 {
     struct {
