@@ -23,8 +23,9 @@ NIM_BEGIN
  *   path    in: UTF-8, not null, not empty.
  * TRUE, or FALSE when an argument is unusable, the file cannot be opened or read, it does not start
  * with a sound control block ("Invalid control block"), or the disk has no room for the control
- * block of a new one. A failed open leaves the file as it was. A new file stays empty until the first BlckReleaseAll, and an old one is rewritten then even
- * if nothing was changed: its control block always opens as modified. */
+ * block of a new one. A failed open leaves the file as it was. A new file stays empty until the
+ * first BlckReleaseAll, and an old one is rewritten then even if nothing was changed: its control
+ * block always opens as modified. */
 NIMDB_API NimBool BlckFileOpen(void** ppBlck, const char* path);
 
 /* Allocates a block: the head of the free chain, else the next one never used.
