@@ -343,6 +343,15 @@ TEST_F(WrapperTest, AnObjectOfAnotherTypeIsRefusedThoughItsIdFits)
     ExpectHolds(table_, model_);
 }
 
+TEST_F(WrapperTest, AnEncodingTooShortToHoldTheIdGives0)
+{
+    void* oTable = OpenTable("Deep", MAGIC, "u;u;i;", "Key,Other,Id"); // the id lies at 68
+    ASSERT_NE(oTable, nullptr);
+    const Instance tiny(MAGIC, "b;");
+    EXPECT_EQ(IndxModifyObject(oTable, tiny.get()), 0u);
+    EXPECT_EQ(IndxError(), UNTOUCHED);
+}
+
 // Every allocation and every reference of each call in turn.
 TEST_F(WrapperTest, NoMemoryAtAnyPointLeavesNothingBehind)
 {

@@ -558,6 +558,14 @@ class DamagedWalkTest : public DatabaseTest {
     {
         Damage([&](std::string& bytes) { PutU32At(bytes, At(block, offset), word); });
     }
+    // The last leaf leads to the first, and that back to the last.
+    std::function<void(std::string&)> CloseRing() const
+    {
+        return [this](std::string& bytes) {
+            PutU32At(bytes, At(leaves_[2], 4), leaves_[0]);
+            PutU32At(bytes, At(leaves_[0], 8), leaves_[2]);
+        };
+    }
     // A walk in each form sees so many records and ends with 0, error 13 and a failure trace.
     void ExpectEndsAfter(uint32_t records)
     {
@@ -668,49 +676,64 @@ TEST_F(DamagedWalkTest, ADamagedRootIsNotMet)
     EXPECT_EQ(seen, RECORDS);
 }
 
+TEST_F(DamagedWalkTest, AChainThatEndsEarlyEndsTheWalkWith0)
+{
+    PutWord(leaves_[0], 4, NONE);
+    ExpectEndsAfter(681);
+    PutWord(leaves_[0], 4, leaves_[1]);
+    PutWord(leaves_[1], 4, NONE);
+    ExpectEndsAfter(1362);
+}
+
 TEST_F(DamagedWalkTest, ARingOfLeavesWithConsistentLinksEndsTheWalkWith0)
 {
-    Damage([&](std::string& bytes) {
-        PutU32At(bytes, At(leaves_[2], 4), leaves_[0]);
-        PutU32At(bytes, At(leaves_[0], 8), leaves_[2]);
-    });
-    ExpectEndsAfter(RECORDS);
-    // Back as well as forth.
+    Damage(CloseRing());
+    ExpectEndsAfter(0); // no leaf comes before the first
+    // A cursor that was not placed at an end meets the seam, forth and back.
     void* oCursor = nullptr;
     ASSERT_EQ(IndxGetFieldCursor(&oCursor, table_, "Value"), 1u);
-    uint32_t steps = 0;
-    for (int32_t code = IndxLastKey(oCursor); code == INDX_RESULT_FOUND && steps <= RECORDS;
-         code = IndxPreviousKey(oCursor))
-        ++steps;
-    EXPECT_EQ(steps, RECORDS);
-    EXPECT_EQ(IndxError(), INDX_ERROR_READ);
+    const Held value(ObjIntegerNew(700));
+    for (const auto& [step, steps] :
+         {std::pair(&IndxNextKey, RECORDS - 700), std::pair(&IndxPreviousKey, 699u)}) {
+        IndxSetError(UNTOUCHED);
+        ASSERT_EQ(IndxFindKey(oCursor, 0, value.get()), INDX_RESULT_FOUND);
+        uint32_t taken = 0;
+        while (taken <= RECORDS && step(oCursor) == INDX_RESULT_FOUND)
+            ++taken;
+        EXPECT_EQ(taken, steps);
+        EXPECT_EQ(IndxError(), INDX_ERROR_READ);
+    }
     IndxReleaseCursor(&oCursor);
 }
 
 TEST_F(DamagedWalkTest, ALeafThatLinksToItselfEndsTheWalkWith0)
 {
     Damage([&](std::string& bytes) {
-        PutU32At(bytes, At(leaves_[0], 4), leaves_[0]);
-        PutU32At(bytes, At(leaves_[0], 8), leaves_[0]);
+        PutU32At(bytes, At(leaves_[1], 4), leaves_[1]);
+        PutU32At(bytes, At(leaves_[1], 8), leaves_[1]);
     });
     ExpectEndsAfter(681);
 }
 
-// A callback that writes every record back: each step is a new find.
+// The leaves become a ring while the callback writes every record back, so that each step is a new
+// find.
 TEST_F(DamagedWalkTest, ARingEndsAlsoWhileTheCallbackModifiesEveryRecord)
 {
-    Damage([&](std::string& bytes) {
-        PutU32At(bytes, At(leaves_[2], 4), leaves_[0]);
-        PutU32At(bytes, At(leaves_[0], 8), leaves_[2]);
-    });
     const QuietTrace quiet;
     uint32_t seen = 0;
     EXPECT_EQ(
         Walk(
             Form::Plain, table_, "Value",
             [&](void* oObject, uint32_t) {
-                ++seen;
                 EXPECT_EQ(IndxModifyObject(table_, oObject), 1u);
+                if (++seen == 10) { // no node is in memory now
+                    std::string bytes = ReadFileBytes(PathOf("Indexes", "Numbers"));
+                    CloseRing()(bytes);
+                    std::fstream(
+                        PathOf("Indexes", "Numbers"),
+                        std::ios::binary | std::ios::in | std::ios::out)
+                        << bytes;
+                }
                 return seen > 2 * RECORDS ? 9u : 1u;
             }),
         0u);
