@@ -52,7 +52,7 @@ class TableQuirk : public testing::Test {
 TEST_F(TableQuirk, AFileWithNewAnywhereInItsNameIsNoTable)
 {
     scene_.Close();
-    for (const char* name : {"People.new", "a.newer", ".new"})
+    for (const char* name : {"Other.new", "a.newer", ".new"})
         std::filesystem::copy_file(scene_.BlocksPath(), scene_.PathOf("Indexes", name));
     std::filesystem::rename(scene_.BlocksPath(), scene_.PathOf("Indexes", "People.NEW"));
     trace_.clear();
