@@ -103,7 +103,8 @@ void TableUnderTest::FindByHash(const Sample& sample, uint32_t expectedId)
 
 uint64_t SumOf(uint32_t id, int32_t size, int64_t stamp, size_t nameLength, size_t noteLength)
 {
-    return uint64_t(id) * 3 + uint64_t(size) * 5 + uint64_t(stamp) + nameLength * 7 + noteLength * 11;
+    return uint64_t(id) * 3 + uint64_t(size) * 5 + uint64_t(stamp) + nameLength * 7 +
+           noteLength * 11;
 }
 
 uint64_t TableUnderTest::Walk(uint64_t& sum)
