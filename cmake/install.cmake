@@ -11,6 +11,11 @@ install(TARGETS nim nimdb EXPORT nimdbTargets
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+if(WIN32)
+    # Other compilers make their import libraries from these.
+    install(FILES ${CMAKE_BINARY_DIR}/libnim.def ${CMAKE_BINARY_DIR}/libnimdb.def
+        DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endif()
 
 # The fault hooks are not in the shipped libraries, and the index module's insides are its own.
 install(DIRECTORY base/include/nim DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}

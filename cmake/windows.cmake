@@ -50,9 +50,12 @@ endfunction()
 # nim_windows_test_program(TARGET): one test, since starting a program under Wine takes a while; its
 # own report, results/<TARGET>.xml, tells the tests in it apart.
 function(nim_windows_test_program target)
-    add_test(NAME ${target} COMMAND ${target}
-        --gtest_brief=1 --gtest_output=xml:${CMAKE_BINARY_DIR}/results/${target}.xml)
+    # A relative path: one with a slash ahead of it is none to GoogleTest there.
+    add_test(NAME ${target} WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
+        COMMAND ${target} --gtest_brief=1 --gtest_output=xml:results/${target}.xml)
     nim_runs_under_wine(${target} 1200)
+    # The tests themselves need no more, and are built in half the time.
+    target_compile_options(${target} PRIVATE -O1)
 endfunction()
 
 # nim_runs_under_wine(TEST TIMEOUT): the prefix and its server are there before it begins.

@@ -25,3 +25,45 @@ foreach(library nim nimdb)
     add_test(NAME ${library}_version COMMAND ${check}
         -DVERSION=${PROJECT_VERSION} -DDESCRIPTION=${description} ${script})
 endforeach()
+
+# ---- drives, paths, names, sharing, views ------------------------------------------------------
+
+nim_test_program(windows_test
+    support/main.cpp
+    support/tree_check.cpp
+    windows/drives_test.cpp
+    windows/cluster_test.cpp
+    windows/paths_test.cpp
+    windows/names_test.cpp
+    windows/sharing_test.cpp
+    windows/mapping_test.cpp
+)
+target_include_directories(windows_test PRIVATE ${PROJECT_SOURCE_DIR}/base/library)
+target_link_libraries(windows_test PRIVATE nimdb_test_objects nim_test_objects)
+
+# ---- the same files on both systems ------------------------------------------------------------
+
+if(CMAKE_CROSSCOMPILING)
+    # The same sources for the system that builds, as far as they are needed here.
+    include(ExternalProject)
+    ExternalProject_Add(native
+        SOURCE_DIR ${PROJECT_SOURCE_DIR}
+        PREFIX ${CMAKE_BINARY_DIR}/native
+        BINARY_DIR ${CMAKE_BINARY_DIR}/native/build
+        CMAKE_ARGS -DCMAKE_BUILD_TYPE=Release -DNIM_BENCHMARKS=OFF
+        BUILD_COMMAND ${CMAKE_COMMAND} --build <BINARY_DIR> --target nimdb_exchange_test guide
+        INSTALL_COMMAND ""
+        BUILD_ALWAYS ON
+        USES_TERMINAL_BUILD ON)
+    set(native ${CMAKE_BINARY_DIR}/native/build)
+    # Lists would be split on their way through the command line.
+    string(REPLACE ";" "$<SEMICOLON>" emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
+    add_test(NAME exchange COMMAND ${CMAKE_COMMAND}
+        -DNATIVE=${native}/base/test/nimdb_exchange_test
+        -DNATIVE_GUIDE=${native}/examples/guide
+        "-DWINDOWS=${emulator}$<SEMICOLON>$<TARGET_FILE:nimdb_exchange_test>"
+        "-DWINDOWS_GUIDE=${emulator}$<SEMICOLON>$<TARGET_FILE:guide>"
+        -DDIRECTORY=${CMAKE_CURRENT_BINARY_DIR}/exchange
+        -P ${CMAKE_CURRENT_SOURCE_DIR}/windows/exchange.cmake)
+    nim_runs_under_wine(exchange 600)
+endif()

@@ -28,6 +28,9 @@ constexpr DWORD WIDE_ROOM = 32768;
 constexpr DWORD LONG_PATH = MAX_PATH - 12;
 // One transfer; far below what the 32-bit count of the calls can hold.
 constexpr size_t TRANSFER_MOST = size_t{1} << 30;
+// Longer files are read, not mapped: the system keeps 8 bytes for each page of a view, 128 MiB for
+// one of this size.
+constexpr uint64_t MAP_MOST = uint64_t{64} << 30;
 // Virus scanners, indexers and backups hold a file for a moment and let nobody else at it: asked
 // again after 10, 20, 40 ... milliseconds, a third of a second in all.
 constexpr DWORD FIRST_WAIT = 10;
@@ -310,7 +313,7 @@ static bool SysFileIsRemote(intptr_t file)
 bool SysMap(void** address, intptr_t file, size_t size)
 {
     *address = nullptr;
-    if (SysFileIsRemote(file))
+    if (size > MAP_MOST || SysFileIsRemote(file))
         return false;
     const HANDLE section = CreateFileMappingW(
         Handle(file), nullptr, PAGE_READONLY, static_cast<DWORD>(uint64_t{size} >> 32),
