@@ -158,6 +158,20 @@ TEST_F(RecordQuirk, AddingARecordAloneNeitherSavesNorBacksOut)
     EXPECT_EQ(OffsetOf(5), -1);
 }
 
+TEST_F(RecordQuirk, AFailureThatWasNotBackedOutIsCommittedByTheNextAdd)
+{
+    scene_.MustAdd(1);
+    EXPECT_EQ(AddOnly(7, scene_.BlobOf(MakePerson(1))), 0u); // its id is entered, its name is not
+    EXPECT_EQ(scene_.MustAdd(2), 2u);
+    scene_.Reload();
+    EXPECT_EQ(OffsetOf(7), OffsetOf(2));
+    const PeopleScene::Cursor cursor(people(), "Id");
+    ASSERT_EQ(IndxFindKey(cursor.get(), 7, nullptr), 6);
+    const CrashRecorder crash;
+    EXPECT_EQ(IndxGetObjectAtCursor(&out_, cursor.get()), 0u); // another record's bytes
+    EXPECT_EQ(crash.count(), 1u);
+}
+
 TEST_F(RecordQuirk, RecordsThatWereNotSavedAreDroppedByALaterFailure)
 {
     EXPECT_EQ(AddOnly(5, scene_.BlobOf(MakePerson(1))), 1u);
@@ -475,6 +489,14 @@ TEST_F(CompanionQuirk, TheFileItselfIsNeitherMadeNorLookedFor)
     EXPECT_EQ(Listed(), std::vector<uint32_t>());
 }
 
+TEST_F(CompanionQuirk, ADirectoryThatIsThereNeedNotBeMade)
+{
+    const std::string path = Path(1);
+    scene_.Fail(FAULT_MKDIR, 1, 0); // that it was made is not asked, that it is one is
+    EXPECT_EQ(Path(1), path);
+    EXPECT_EQ(Path(0x10000), "(null)");
+}
+
 TEST_F(CompanionQuirk, ThePathHasTheNameOfTheTableNotOfItsFiles)
 {
     void* oTable = nullptr;
@@ -500,6 +522,7 @@ TEST_F(CompanionQuirk, CaseOfAHexadecimalNameDoesNotCountAndAnythingBehindItDoes
 {
     Touch("0000/00/1A");
     Touch("0000/00/1b.tmp");
+    Touch("0000/00/!!"); // comes first, and the scan goes on
     Touch("0000/00/zz");
     Touch("0000/zz/01");
     Touch("000/00/01");

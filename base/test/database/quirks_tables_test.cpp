@@ -3,6 +3,7 @@
 
 #include <filesystem>
 
+#include "database/index/schema.h"
 #include "people_scene.h"
 
 namespace {
@@ -246,6 +247,16 @@ TEST_F(TableQuirk, AnArrayIsKeyedAsText)
     EXPECT_EQ(PeopleScene::Field(pTable, 1)->keyType, INDX_KEY_TEXT_NO_CASE);
     EXPECT_EQ(PeopleScene::Field(pTable, 2)->keyType, INDX_KEY_TEXT);
     EXPECT_EQ(pTable->bTextIndex, 1u);
+}
+
+TEST_F(TableQuirk, AKindOfLaterDaysKeepsItsFlagsAndHasNoType)
+{
+    IndxField field = {};
+    field.bIndexed = field.bUnique = field.bCaseSensitive = 1;
+    EXPECT_TRUE(IndxApplyKind(&field, 13));
+    EXPECT_TRUE(field.bIndexed && field.bUnique && field.bCaseSensitive);
+    EXPECT_EQ(field.type, 0);
+    EXPECT_EQ(field.keyType, 0);
 }
 
 TEST_F(TableQuirk, AUniqueIdCountsAsTextForTheReadingOfOldKeys)

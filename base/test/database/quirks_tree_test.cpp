@@ -1,6 +1,7 @@
 // quirks_tree_test.cpp: what nodes, searches, insertion and deletion do on purpose and keep doing,
 // oddities included. Every test ends with the whole-tree check.
 
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 
@@ -65,6 +66,18 @@ TEST_F(TreeQuirk, IntegersMoreThanHalfTheirRangeApartCompareTheWrongWayRound)
     EXPECT_EQ(tree().Walk(), std::vector<uint32_t>({2, 1}));
     EXPECT_EQ(Search(0, 0, NumberKey(FAR)).second, 0);
     scene_.damaged = true; // not the order that the check knows
+}
+
+TEST_F(TreeQuirk, OfTwoIntegersExactlyHalfTheirRangeApartEachIsTheSmaller)
+{
+    scene_.damaged = true; // not the order that the check knows
+    scene_.Integers({0, INT32_MIN}, true);
+    EXPECT_EQ(tree().Walk(), std::vector<uint32_t>({2, 1}));
+    EXPECT_EQ(tree().Find(1, NumberKey(0)), 7); // there, and not to be found
+    EXPECT_FALSE(tree().Remove(1, NumberKey(0)));
+    EXPECT_EQ(cursor()->result, 7);
+    EXPECT_TRUE(tree().Add(3, NumberKey(0))); // a second one, though the index is unique
+    EXPECT_EQ(tree().Walk().size(), 3u);
 }
 
 TEST_F(TreeQuirk, RecordIdsFromHalfTheirRangeOnComeBeforeZero)
