@@ -55,6 +55,8 @@ class DatabaseTest : public testing::Test {
             ASSERT_TRUE(Open("WarmUp"));
             ASSERT_NE(OpenTable("T", MAGIC, "i;", "Id"), nullptr);
             Close();
+            // Each test may run in a process of its own, and some want to see the home made.
+            std::filesystem::remove_all(HomePath());
         }
         before_ = LiveCounts();
     }
