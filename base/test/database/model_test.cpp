@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <map>
 #include <random>
 
 #include "database/tree_model.h"
@@ -483,6 +484,88 @@ const ModelCase CASES[] = {
     {"LongestText", INDX_KEY_TEXT, true, Lengths::Longest, 20, 150},
     {"LongestTextNoCase", INDX_KEY_TEXT_NO_CASE, false, Lengths::Longest, 20, 150},
 };
+
+// ---- many indexes in one file ------------------------------------------------------------------
+
+// Records with a key in each of seven trees that share one block file. Two of them are unique: a
+// record that one of them refuses is backed out of all, whatever the others had split.
+TEST(TreeModelMany, SevenIndexesOfOneFileHoldTheSameRecords)
+{
+    const uint64_t all = FromEnvironment("NIMDB_TEST_OPERATIONS", DEFAULT_OPERATIONS);
+    const uint64_t operations = std::max<uint64_t>(all / 40, 200);
+    std::mt19937_64 random(ModelSeed());
+    const auto Below = [&](uint32_t n) { return static_cast<uint32_t>(random() % n); };
+    const std::vector<IndexSpec> specs = {{INDX_KEY_RECORD_ID},  {INDX_KEY_INTEGER},
+                                          {INDX_KEY_TEXT, true}, {INDX_KEY_INT64},
+                                          {INDX_KEY_UNIQUE_ID},  {INDX_KEY_TEXT_NO_CASE, true},
+                                          {INDX_KEY_TEXT}};
+    const QuietTrace quiet;
+    const TemporaryDirectory directory;
+    IndexFixture index(directory.path("many"), specs);
+    std::vector<TreeModel> models;
+    for (const IndexSpec& spec : specs)
+        models.emplace_back(spec.keyType, spec.unique);
+    std::map<uint32_t, std::pair<std::vector<Key>, uint32_t>> records;
+
+    const auto NewKeys = [&] {
+        const std::string name = std::to_string(Below(40'000));
+        return std::vector<Key>{
+            {},
+            NumberKey(Below(1000)),
+            TextKey(name),
+            NumberKey(static_cast<int64_t>(random())),
+            BytesKey((std::to_string(Below(500)) + std::string(32, 'u')).substr(0, 32)),
+            SizedKey(std::to_string(Below(40'000)) + ";", 16 + Below(Below(20) ? 200 : 5000)),
+            SizedKey(name, Below(10) ? 30 : 4000)};
+    };
+    const auto Check = [&] {
+        const TreeReport report = CheckTable(index.table());
+        ASSERT_TRUE(report.problems.empty()) << report.text();
+        for (size_t i = 0; i < specs.size(); ++i)
+            ASSERT_TRUE(models[i].Equals(report.indexes[i])) << "index " << i;
+    };
+    uint32_t nextId = 1;
+    uint64_t refused = 0;
+    for (uint64_t done = 0; done < operations && !testing::Test::HasFailure(); ++done) {
+        if (Below(100) < (done / (operations / 4 + 1) % 2 ? 35u : 70u) || records.empty()) {
+            const uint32_t id = nextId++; // an id that fails is not used again
+            const std::vector<Key> keys = NewKeys();
+            bool possible = true;
+            for (size_t i = 0; i < specs.size(); ++i)
+                possible = possible && !models[i].keys().count({keys[i], id});
+            ASSERT_EQ(index.InsertAll(id, keys, 16 * id), possible);
+            for (size_t i = 0; possible && i < specs.size(); ++i)
+                models[i].Insert({keys[i], id}, 16 * id);
+            if (possible)
+                records[id] = {keys, 16 * id};
+            refused += !possible;
+            possible ? static_cast<void>(index.Update()) : index.Backout();
+        } else {
+            auto at = records.lower_bound(1 + Below(nextId));
+            if (at == records.end())
+                at = records.begin();
+            ASSERT_TRUE(index.DeleteAll(at->first, at->second.first));
+            if (Below(20) == 0) { // changed its mind
+                index.Backout();
+                continue;
+            }
+            index.Update();
+            for (size_t i = 0; i < specs.size(); ++i)
+                models[i].Delete({at->second.first[i], at->first});
+            records.erase(at);
+        }
+        for (TreeModel& model : models)
+            model.Commit();
+        if (done % (operations / 20 + 1) == 0)
+            Check();
+        if (done % (operations / 10 + 1) == 0)
+            index.Reopen();
+    }
+    Check();
+    std::cout << operations << " records added or deleted, " << refused << " refused, "
+              << records.size() << " at the end\n";
+    EXPECT_GT(refused, 0u);
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Tree, TreeModelTest, testing::ValuesIn(CASES),

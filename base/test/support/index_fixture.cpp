@@ -176,6 +176,26 @@ bool IndexFixture::Delete(uint32_t id, const Key& key, size_t index)
     return IndxDeleteKey(cursors_[index], record.data()) == TRUE;
 }
 
+bool IndexFixture::InsertAll(uint32_t id, const std::vector<Key>& keys, uint32_t offset)
+{
+    const TestRecord record(specs_, id, keys);
+    for (IndxCursor* pCursor : cursors_) {
+        if (!IndxInsertKey(pCursor, offset, record.data()))
+            return false;
+    }
+    return true;
+}
+
+bool IndexFixture::DeleteAll(uint32_t id, const std::vector<Key>& keys)
+{
+    const TestRecord record(specs_, id, keys);
+    for (IndxCursor* pCursor : cursors_) {
+        if (!IndxDeleteKey(pCursor, record.data()))
+            return false;
+    }
+    return true;
+}
+
 bool IndexFixture::Add(uint32_t id, const Key& key, uint32_t offset, size_t index)
 {
     if (Insert(id, key, offset, index))

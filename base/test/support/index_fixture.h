@@ -89,6 +89,9 @@ class IndexFixture {
     // One key in or out of one index; nothing is ended.
     bool Insert(uint32_t id, const Key& key, uint32_t offset = 0, size_t index = 0);
     bool Delete(uint32_t id, const Key& key, size_t index = 0);
+    // A record with a key for each index, in or out of all of them; stops at the first that fails.
+    bool InsertAll(uint32_t id, const std::vector<Key>& keys, uint32_t offset);
+    bool DeleteAll(uint32_t id, const std::vector<Key>& keys);
     bool Update() { return IndxUpdateTable(pTable_) != 0; }
     void Backout() { IndxBackout(pTable_); }
     // The same as whole operations: kept when they succeed, backed out when they fail.
