@@ -57,6 +57,7 @@ class DatabaseTest : public testing::Test {
             Close();
             // Each test may run in a process of its own, and some want to see the home made.
             std::filesystem::remove_all(HomePath());
+            name_ = DATABASE;
         }
         before_ = LiveCounts();
     }
