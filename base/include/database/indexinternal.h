@@ -248,7 +248,10 @@ constexpr int32_t INDX_DETAIL = 4;
 #define INDX_TRACE(level, ...) NIM_TRACE(INDX_TAG, 0, (level), __VA_ARGS__)
 #define INDX_TRACE_ERROR(level, ...) NIM_TRACE(INDX_TAG, 1, (level), __VA_ARGS__)
 
-inline const char* IndxTruth(NimBool b) { return b ? "TRUE" : "FALSE"; }
+inline const char* IndxTruth(NimBool b)
+{
+    return b ? "TRUE" : "FALSE";
+}
 
 // =============================================================================================
 // 4. Prototypes, by room
@@ -268,21 +271,44 @@ bool IndxEnsureTemplates();
 extern IndxTemplates gIndxTemplates;
 uint32_t IndxPool();
 void IndxSetError(uint32_t code);
-template <class T> T* IndxAs(void* object, uint32_t magic)
+template <class T>
+T* IndxAs(void* object, uint32_t magic)
 {
     return ObjGetMagic(object) == magic ? static_cast<T*>(object) : nullptr;
 }
 // The handle as what it should be, or null: no object, or an object of another type.
-inline IndxDatabase* IndxAsDatabase(void* h) { return IndxAs<IndxDatabase>(h, INDX_DATABASE_MAGIC); }
-inline IndxTable* IndxAsTable(void* h) { return IndxAs<IndxTable>(h, INDX_TABLE_MAGIC); }
-inline IndxField* IndxAsField(void* h) { return IndxAs<IndxField>(h, INDX_FIELD_MAGIC); }
-inline IndxCursor* IndxAsCursor(void* h) { return IndxAs<IndxCursor>(h, INDX_CURSOR_MAGIC); }
-inline IndxKeyInfo* IndxAsKeyInfo(void* h) { return IndxAs<IndxKeyInfo>(h, INDX_KEY_INFO_MAGIC); }
+inline IndxDatabase* IndxAsDatabase(void* h)
+{
+    return IndxAs<IndxDatabase>(h, INDX_DATABASE_MAGIC);
+}
+inline IndxTable* IndxAsTable(void* h)
+{
+    return IndxAs<IndxTable>(h, INDX_TABLE_MAGIC);
+}
+inline IndxField* IndxAsField(void* h)
+{
+    return IndxAs<IndxField>(h, INDX_FIELD_MAGIC);
+}
+inline IndxCursor* IndxAsCursor(void* h)
+{
+    return IndxAs<IndxCursor>(h, INDX_CURSOR_MAGIC);
+}
+inline IndxKeyInfo* IndxAsKeyInfo(void* h)
+{
+    return IndxAs<IndxKeyInfo>(h, INDX_KEY_INFO_MAGIC);
+}
 
 // ---- tree: node ----
 // *ppNode = the node, checked to be one (count in range, flags as the index wants them, heap clear
 // of the entries), or null: the block cannot be had or is no sound node of this index.
 void IndxGetNode(uint8_t** ppNode, IndxCursor* pCursor, uint32_t tId);
+// The same to be read only, in place where the file is mapped: good until the next call that
+// touches the file. *pInMemory (null allowed) tells whether the node is in memory. IndxEndReading
+// gives a node up; null is allowed.
+const uint8_t* IndxReadNode(bool* pInMemory, IndxCursor* pCursor, uint32_t tId);
+// The node that IndxReadNode gave, brought into memory to be changed; null: it cannot be had.
+uint8_t* IndxNodeToChange(IndxCursor* pCursor, uint32_t tId, const uint8_t* pNode, bool bInMemory);
+void IndxEndReading(const uint8_t** ppNode, IndxCursor* pCursor);
 // A fresh node, marked modified; its id, or -1 with *ppNode null.
 int32_t IndxNewNode(uint8_t** ppNode, IndxCursor* pCursor);
 void IndxReleaseNode(uint8_t** ppNode, IndxCursor* pCursor, NimBool bModified);
@@ -300,8 +326,8 @@ NimBool IndxMoveEntries(
     IndxCursor* pCursor, uint8_t* pDest, int32_t destPosition, uint8_t* pSource,
     int32_t sourcePosition, int32_t count, int32_t lOffsetCorrection);
 // Writes entry `position` (the count stays) and, in a branch, the child's parent.
-NimBool IndxPutKeyIntoNode(
-    IndxCursor* pCursor, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
+NimBool
+IndxPutKeyIntoNode(IndxCursor* pCursor, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
 // Takes entry `position` out and closes the gap.
 NimBool IndxRemoveEntry(IndxCursor* pCursor, uint8_t* pNode, int32_t position);
 // Position of the entry of a branch that points to tChild; -1 when there is none.
@@ -315,8 +341,7 @@ NimBool IndxGetKeyInfoFromRecord(IndxKeyInfo** ppKey, IndxCursor* pCursor, const
 // The lowest key of a node, with the node as its child.
 NimBool IndxGetKeyInfoFromNode(IndxKeyInfo** ppKey, IndxCursor* pCursor, const uint8_t* pNode);
 // The value of an entry as an object; a key of record ids has none. FALSE: damaged, no memory.
-NimBool IndxGetEntryValue(
-    void** ppValue, int32_t keyType, const uint8_t* pNode, int32_t position);
+NimBool IndxGetEntryValue(void** ppValue, int32_t keyType, const uint8_t* pNode, int32_t position);
 // Bytes the key's value takes in the heap: 0 without a heap.
 uint32_t IndxKeyLength(const IndxKeyInfo* pKey);
 // A heap value, checked to lie in the node's heap.
@@ -329,12 +354,14 @@ bool IndxSameValue(int32_t keyType, void* oLeft, void* oRight);
 constexpr int32_t INDX_POSITION_DAMAGED = INT32_MIN;
 // Whether the key stands in the node, and where it stands or belongs. INDX_POSITION_DAMAGED and
 // FALSE when an entry that had to be looked at cannot be believed.
-NimBool IndxSearchNode(
-    int32_t* pIndex, IndxCursor* pCursor, const uint8_t* pNode, const IndxKeyInfo* pKey);
-// Positions the cursor on the key, or on the first greater one; whether it stands in a leaf exactly.
-// *pDamaged (may be null) becomes true when a node could not be had: code 7, at the end.
+NimBool
+IndxSearchNode(int32_t* pIndex, IndxCursor* pCursor, const uint8_t* pNode, const IndxKeyInfo* pKey);
+// Positions the cursor on the key, or on the first greater one; whether it stands in a leaf
+// exactly. *pDamaged (may be null) becomes true when a node could not be had: code 7, at the end.
 NimBool IndxFind(IndxCursor* pCursor, const IndxKeyInfo* pKey, bool* pDamaged);
-void IndxUpdateCursor(IndxCursor* pCursor, uint8_t* pNode, int32_t status);
+// Puts the cursor into a status, with a copy of the key it stands on. The node is the cursor's, or
+// null: it is fetched.
+void IndxUpdateCursor(IndxCursor* pCursor, const uint8_t* pNode, int32_t status);
 // Child of entry `position`, negative counting as 0; INDX_NO_NODE for a node without entries.
 uint32_t IndxChildAt(const uint8_t* pNode, int32_t position);
 
@@ -342,7 +369,7 @@ uint32_t IndxChildAt(const uint8_t* pNode, int32_t position);
 void IndxInvalidateCursors(IndxCursor* pCursor);
 // The neighbour of a leaf (`link` is INDX_NODE_NEXT or INDX_NODE_PREVIOUS), checked to be a leaf
 // with entries that links back; null with last error 13 and a failure trace when it is not.
-uint8_t* IndxGetNeighbour(IndxCursor* pCursor, uint32_t tFrom, uint32_t tTo, uint32_t link);
+const uint8_t* IndxReadNeighbour(IndxCursor* pCursor, uint32_t tFrom, uint32_t tTo, uint32_t link);
 // A node or entry that cannot be had ended a search or a move: failure trace and last error 13.
 void IndxReportDamage(IndxCursor* pCursor, uint32_t tNode);
 
@@ -353,9 +380,10 @@ NimBool IndxDeleteKeyFromNode(IndxCursor* pCursor, uint32_t tNode, int32_t posit
 
 // ---- schema: definition ----
 // Fills a new table from its format and fields strings. The error code is left as documented for
-// IndxOpenTableInternal. On failure the caller breaks the ring of table and fields (IndxUnhookFields).
-NimBool IndxCreateTable(
-    IndxTable* pTable, uint32_t recordMagic, const char* format, const char* fields);
+// IndxOpenTableInternal. On failure the caller breaks the ring of table and fields
+// (IndxUnhookFields).
+NimBool
+IndxCreateTable(IndxTable* pTable, uint32_t recordMagic, const char* format, const char* fields);
 // Makes every field refer to its table, gives indexed fields their cursor lists, and takes the
 // committed roots. FALSE: no memory.
 NimBool IndxHookFields(IndxTable* pTable);
@@ -364,8 +392,7 @@ NimBool IndxHookFields(IndxTable* pTable);
 void IndxUnhookFields(IndxTable* pTable);
 
 // ---- schema: open ----
-NimBool IndxOpenExistingTable(
-    void** ppTable, void* oDatabase, const char* name, uint32_t version);
+NimBool IndxOpenExistingTable(void** ppTable, void* oDatabase, const char* name, uint32_t version);
 NimBool IndxSetTableVersion(const char* name, void* oDatabase, uint32_t version);
 
 // ---- rows: record ----
@@ -379,8 +406,7 @@ bool IndxIsRecordOf(const IndxTable* pTable, const ObjData* pData);
 // the system tells, since another handle may have appended; and not beyond the last offset there
 // is. Asked before anything is allocated for it. The file's position is `position`, before and
 // after; anywhere when the answer is false.
-bool IndxRecordInFile(
-    const IndxTable* pTable, uint32_t offset, uint32_t length, int64_t position);
+bool IndxRecordInFile(const IndxTable* pTable, uint32_t offset, uint32_t length, int64_t position);
 // Takes the roots of every index as committed; run at the end of every release.
 void IndxCommitRoots(IndxTable* pTable);
 // BlckBackoutAll on the table's block file, and the roots back to what was committed.

@@ -31,11 +31,14 @@ NIM_BEGIN
  * NIM_TRACE only; TraceSetSink and TraceSetRingLevel set it. */
 extern NIM_API int32_t gNimTraceThreshold;
 
+/* Whether lines of a level are traced at all. */
+#define NIM_TRACES(level)                                                                          \
+    __builtin_expect((level) <= __atomic_load_n(&gNimTraceThreshold, __ATOMIC_RELAXED), 0)
+
 /* Traces a line when it is not silent: NIM_TRACE(module, error, level, format, ...). */
 #define NIM_TRACE(module, error, level, ...)                                                       \
     do {                                                                                           \
-        if (__builtin_expect(                                                                      \
-                (level) <= __atomic_load_n(&gNimTraceThreshold, __ATOMIC_RELAXED), 0))             \
+        if (NIM_TRACES(level))                                                                     \
             TraceMessageVa((module), __LINE__, (error), (level), __VA_ARGS__);                     \
     } while (0)
 

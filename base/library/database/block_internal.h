@@ -70,6 +70,14 @@ void BlckFlushControlBlock(BlckControl* oBlck);
 // links between blocks need take more steps than this.
 uint32_t BlckBlockLimit(const void* oBlck);
 
+// A block's data to be read only. Where the file is mapped, the block is not brought into memory
+// but read in place: a descent looks at a few cache lines of each node on its way, and a copy of 16
+// KiB costs more than that. *pInMemory (null allowed) tells whether the block is in memory. The
+// address is good until the next call that touches the file. Null: fetch the block with
+// BlckGetBlock, which also says what is wrong with it. That is so, too, while every step is traced,
+// since the trace tells of fetched blocks.
+const uint8_t* BlckPeekBlock(bool* pInMemory, void* oBlck, int32_t tId);
+
 // BlckNewBlock for a caller whose blocks in memory are all in use. A free chain that leads to one
 // of them is damaged: it is given up (its blocks stay unused) and a fresh block is handed out.
 int32_t BlckNewUnusedBlock(void** ppData, void* oBlck);

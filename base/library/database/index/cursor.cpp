@@ -21,16 +21,14 @@ void IndxReportDamage(IndxCursor* pCursor, uint32_t tNode)
     pCursor->bFailed = TRUE;
 }
 
-uint8_t* IndxGetNeighbour(IndxCursor* pCursor, uint32_t tFrom, uint32_t tTo, uint32_t link)
+const uint8_t* IndxReadNeighbour(IndxCursor* pCursor, uint32_t tFrom, uint32_t tTo, uint32_t link)
 {
     const bool bNext = link == INDX_NODE_NEXT;
     const uint32_t back = bNext ? INDX_NODE_PREVIOUS : INDX_NODE_NEXT;
     // No leaf comes before the first or behind the last: a link to it closes a ring.
     const IndxRoots& roots = pCursor->oField->roots;
     const bool bRing = tTo == (bNext ? roots.tFirstLeaf : roots.tLastLeaf);
-    uint8_t* pNode = nullptr;
-    if (!bRing)
-        IndxGetNode(&pNode, pCursor, tTo);
+    const uint8_t* pNode = bRing ? nullptr : IndxReadNode(nullptr, pCursor, tTo);
     if (pNode && NodeIsLeaf(pNode) && NodeWord(pNode, back) == tFrom && NodeCount(pNode) > 0)
         return pNode;
     IndxReportDamage(pCursor, tTo);
@@ -48,13 +46,15 @@ int32_t NoKey(IndxCursor* pCursor, int32_t status)
 }
 
 // Puts the cursor on an entry of a leaf that is at hand. A copy that cannot be made ends the move.
-void Land(IndxCursor* pCursor, uint8_t** ppLeaf, int32_t position, int32_t statusOnFailure)
+void Land(
+    IndxCursor* pCursor, uint32_t tLeaf, const uint8_t** ppLeaf, int32_t position,
+    int32_t statusOnFailure)
 {
-    pCursor->tNode = static_cast<uint32_t>(BlckId(*ppLeaf));
+    pCursor->tNode = tLeaf;
     pCursor->position = position;
     const int32_t result = pCursor->result;
     IndxUpdateCursor(pCursor, *ppLeaf, INDX_ON_KEY);
-    IndxReleaseNode(ppLeaf, pCursor, FALSE);
+    IndxEndReading(ppLeaf, pCursor);
     const bool bWanted = result == INDX_RESULT_FOUND || result == INDX_RESULT_NOT_FOUND;
     if (bWanted && !pCursor->oKey) {
         pCursor->bFailed = TRUE;
@@ -63,10 +63,9 @@ void Land(IndxCursor* pCursor, uint8_t** ppLeaf, int32_t position, int32_t statu
 }
 
 // A leaf; null: damage, already reported.
-uint8_t* GetLeaf(IndxCursor* pCursor, uint32_t tLeaf)
+const uint8_t* ReadLeaf(IndxCursor* pCursor, uint32_t tLeaf)
 {
-    uint8_t* pLeaf = nullptr;
-    IndxGetNode(&pLeaf, pCursor, tLeaf);
+    const uint8_t* pLeaf = IndxReadNode(nullptr, pCursor, tLeaf);
     if (pLeaf && NodeIsLeaf(pLeaf))
         return pLeaf;
     IndxReportDamage(pCursor, tLeaf);
@@ -75,11 +74,11 @@ uint8_t* GetLeaf(IndxCursor* pCursor, uint32_t tLeaf)
 
 // The outermost leaf of the index, checked to be one: with keys, and nothing behind it in this
 // direction. Null: the index is empty, or damage, already reported.
-uint8_t* GetEndLeaf(IndxCursor* pCursor, uint32_t tLeaf, uint32_t link)
+const uint8_t* ReadEndLeaf(IndxCursor* pCursor, uint32_t tLeaf, uint32_t link)
 {
     if (tLeaf == INDX_NO_NODE)
         return nullptr;
-    uint8_t* pLeaf = GetLeaf(pCursor, tLeaf);
+    const uint8_t* pLeaf = ReadLeaf(pCursor, tLeaf);
     if (!pLeaf || (NodeCount(pLeaf) > 0 && NodeWord(pLeaf, link) == INDX_NO_NODE))
         return pLeaf;
     IndxReportDamage(pCursor, tLeaf);
@@ -90,11 +89,11 @@ uint8_t* GetEndLeaf(IndxCursor* pCursor, uint32_t tLeaf, uint32_t link)
 int32_t GoFirst(IndxCursor* pCursor)
 {
     const uint32_t tLeaf = pCursor->oField->roots.tFirstLeaf;
-    uint8_t* pLeaf = GetEndLeaf(pCursor, tLeaf, INDX_NODE_PREVIOUS);
+    const uint8_t* pLeaf = ReadEndLeaf(pCursor, tLeaf, INDX_NODE_PREVIOUS);
     if (!pLeaf)
         return NoKey(pCursor, INDX_AT_END);
     pCursor->result = INDX_RESULT_FOUND;
-    Land(pCursor, &pLeaf, 0, INDX_AT_END);
+    Land(pCursor, tLeaf, &pLeaf, 0, INDX_AT_END);
     return pCursor->result;
 }
 
@@ -102,22 +101,23 @@ int32_t GoFirst(IndxCursor* pCursor)
 int32_t GoLast(IndxCursor* pCursor)
 {
     const uint32_t tLeaf = pCursor->oField->roots.tLastLeaf;
-    uint8_t* pLeaf = GetEndLeaf(pCursor, tLeaf, INDX_NODE_NEXT);
+    const uint8_t* pLeaf = ReadEndLeaf(pCursor, tLeaf, INDX_NODE_NEXT);
     if (!pLeaf)
         return NoKey(pCursor, INDX_AT_BEGINNING);
     pCursor->result = INDX_RESULT_FOUND;
-    Land(pCursor, &pLeaf, NodeCount(pLeaf) - 1, INDX_AT_BEGINNING);
+    Land(pCursor, tLeaf, &pLeaf, NodeCount(pLeaf) - 1, INDX_AT_BEGINNING);
     return pCursor->result;
 }
 
-// The leaf next to the cursor's own, which is given up. Null: the end of the index, or damage,
-// already reported; a link that ends where the index does not is damage, too.
-uint8_t* GetLeafBehind(IndxCursor* pCursor, uint8_t** ppLeaf, uint32_t link)
+// The leaf next to the cursor's own, which is given up, and its id. Null: the end of the index, or
+// damage, already reported; a link that ends where the index does not is damage, too.
+const uint8_t*
+ReadLeafBehind(uint32_t* ptLeaf, IndxCursor* pCursor, const uint8_t** ppLeaf, uint32_t link)
 {
-    const uint32_t tBehind = NodeWord(*ppLeaf, link);
-    IndxReleaseNode(ppLeaf, pCursor, FALSE);
-    if (tBehind != INDX_NO_NODE)
-        return IndxGetNeighbour(pCursor, pCursor->tNode, tBehind, link);
+    *ptLeaf = NodeWord(*ppLeaf, link);
+    IndxEndReading(ppLeaf, pCursor);
+    if (*ptLeaf != INDX_NO_NODE)
+        return IndxReadNeighbour(pCursor, pCursor->tNode, *ptLeaf, link);
     if (!IsEndLeaf(pCursor, pCursor->tNode, link))
         IndxReportDamage(pCursor, pCursor->tNode);
     return nullptr;
@@ -126,7 +126,8 @@ uint8_t* GetLeafBehind(IndxCursor* pCursor, uint8_t** ppLeaf, uint32_t link)
 // One entry on from a key. The result code stays what the operation before left.
 void StepForward(IndxCursor* pCursor)
 {
-    uint8_t* pLeaf = GetLeaf(pCursor, pCursor->tNode);
+    uint32_t tLeaf = pCursor->tNode;
+    const uint8_t* pLeaf = ReadLeaf(pCursor, tLeaf);
     if (!pLeaf) {
         NoKey(pCursor, INDX_AT_END);
         return;
@@ -136,29 +137,30 @@ void StepForward(IndxCursor* pCursor)
         NodeCount(pLeaf));
     int32_t position = pCursor->position + 1;
     if (position >= NodeCount(pLeaf)) {
-        pLeaf = GetLeafBehind(pCursor, &pLeaf, INDX_NODE_NEXT);
+        pLeaf = ReadLeafBehind(&tLeaf, pCursor, &pLeaf, INDX_NODE_NEXT);
         position = 0;
     }
     if (pLeaf)
-        Land(pCursor, &pLeaf, position, INDX_AT_END);
+        Land(pCursor, tLeaf, &pLeaf, position, INDX_AT_END);
     else
         NoKey(pCursor, INDX_AT_END);
 }
 
 void StepBack(IndxCursor* pCursor)
 {
-    uint8_t* pLeaf = GetLeaf(pCursor, pCursor->tNode);
+    uint32_t tLeaf = pCursor->tNode;
+    const uint8_t* pLeaf = ReadLeaf(pCursor, tLeaf);
     if (!pLeaf) {
         NoKey(pCursor, INDX_AT_BEGINNING);
         return;
     }
     int32_t position = pCursor->position - 1;
     if (position < 0) {
-        pLeaf = GetLeafBehind(pCursor, &pLeaf, INDX_NODE_PREVIOUS);
+        pLeaf = ReadLeafBehind(&tLeaf, pCursor, &pLeaf, INDX_NODE_PREVIOUS);
         position = pLeaf ? NodeCount(pLeaf) - 1 : 0;
     }
     if (pLeaf)
-        Land(pCursor, &pLeaf, position, INDX_AT_BEGINNING);
+        Land(pCursor, tLeaf, &pLeaf, position, INDX_AT_BEGINNING);
     else
         NoKey(pCursor, INDX_AT_BEGINNING);
 }

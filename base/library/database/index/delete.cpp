@@ -158,8 +158,7 @@ NimBool DescendAndDelete(IndxCursor* pCursor, const IndxKeyInfo* pKey)
     uint32_t tNode = pCursor->oField->roots.tRoot;
     const uint32_t limit = BlckBlockLimit(pCursor->oField->oTable->oBlck);
     for (uint32_t levels = 1; levels <= limit; ++levels) {
-        uint8_t* pNode = nullptr;
-        IndxGetNode(&pNode, pCursor, tNode);
+        const uint8_t* pNode = IndxReadNode(nullptr, pCursor, tNode);
         if (!pNode)
             break;
         int32_t index = 0;
@@ -169,7 +168,7 @@ NimBool DescendAndDelete(IndxCursor* pCursor, const IndxKeyInfo* pKey)
         if (NodeIsLeaf(pNode)) {
             if (!bFound || IsOtherRecords(pCursor, pNode, index, pKey)) {
                 pCursor->result = INDX_RESULT_NOT_FOUND;
-                IndxReleaseNode(&pNode, pCursor, FALSE);
+                IndxEndReading(&pNode, pCursor);
                 return FALSE;
             }
             const NimBool bDeleted = DeleteFromNode(pCursor, tNode, index, levels);
@@ -177,7 +176,7 @@ NimBool DescendAndDelete(IndxCursor* pCursor, const IndxKeyInfo* pKey)
             return bDeleted;
         }
         tNode = IndxChildAt(pNode, bFound ? index : index - 1);
-        IndxReleaseNode(&pNode, pCursor, FALSE);
+        IndxEndReading(&pNode, pCursor);
     }
     IndxReportDamage(pCursor, tNode);
     return FALSE;

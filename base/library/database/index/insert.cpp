@@ -354,26 +354,29 @@ NimBool DescendAndInsert(IndxCursor* pCursor, const IndxKeyInfo* pKey)
     uint32_t tNode = pCursor->oField->roots.tRoot;
     const uint32_t limit = BlckBlockLimit(pCursor->oField->oTable->oBlck);
     for (uint32_t levels = 1; levels <= limit; ++levels) {
-        uint8_t* pNode = nullptr;
-        IndxGetNode(&pNode, pCursor, tNode);
+        bool bInMemory = false;
+        const uint8_t* pNode = IndxReadNode(&bInMemory, pCursor, tNode);
         if (!pNode)
             break;
         int32_t index = 0;
         if (IndxSearchNode(&index, pCursor, pNode, pKey)) {
             INDX_TRACE_ERROR(INDX_NODE_FAILURE, "Key already exists");
             pCursor->result = INDX_RESULT_FOUND;
-            IndxReleaseNode(&pNode, pCursor, FALSE);
+            IndxEndReading(&pNode, pCursor);
             return FALSE;
         }
         if (index == INDX_POSITION_DAMAGED)
             break;
         if (NodeIsLeaf(pNode)) {
-            const NimBool bInserted = InsertIntoLeaf(pCursor, pNode, index, pKey, levels);
-            IndxReleaseNode(&pNode, pCursor, bInserted);
+            uint8_t* pLeaf = IndxNodeToChange(pCursor, tNode, pNode, bInMemory);
+            if (!pLeaf)
+                break;
+            const NimBool bInserted = InsertIntoLeaf(pCursor, pLeaf, index, pKey, levels);
+            IndxReleaseNode(&pLeaf, pCursor, bInserted);
             return bInserted;
         }
         tNode = IndxChildAt(pNode, index - 1);
-        IndxReleaseNode(&pNode, pCursor, FALSE);
+        IndxEndReading(&pNode, pCursor);
     }
     IndxReportDamage(pCursor, tNode);
     return FALSE;

@@ -47,8 +47,8 @@ uint32_t SlotWidth(int32_t keyType)
 
 // The value of a text slot: length, offset, and the bytes in the variable part. A length that
 // passes the end of the record is damage like a negative one.
-NimBool TextFromRecord(
-    void** ppValue, IndxCursor* pCursor, const ObjData* pRecord, const uint8_t* pSlot)
+NimBool
+TextFromRecord(void** ppValue, IndxCursor* pCursor, const ObjData* pRecord, const uint8_t* pSlot)
 {
     const int32_t length = GetI32(pSlot);
     if (length < 0) {

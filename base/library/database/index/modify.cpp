@@ -85,7 +85,8 @@ bool HasRoom(const IndxTable* pTable, int64_t offset, uint32_t length)
 // table never issued an id but 1 (kept: the only record of a table grows in place), else to the
 // end. False: no such place. A record that does not grow may stay wherever it lies.
 bool SeekToWritePosition(
-    uint32_t* pNewOffset, IndxTable* pTable, uint32_t offset, uint32_t oldLength, uint32_t newLength)
+    uint32_t* pNewOffset, IndxTable* pTable, uint32_t offset, uint32_t oldLength,
+    uint32_t newLength)
 {
     *pNewOffset = offset;
     const bool bFits = static_cast<int32_t>(oldLength) >= static_cast<int32_t>(newLength);
@@ -162,8 +163,7 @@ NimBool IndxModifyRecordInTable(void* oTable, uint32_t offset, void* oRecord)
         return FALSE;
     }
     if (pBlob->magic != pTable->recordMagic) {
-        INDX_TRACE(
-            INDX_ALWAYS, "Magic %lx does not match %lx", pBlob->magic, pTable->recordMagic);
+        INDX_TRACE(INDX_ALWAYS, "Magic %lx does not match %lx", pBlob->magic, pTable->recordMagic);
         IndxSetError(INDX_ERROR_RECORD_TYPE);
         return FALSE;
     }

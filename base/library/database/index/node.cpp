@@ -93,6 +93,34 @@ void IndxGetNode(uint8_t** ppNode, IndxCursor* pCursor, uint32_t tId)
     *ppNode = pNode;
 }
 
+const uint8_t* IndxReadNode(bool* pInMemory, IndxCursor* pCursor, uint32_t tId)
+{
+    const uint8_t* pNode = BlckPeekBlock(pInMemory, BlckOf(pCursor), static_cast<int32_t>(tId));
+    if (pNode && NodeIsSound(pNode, HeapFlag(pCursor)))
+        return pNode;
+    uint8_t* pFetched = nullptr;
+    IndxGetNode(&pFetched, pCursor, tId);
+    if (pInMemory)
+        *pInMemory = pFetched != nullptr;
+    return pFetched;
+}
+
+uint8_t* IndxNodeToChange(IndxCursor* pCursor, uint32_t tId, const uint8_t* pNode, bool bInMemory)
+{
+    if (bInMemory)
+        return const_cast<uint8_t*>(pNode); // was handed out by BlckGetBlock as such
+    uint8_t* pFetched = nullptr;
+    IndxGetNode(&pFetched, pCursor, tId);
+    return pFetched;
+}
+
+void IndxEndReading(const uint8_t** ppNode, IndxCursor* pCursor)
+{
+    auto* pNode = const_cast<uint8_t*>(*ppNode); // not modified, so not written to
+    IndxReleaseNode(&pNode, pCursor, FALSE);
+    *ppNode = nullptr;
+}
+
 int32_t IndxNewNode(uint8_t** ppNode, IndxCursor* pCursor)
 {
     INDX_TRACE(

@@ -140,8 +140,7 @@ uint8_t* ReadFixedPart(IndxTable* pTable, uint32_t offset)
     if (bytes && FileSysRead(&count, pTable->hRecords, bytes.get(), pTable->fixedSize) &&
         count == pTable->fixedSize)
         return bytes.Take();
-    LogMessage(
-        LOG_READ_FIXED, LOG_CLASS, 0, "Faiedl to read record from table '%s'", pTable->name);
+    LogMessage(LOG_READ_FIXED, LOG_CLASS, 0, "Faiedl to read record from table '%s'", pTable->name);
     INDX_TRACE(INDX_ALWAYS, "Failed to read fixed part of record");
     IndxSetError(INDX_ERROR_READ);
     return nullptr;
@@ -196,8 +195,8 @@ uint8_t* ReadVariablePart(
 
 } // namespace
 
-NimBool IndxRetrivePartialRecord(
-    void* pData, void* oTable, uint32_t offset, const uint32_t* pSelected)
+NimBool
+IndxRetrivePartialRecord(void* pData, void* oTable, uint32_t offset, const uint32_t* pSelected)
 {
     INDX_TRACE(
         INDX_DETAIL, "IndxRetrivePartialRecord(%p, %p, %ld, %p)", pData, oTable, offset,
@@ -220,8 +219,8 @@ NimBool IndxRetrivePartialRecord(
     return bRead;
 }
 
-NimBool IndxGetPartialRecord(
-    void** ppRecord, void* oTable, uint32_t offset, const uint32_t* pSelected)
+NimBool
+IndxGetPartialRecord(void** ppRecord, void* oTable, uint32_t offset, const uint32_t* pSelected)
 {
     if (ppRecord)
         *ppRecord = nullptr;
@@ -279,8 +278,8 @@ NimBool IndxGetPartialObjectAtCursor(void** ppObject, void* oCursor, const uint3
     if (!pSelected) {
         // The slots point past the bytes that were read: the fields come out absent.
         IndxTable* pTable = static_cast<IndxCursor*>(oCursor)->oField->oTable;
-        IndxPartialRead read = {
-            pTable, nullptr, static_cast<uint8_t*>(pBlob->data.data), pBlob->data.size, 0, 0};
+        IndxPartialRead read = {pTable,           nullptr, static_cast<uint8_t*>(pBlob->data.data),
+                                pBlob->data.size, 0,       0};
         ListWalk(pTable->oFields, BlankField, &read);
     }
     return DbConvertObjectFromDbFormat(ppObject, pBlob);
@@ -328,8 +327,8 @@ NimBool IndxGetSelected(uint32_t** ppSelected, void* oTable, void* oNames)
     return TRUE;
 }
 
-NimBool IndxGetSelectedByName(
-    uint32_t** ppSelected, void* oDatabase, const char* tableName, void* oNames)
+NimBool
+IndxGetSelectedByName(uint32_t** ppSelected, void* oDatabase, const char* tableName, void* oNames)
 {
     if (ppSelected)
         *ppSelected = nullptr;

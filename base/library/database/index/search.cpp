@@ -168,31 +168,33 @@ uint32_t IndxChildAt(const uint8_t* pNode, int32_t position)
 
 namespace {
 
-void PlaceCursor(IndxCursor* pCursor, uint8_t* pLeaf, int32_t position)
+void PlaceCursor(IndxCursor* pCursor, uint32_t tLeaf, const uint8_t* pLeaf, int32_t position)
 {
-    pCursor->tNode = NodeId(pLeaf);
+    pCursor->tNode = tLeaf;
     pCursor->position = position;
     IndxUpdateCursor(pCursor, pLeaf, INDX_ON_KEY);
 }
 
 // The key is not in the leaf: the cursor goes to the first greater key, which may be the first of
 // the next leaf. False: that leaf cannot be had.
-bool PlaceBehindMiss(IndxCursor* pCursor, uint8_t* pLeaf, int32_t index, const IndxKeyInfo* pKey)
+bool PlaceBehindMiss(
+    IndxCursor* pCursor, uint32_t tLeaf, const uint8_t* pLeaf, int32_t index,
+    const IndxKeyInfo* pKey)
 {
     pCursor->result = INDX_RESULT_NOT_FOUND;
     const uint32_t tNext = NodeWord(pLeaf, INDX_NODE_NEXT);
     if (index < NodeCount(pLeaf)) {
-        PlaceCursor(pCursor, pLeaf, index);
+        PlaceCursor(pCursor, tLeaf, pLeaf, index);
     } else if (tNext == INDX_NO_NODE) {
-        if (!IsEndLeaf(pCursor, NodeId(pLeaf), INDX_NODE_NEXT))
+        if (!IsEndLeaf(pCursor, tLeaf, INDX_NODE_NEXT))
             return false;
         IndxUpdateCursor(pCursor, nullptr, INDX_AT_END);
     } else {
-        uint8_t* pNext = IndxGetNeighbour(pCursor, NodeId(pLeaf), tNext, INDX_NODE_NEXT);
+        const uint8_t* pNext = IndxReadNeighbour(pCursor, tLeaf, tNext, INDX_NODE_NEXT);
         if (!pNext)
             return false;
-        PlaceCursor(pCursor, pNext, 0);
-        IndxReleaseNode(&pNext, pCursor, FALSE);
+        PlaceCursor(pCursor, tNext, pNext, 0);
+        IndxEndReading(&pNext, pCursor);
     }
     // A search for any record with the value has found the first of them.
     if (pCursor->status == INDX_ON_KEY && pKey->recordId == 0 && pCursor->oKey &&
@@ -212,8 +214,7 @@ NimBool IndxFind(IndxCursor* pCursor, const IndxKeyInfo* pKey, bool* pDamaged)
     const IndxTable* pTable = pCursor->oField->oTable;
     // A tree has no more levels than the file has blocks; a descent that takes more runs in a ring.
     for (uint32_t left = BlckBlockLimit(pTable->oBlck); left > 0; --left) {
-        uint8_t* pNode = nullptr;
-        IndxGetNode(&pNode, pCursor, tNode);
+        const uint8_t* pNode = IndxReadNode(nullptr, pCursor, tNode);
         if (!pNode)
             break;
         int32_t index = 0;
@@ -224,17 +225,17 @@ NimBool IndxFind(IndxCursor* pCursor, const IndxKeyInfo* pKey, bool* pDamaged)
             bool bPlaced = true;
             if (bFound) {
                 pCursor->result = INDX_RESULT_FOUND;
-                PlaceCursor(pCursor, pNode, index);
+                PlaceCursor(pCursor, tNode, pNode, index);
             } else {
-                bPlaced = PlaceBehindMiss(pCursor, pNode, index, pKey);
+                bPlaced = PlaceBehindMiss(pCursor, tNode, pNode, index, pKey);
             }
-            IndxReleaseNode(&pNode, pCursor, FALSE);
+            IndxEndReading(&pNode, pCursor);
             if (!bPlaced)
                 break;
             return bFound;
         }
         tNode = IndxChildAt(pNode, bFound ? index : index - 1);
-        IndxReleaseNode(&pNode, pCursor, FALSE);
+        IndxEndReading(&pNode, pCursor);
     }
     IndxReportDamage(pCursor, tNode);
     pCursor->result = INDX_RESULT_NOT_FOUND;
@@ -284,11 +285,11 @@ IndxKeyInfo* CopyKey(IndxCursor* pCursor, const uint8_t* pNode)
 
 } // namespace
 
-void IndxUpdateCursor(IndxCursor* pCursor, uint8_t* pNode, int32_t status)
+void IndxUpdateCursor(IndxCursor* pCursor, const uint8_t* pNode, int32_t status)
 {
     INDX_TRACE(
         INDX_DETAIL, "IndxUpdateCursor(%p, %p, %d)", static_cast<void*>(pCursor),
-        static_cast<void*>(pNode), status);
+        static_cast<void*>(const_cast<uint8_t*>(pNode)), status);
     ObjRelease(pCursor->oKey);
     pCursor->status = status;
     if (status != INDX_ON_KEY)
@@ -298,9 +299,9 @@ void IndxUpdateCursor(IndxCursor* pCursor, uint8_t* pNode, int32_t status)
         return;
     }
     INDX_TRACE(INDX_DETAIL, "Get key at %ld:%ld", pCursor->tNode, pCursor->position);
-    uint8_t* pFetched = nullptr;
+    const uint8_t* pFetched = nullptr;
     if (!pNode) {
-        IndxGetNode(&pFetched, pCursor, pCursor->tNode);
+        pFetched = IndxReadNode(nullptr, pCursor, pCursor->tNode);
         pNode = pFetched;
     }
     if (pNode)
@@ -308,7 +309,7 @@ void IndxUpdateCursor(IndxCursor* pCursor, uint8_t* pNode, int32_t status)
     else
         IndxReportDamage(pCursor, pCursor->tNode);
     if (pFetched)
-        IndxReleaseNode(&pFetched, pCursor, FALSE);
+        IndxEndReading(&pFetched, pCursor);
     // Without a copy of the key nobody may take the cursor for one that found it.
     if (!pCursor->oKey)
         pCursor->result = INDX_RESULT_NOT_FOUND;

@@ -54,6 +54,12 @@ uint32_t IndxPool()
     return sPool;
 }
 
-void IndxSetError(uint32_t code) { sLastError.store(code, std::memory_order_relaxed); }
+void IndxSetError(uint32_t code)
+{
+    sLastError.store(code, std::memory_order_relaxed);
+}
 
-uint32_t IndxError(void) { return sLastError.load(std::memory_order_relaxed); }
+uint32_t IndxError(void)
+{
+    return sLastError.load(std::memory_order_relaxed);
+}
