@@ -1,0 +1,651 @@
+// floor.cpp - the physical limit of the fixed file design: issues only the I/O
+// (plus, for finds, the descent and the decode), no tree maintenance.
+//   floor DIR N          prints  dir N scenario us_per_op  (median of 5 interleaved rounds)
+// Block file: control block 16168 bytes at 0, 16384-byte nodes after it, four
+// trees (Id, Name, Size, Hash) with realistic leaf counts; 3 levels at 1M, 2 at 100k.
+// Records file: 16-byte header + encoded record, one after another.
+#include "engine.h"
+#include <algorithm>
+#include <chrono>
+#include <fcntl.h>
+#include <map>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+constexpr size_t B = 16384, C = 16168;
+double now()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+void must(bool b, const char* w)
+{
+    if (!b) {
+        perror(w);
+        exit(1);
+    }
+}
+
+struct Tree {
+    uint32_t root, mid0, mids, leaf0, leaves;
+}; // block numbers
+struct Path {
+    uint32_t b[3];
+}; // root, middle, leaf
+int levels = 3;
+
+int fb, fr;    // block file, records file
+char *mb, *mr; // their mappings
+size_t mr_len, rec_end0, rec_end;
+std::vector<Tree> trees;
+std::vector<uint64_t> rec_off; // by id-1
+uint64_t N;
+volatile uint64_t g_sink;
+alignas(4096) char buf[16 * B], control[B], recbuf[1024];
+
+off_t at(uint32_t block)
+{
+    return off_t(B) * (block + 1);
+}
+void probe(const char* p)
+{ // what a binary search touches
+    uint64_t s = 0;
+    size_t lo = 0, step = B / 2;
+    while (step >= 32) {
+        s += uint8_t(p[lo + step - 1]);
+        if (s & 1)
+            lo += step;
+        step /= 2;
+    }
+    g_sink = g_sink + s;
+}
+Path pick(int t, SplitMix& g, bool last)
+{
+    const Tree& x = trees[size_t(t)];
+    uint32_t leaf = last ? x.leaves - 1 : g.below(x.leaves);
+    return {{x.root, x.mid0 + uint32_t(uint64_t(leaf) * x.mids / x.leaves), x.leaf0 + leaf}};
+}
+
+// How a scenario reads and writes.
+enum class Rd { pread, seek, copy, pointer, none };
+enum class Wr { pwrite, seek, map, inplace, none };
+struct Io {
+    Rd r;
+    Wr w;
+};
+
+void read_node(Rd r, uint32_t b, char* into)
+{
+    switch (r) {
+    case Rd::pread:
+        must(pread(fb, into, B, at(b)) == ssize_t(B), "pread");
+        probe(into);
+        break;
+    case Rd::seek:
+        lseek(fb, at(b), SEEK_SET);
+        must(read(fb, into, B) == ssize_t(B), "read");
+        probe(into);
+        break;
+    case Rd::copy:
+        memcpy(into, mb + at(b), B);
+        probe(into);
+        break;
+    case Rd::pointer:
+        probe(mb + at(b));
+        break;
+    case Rd::none:
+        break;
+    }
+}
+void write_node(Wr w, uint32_t b, const char* from, SplitMix& g)
+{
+    switch (w) {
+    case Wr::pwrite:
+        must(pwrite(fb, from, B, at(b)) == ssize_t(B), "pwrite");
+        break;
+    case Wr::seek:
+        lseek(fb, at(b), SEEK_SET);
+        must(write(fb, from, B) == ssize_t(B), "write");
+        break;
+    case Wr::map:
+        memcpy(mb + at(b), from, B);
+        break;
+    case Wr::inplace: {
+        char* p = mb + at(b);
+        size_t k = g.below(11000);
+        memmove(p + k + 24, p + k, 11000 - k);
+        memcpy(p + k, from, 24);
+        break;
+    }
+    case Wr::none:
+        break;
+    }
+}
+void write_control(Wr w)
+{
+    switch (w) {
+    case Wr::pwrite:
+        must(pwrite(fb, control, C, 0) == ssize_t(C), "pwrite");
+        break;
+    case Wr::seek:
+        lseek(fb, 0, SEEK_SET);
+        must(write(fb, control, C) == ssize_t(C), "write");
+        break;
+    case Wr::map:
+        memcpy(mb, control, C);
+        break;
+    case Wr::inplace:
+        memcpy(mb, control, 128);
+        break;
+    case Wr::none:
+        break;
+    }
+}
+void append_record(Wr w, size_t len)
+{
+    switch (w) {
+    case Wr::pwrite:
+        must(pwrite(fr, recbuf, len, off_t(rec_end)) == ssize_t(len), "append");
+        break;
+    case Wr::seek:
+        lseek(fr, 0, SEEK_END);
+        must(write(fr, recbuf, len) == ssize_t(len), "append");
+        break;
+    case Wr::map:
+    case Wr::inplace:
+        if (rec_end + len > mr_len) { // grow in 4 MiB steps
+            size_t nl = mr_len + (4u << 20);
+            must(ftruncate(fr, off_t(nl)) == 0, "ftruncate");
+            mr = static_cast<char*>(mremap(mr, mr_len, nl, MREMAP_MAYMOVE));
+            must(mr != MAP_FAILED, "mremap");
+            mr_len = nl;
+        }
+        memcpy(mr + rec_end, recbuf, len);
+        break;
+    case Wr::none:
+        return;
+    }
+    rec_end += len;
+}
+void rewrite_record(Wr w, uint64_t id, size_t len)
+{ // in place
+    if (w == Wr::pwrite)
+        must(pwrite(fr, recbuf, len, off_t(rec_off[id])) == ssize_t(len), "pwrite");
+    else if (w == Wr::seek) {
+        lseek(fr, off_t(rec_off[id]), SEEK_SET);
+        must(write(fr, recbuf, len) == ssize_t(len), "write");
+    } else if (w != Wr::none)
+        memcpy(mr + rec_off[id], recbuf, len);
+}
+// The length of record id is stored in its header; the header is read first.
+size_t read_record(Rd r, uint64_t id, char* into)
+{
+    uint32_t len;
+    off_t o = off_t(rec_off[id]);
+    switch (r) {
+    case Rd::pread:
+        must(pread(fr, into, 16, o) == 16, "pread");
+        memcpy(&len, into, 4);
+        must(pread(fr, into + 16, len, o + 16) == ssize_t(len), "pread");
+        return len;
+    case Rd::seek:
+        lseek(fr, o, SEEK_SET);
+        must(read(fr, into, 16) == 16, "read");
+        memcpy(&len, into, 4);
+        must(read(fr, into + 16, len) == ssize_t(len), "read");
+        return len;
+    case Rd::copy:
+        memcpy(into, mr + o, 16);
+        memcpy(&len, into, 4);
+        memcpy(into + 16, mr + o + 16, len);
+        return len;
+    default:
+        memcpy(&len, mr + o, 4);
+        memcpy(into, mr + o, 16 + len);
+        return len; // a changed record is built in a buffer
+    }
+}
+
+void op_insert(Io io, SplitMix& g)
+{
+    for (int t = 0; t < 4; ++t) {
+        Path p = pick(t, g, t == 0);
+        for (int l = 0; l < levels; ++l)
+            read_node(io.r, p.b[levels == 2 && l == 1 ? 2 : l], buf + size_t(t * 3 + l) * B);
+        write_node(io.w, p.b[2], buf + size_t(t * 3 + levels - 1) * B, g);
+    }
+    append_record(io.w, 16 + 90 + g.below(40));
+    write_control(io.w);
+}
+void descend(Io io, int t, SplitMix& g, int writes, char* b)
+{
+    Path p = pick(t, g, false);
+    for (int l = 0; l < levels; ++l)
+        read_node(io.r, p.b[levels == 2 && l == 1 ? 2 : l], b + size_t(l) * B);
+    if (writes)
+        write_node(io.w, p.b[2], b + size_t(levels - 1) * B, g);
+}
+void op_modify(Io io, SplitMix& g)
+{ // position by Id, change Size
+    uint64_t id = g.below(uint32_t(N));
+    descend(io, 0, g, 0, buf);
+    size_t len = read_record(io.r, id, recbuf);
+    descend(io, 2, g, 1, buf + 3 * B); // old key out
+    descend(io, 2, g, 1, buf + 6 * B); // new key in
+    rewrite_record(io.w, id, 16 + len);
+    write_control(io.w);
+}
+void op_delete(Io io, SplitMix& g)
+{ // position by Id, remove from four indexes
+    uint64_t id = g.below(uint32_t(N));
+    descend(io, 0, g, 0, buf);
+    read_record(io.r, id, recbuf);
+    for (int t = 0; t < 4; ++t)
+        descend(io, t, g, 1, buf + size_t(t) * 3 * B);
+    rewrite_record(io.w, id, 16);
+    write_control(io.w);
+}
+
+// ---- a real, static B+-tree of names in memory, 16 KiB nodes at 69 % --------
+struct NameTree {
+    std::vector<std::vector<char>> node;
+    std::vector<bool> leaf;
+    uint32_t root = 0, first_leaf = 0, leaf_count = 0;
+    static uint16_t u16(const char* p)
+    {
+        uint16_t v;
+        memcpy(&v, p, 2);
+        return v;
+    }
+    static uint32_t u32(const char* p)
+    {
+        uint32_t v;
+        memcpy(&v, p, 4);
+        return v;
+    }
+    void build(const std::vector<std::pair<std::string, uint32_t>>& sorted)
+    {
+        std::vector<std::pair<std::string, uint32_t>> level = sorted, up;
+        bool is_leaf = true;
+        do {
+            up.clear();
+            for (size_t i = 0; i < level.size();) {
+                std::vector<char> n(B);
+                size_t used = 2, j = i, end = B;
+                for (; j < level.size() && used + (B - end) < B * 69 / 100; ++j) {
+                    const auto& e = level[j];
+                    end -= e.first.size() + 5;
+                    n[end] = char(e.first.size());
+                    memcpy(&n[end + 1], e.first.data(), e.first.size());
+                    memcpy(&n[end + 1 + e.first.size()], &e.second, 4);
+                    uint16_t o = uint16_t(end);
+                    memcpy(&n[used], &o, 2);
+                    used += 2;
+                }
+                uint16_t c = uint16_t(j - i);
+                memcpy(&n[0], &c, 2);
+                up.emplace_back(level[i].first, uint32_t(node.size()));
+                node.push_back(std::move(n));
+                leaf.push_back(is_leaf);
+                leaf_count += is_leaf;
+                i = j;
+            }
+            is_leaf = false;
+            level = up;
+        } while (level.size() > 1);
+        root = level[0].second;
+    }
+    static int cmp(const char* e, const std::string& k)
+    {
+        size_t n = uint8_t(*e);
+        int c = memcmp(e + 1, k.data(), std::min(n, k.size()));
+        return c ? c : int(n) - int(k.size());
+    }
+    static uint32_t val(const char* e) { return u32(e + 1 + uint8_t(*e)); }
+    int64_t find(const std::string& k) const
+    {
+        for (uint32_t b = root;;) {
+            const char* p = node[b].data();
+            int lo = 0, hi = u16(p); // first entry > k
+            while (lo < hi) {
+                int m = (lo + hi) / 2;
+                if (cmp(p + u16(p + 2 + 2 * m), k) <= 0)
+                    lo = m + 1;
+                else
+                    hi = m;
+            }
+            if (!lo)
+                return -1;
+            const char* e = p + u16(p + 2 * lo);
+            if (leaf[b])
+                return cmp(e, k) ? -1 : int64_t(val(e));
+            b = val(e);
+        }
+    }
+} names;
+
+std::string lowered(const std::string& s)
+{
+    std::string r = s;
+    for (char& c : r)
+        c = lower(c);
+    return r;
+}
+
+std::map<std::string, std::vector<double>> results;
+std::vector<std::string> order;
+void put(const std::string& k, double us)
+{
+    if (!results.count(k))
+        order.push_back(k);
+    results[k].push_back(us);
+}
+
+template <class F>
+void scenario(const std::string& name, int ops, int round, F f)
+{
+    static uint64_t seed =
+        0; // a fresh sequence each time: no scenario inherits pages dirtied by the one before
+    SplitMix g(++seed * 1000003 + uint64_t(round));
+    double t = now();
+    for (int i = 0; i < ops; ++i)
+        f(g);
+    put(name, (now() - t) / ops * 1e6);
+}
+void reset_records()
+{ // drop what was appended
+    must(ftruncate(fr, off_t(rec_end0)) == 0, "ftruncate");
+    munmap(mr, mr_len);
+    mr_len = rec_end0;
+    mr = static_cast<char*>(
+        mmap(nullptr, mr_len, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fr, 0));
+    rec_end = rec_end0;
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 3)
+        return 1;
+    std::string dir = argv[1];
+    N = strtoull(argv[2], nullptr, 10);
+    levels = N > 300000 ? 3 : 2;
+    const double per_leaf[4] = {1000, 420, 940, 270};
+    uint32_t next = 0;
+    for (double k : per_leaf) {
+        Tree t;
+        t.leaves = uint32_t(double(N) / k) + 1;
+        t.mids = std::max(1u, t.leaves / 300);
+        t.root = next++;
+        t.mid0 = next;
+        next += t.mids;
+        t.leaf0 = next;
+        next += t.leaves;
+        trees.push_back(t);
+    }
+    std::string pb = dir + "/floor.blk", pr = dir + "/floor.rec";
+    fb = open(pb.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    fr = open(pr.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    must(fb >= 0 && fr >= 0, "open");
+    SplitMix g(1);
+    for (size_t i = 0; i < B; i += 8) {
+        uint64_t v = g.next();
+        memcpy(buf + i, &v, 8);
+        memcpy(control + i, &v, 8);
+    }
+    must(pwrite(fb, control, B, 0) == ssize_t(B), "pwrite");
+    for (uint32_t b = 0; b < next; ++b)
+        must(pwrite(fb, buf, B, at(b)) == ssize_t(B), "pwrite");
+    {
+        std::string chunk;
+        Record r;
+        char e[kMaxEncoded];
+        uint64_t off = 0;
+        std::vector<std::pair<std::string, uint32_t>> keys;
+        keys.reserve(N);
+        for (uint64_t i = 0; i < N; ++i) {
+            make_record(i, r);
+            r.id = int32_t(i + 1);
+            uint32_t len = uint32_t(encode(r, e));
+            char h[16] = {};
+            memcpy(h, &len, 4);
+            memcpy(h + 4, &i, 8);
+            chunk.append(h, 16);
+            chunk.append(e, len);
+            rec_off.push_back(off);
+            off += 16 + len;
+            if (chunk.size() > (1 << 20) || i + 1 == N) {
+                must(write(fr, chunk.data(), chunk.size()) == ssize_t(chunk.size()), "write");
+                chunk.clear();
+            }
+            keys.emplace_back(lowered(r.name), uint32_t(i));
+        }
+        rec_end0 = rec_end = off;
+        std::sort(keys.begin(), keys.end());
+        names.build(keys);
+    }
+    fsync(fb);
+    fsync(fr);
+    size_t mb_len = size_t(at(next));
+    mb = static_cast<char*>(
+        mmap(nullptr, mb_len, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fb, 0));
+    mr_len = rec_end0;
+    mr = static_cast<char*>(
+        mmap(nullptr, mr_len, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fr, 0));
+    must(mb != MAP_FAILED && mr != MAP_FAILED, "mmap");
+    fprintf(
+        stderr, "blocks %u, name tree nodes %zu leaves %u, records %zu bytes\n", next,
+        names.node.size(), names.leaf_count, rec_end0);
+
+    const std::vector<std::pair<std::string, Io>> ways = {
+        {"a  pread + pwrite", {Rd::pread, Wr::pwrite}},
+        {"a' seek,read + seek,write", {Rd::seek, Wr::seek}},
+        {"b  memcpy from map + pwrite", {Rd::copy, Wr::pwrite}},
+        {"b' pointer into map + pwrite", {Rd::pointer, Wr::pwrite}},
+        {"c  memcpy from map + memcpy to map", {Rd::copy, Wr::map}},
+        {"d  pointer into map + memcpy to map", {Rd::pointer, Wr::map}},
+        {"d' pointer + in place (memmove, 128 B of control)", {Rd::pointer, Wr::inplace}},
+        {"reads only, pread", {Rd::pread, Wr::none}},
+        {"reads only, memcpy from map", {Rd::copy, Wr::none}},
+        {"reads only, pointer", {Rd::pointer, Wr::none}},
+        {"writes only, pwrite", {Rd::none, Wr::pwrite}},
+        {"writes only, memcpy to map", {Rd::none, Wr::map}},
+    };
+    const int rounds = 5;
+    for (int k = 0; k < rounds; ++k) {
+        for (auto& w : ways) {
+            scenario("insert: " + w.first, 10000, k, [&](SplitMix& r) { op_insert(w.second, r); });
+            reset_records();
+        }
+        // mapped pages that write-back has cleaned fault again at the next store
+        fsync(fb);
+        scenario(
+            "insert: c  as above, all pages clean before (2000 ops)", 2000, k, [&](SplitMix& r) {
+                op_insert({Rd::copy, Wr::map}, r);
+            });
+        reset_records();
+        fsync(fb);
+        scenario(
+            "insert: a  as above, all pages clean before (2000 ops)", 2000, k, [&](SplitMix& r) {
+                op_insert({Rd::pread, Wr::pwrite}, r);
+            });
+        reset_records();
+        for (size_t i = 0; i < 7; ++i) {
+            scenario("modify: " + ways[i].first, 10000, k, [&](SplitMix& r) {
+                op_modify(ways[i].second, r);
+            });
+        }
+        for (size_t i = 0; i < 7; ++i) {
+            scenario("delete: " + ways[i].first, 10000, k, [&](SplitMix& r) {
+                op_delete(ways[i].second, r);
+            });
+        }
+        // modify/delete overwrote record heads with recbuf; put the true bytes back
+        {
+            Record r;
+            char e[16 + kMaxEncoded];
+            for (uint64_t i = 0; i < N; ++i) {
+                make_record(i, r);
+                r.id = int32_t(i + 1);
+                uint32_t len = uint32_t(encode(r, e + 16));
+                memset(e, 0, 16);
+                memcpy(e, &len, 4);
+                memcpy(e + 4, &i, 8);
+                memcpy(mr + rec_off[i], e, 16 + len);
+            }
+        }
+        // single operations
+        scenario("one: pread 16384 random node", 50000, k, [&](SplitMix& r) {
+            must(pread(fb, buf, B, at(r.below(next))) == ssize_t(B), "pread");
+        });
+        scenario("one: memcpy 16384 random node from map", 50000, k, [&](SplitMix& r) {
+            memcpy(buf, mb + at(r.below(next)), B);
+            g_sink = g_sink + uint8_t(buf[77]);
+        });
+        scenario("one: pwrite 16384 random node", 50000, k, [&](SplitMix& r) {
+            must(pwrite(fb, buf, B, at(r.below(next))) == ssize_t(B), "pwrite");
+        });
+        scenario("one: memcpy 16384 random node to map", 50000, k, [&](SplitMix& r) {
+            memcpy(mb + at(r.below(next)), buf, B);
+        });
+        scenario(
+            "one: pwrite 16168 control", 50000, k, [&](SplitMix&) { write_control(Wr::pwrite); });
+        scenario("one: append pwrite ~126 B", 50000, k, [&](SplitMix& r) {
+            append_record(Wr::pwrite, 106 + r.below(40));
+        });
+        reset_records();
+        scenario("one: append seek-end + write ~126 B", 50000, k, [&](SplitMix& r) {
+            append_record(Wr::seek, 106 + r.below(40));
+        });
+        reset_records();
+        scenario("one: append memcpy ~126 B, map grown 4 MiB", 50000, k, [&](SplitMix& r) {
+            append_record(Wr::map, 106 + r.below(40));
+        });
+        reset_records();
+        scenario("one: pread 16 B", 50000, k, [&](SplitMix& r) {
+            must(pread(fr, recbuf, 16, off_t(rec_off[r.below(uint32_t(N))])) == 16, "pread");
+        });
+
+        // finds: keys are made off the clock
+        struct F {
+            const char* name;
+            int kind;
+        };
+        for (F f :
+             {F{"find: descent in memory only", 0}, F{"find: descent + 2 preads + decode", 1},
+              F{"find: descent + seek,read,read + decode", 2},
+              F{"find: descent + 1 pread of 256 + decode", 3},
+              F{"find: descent + memcpy from map + decode", 4},
+              F{"find: descent + decode straight from map", 5},
+              F{"find: cold, path by pread 16 KiB + 2 preads + decode", 6}}) {
+            Record out;
+            std::vector<std::string> q(1000);
+            std::vector<uint32_t> id(1000);
+            SplitMix r(uint64_t(k) + 5);
+            double sec = 0;
+            for (int c = 0; c < 40; ++c) {
+                for (int i = 0; i < 1000; ++i) {
+                    Record t;
+                    id[size_t(i)] = r.below(uint32_t(N));
+                    make_record(id[size_t(i)], t);
+                    q[size_t(i)] = t.name;
+                }
+                double t0 = now();
+                for (int i = 0; i < 1000; ++i) {
+                    int64_t v = names.find(lowered(q[size_t(i)]));
+                    must(v == int64_t(id[size_t(i)]), "find");
+                    uint64_t n = uint64_t(v);
+                    switch (f.kind) {
+                    case 0:
+                        g_sink = g_sink + n;
+                        break;
+                    case 6: {
+                        Path p = pick(1, r, false);
+                        for (int l = 0; l < levels; ++l)
+                            read_node(
+                                Rd::pread, p.b[levels == 2 && l == 1 ? 2 : l], buf + size_t(l) * B);
+                    }
+                        [[fallthrough]];
+                    case 1:
+                        read_record(Rd::pread, n, recbuf);
+                        decode(recbuf + 16, out);
+                        break;
+                    case 2:
+                        read_record(Rd::seek, n, recbuf);
+                        decode(recbuf + 16, out);
+                        break;
+                    case 3: {
+                        ssize_t got = pread(fr, recbuf, 256, off_t(rec_off[n]));
+                        must(got > 60, "pread");
+                        decode(recbuf + 16, out);
+                        break;
+                    }
+                    case 4:
+                        read_record(Rd::copy, n, recbuf);
+                        decode(recbuf + 16, out);
+                        break;
+                    case 5:
+                        decode(mr + rec_off[n] + 16, out);
+                        break;
+                    }
+                }
+                sec += now() - t0;
+                if (f.kind)
+                    must(out.name == q[999], "decode");
+            }
+            put(f.name, sec / 40000 * 1e6);
+        }
+        for (F f :
+             {F{"walk: 2 preads + decode", 1}, F{"walk: seek,read,read + decode", 2},
+              F{"walk: 1 pread of 256 + decode", 3}, F{"walk: memcpy from map + decode", 4},
+              F{"walk: decode straight from map", 5}}) {
+            Record out;
+            Sink s;
+            uint64_t limit = std::min<uint64_t>(N, 200000);
+            double t0 = now();
+            for (uint32_t b = 0; b < names.leaf_count && s.count < limit; ++b) {
+                const char* p = names.node[b].data();
+                for (int i = 0, c = NameTree::u16(p); i < c; ++i) {
+                    uint64_t n = NameTree::val(p + NameTree::u16(p + 2 + 2 * i));
+                    switch (f.kind) {
+                    case 1:
+                        read_record(Rd::pread, n, recbuf);
+                        decode(recbuf + 16, out);
+                        break;
+                    case 2:
+                        read_record(Rd::seek, n, recbuf);
+                        decode(recbuf + 16, out);
+                        break;
+                    case 3: {
+                        ssize_t got = pread(fr, recbuf, 256, off_t(rec_off[n]));
+                        must(got > 60, "pread");
+                        decode(recbuf + 16, out);
+                        break;
+                    }
+                    case 4:
+                        read_record(Rd::copy, n, recbuf);
+                        decode(recbuf + 16, out);
+                        break;
+                    case 5:
+                        decode(mr + rec_off[n] + 16, out);
+                        break;
+                    }
+                    s.take(out);
+                }
+            }
+            put(f.name, (now() - t0) / double(s.count) * 1e6);
+            g_sink = g_sink + s.sum;
+        }
+    }
+    for (auto& k : order) {
+        auto v = results[k];
+        std::sort(v.begin(), v.end());
+        printf(
+            "%s\t%llu\t%s\t%.3f\n", dir.c_str(), (unsigned long long)N, k.c_str(), v[v.size() / 2]);
+    }
+    unlink(pb.c_str());
+    unlink(pr.c_str());
+    return 0;
+}
