@@ -350,6 +350,9 @@ bool IndxHeapValue(
 // Whether two values of a key type (as objects) are equal.
 bool IndxSameValue(int32_t keyType, void* oLeft, void* oRight);
 
+// Whether two records have a key of this field that is the same byte for byte. False when in doubt.
+bool IndxHaveSameKey(const IndxField* pField, const ObjData* pLeft, const ObjData* pRight);
+
 // ---- tree: search ----
 constexpr int32_t INDX_POSITION_DAMAGED = INT32_MIN;
 // Whether the key stands in the node, and where it stands or belongs. INDX_POSITION_DAMAGED and
@@ -377,6 +380,12 @@ void IndxReportDamage(IndxCursor* pCursor, uint32_t tNode);
 NimBool IndxInsertKey(IndxCursor* pCursor, uint32_t fileOffset, const ObjData* pRecord);
 NimBool IndxDeleteKey(IndxCursor* pCursor, const ObjData* pRecord);
 NimBool IndxDeleteKeyFromNode(IndxCursor* pCursor, uint32_t tNode, int32_t position);
+
+// Makes the key that an old and a new record have in common lead to the new record's offset, where
+// that comes to the same as taking it out and entering it again. False: it does not, or something
+// stands in the way; nothing was changed, and the long way has to be gone.
+bool IndxRepointKey(
+    IndxCursor* pCursor, const ObjData* pOld, const ObjData* pNew, uint32_t newOffset);
 
 // ---- schema: definition ----
 // Fills a new table from its format and fields strings. The error code is left as documented for

@@ -141,6 +141,26 @@ NimBool IndxGetKeyInfoFromRecord(IndxKeyInfo** ppKey, IndxCursor* pCursor, const
     return TRUE;
 }
 
+bool IndxHaveSameKey(const IndxField* pField, const ObjData* pLeft, const ObjData* pRight)
+{
+    const auto offset = static_cast<uint32_t>(pField->recordOffset);
+    const uint32_t width = SlotWidth(pField->keyType);
+    if (width == 0 && pField->keyType != INDX_KEY_RECORD_ID)
+        return false; // no key is made of such a field
+    if (!BytesInside(offset, width, pLeft->size) || !BytesInside(offset, width, pRight->size))
+        return false;
+    const auto* pLeftBytes = static_cast<const uint8_t*>(pLeft->data);
+    const auto* pRightBytes = static_cast<const uint8_t*>(pRight->data);
+    if (pField->keyType != INDX_KEY_TEXT && pField->keyType != INDX_KEY_TEXT_NO_CASE)
+        return memcmp(pLeftBytes + offset, pRightBytes + offset, width) == 0;
+    const uint32_t length = GetU32(pLeftBytes + offset);
+    const uint32_t leftPlace = GetU32(pLeftBytes + offset + 4);
+    const uint32_t rightPlace = GetU32(pRightBytes + offset + 4);
+    return length == GetU32(pRightBytes + offset) && BytesInside(leftPlace, length, pLeft->size) &&
+           BytesInside(rightPlace, length, pRight->size) &&
+           memcmp(pLeftBytes + leftPlace, pRightBytes + rightPlace, length) == 0;
+}
+
 bool IndxHeapValue(
     const uint8_t** ppBytes, uint32_t* pLength, const uint8_t* pNode, int32_t position)
 {

@@ -35,6 +35,21 @@ struct KeyChange {
     uint32_t newOffset;
 };
 
+NimBool MoveKey(IndxCursor* pCursor, const KeyChange* pChange)
+{
+    if (IndxRepointKey(pCursor, pChange->pOld, pChange->pNew, pChange->newOffset))
+        return TRUE;
+    if (!IndxDeleteKey(pCursor, pChange->pOld)) {
+        INDX_TRACE(INDX_ALWAYS, "Error failed to delete old key");
+        return FALSE;
+    }
+    if (!IndxInsertKey(pCursor, pChange->newOffset, pChange->pNew)) {
+        INDX_TRACE(INDX_ALWAYS, "Error failed to insert new key");
+        return FALSE;
+    }
+    return TRUE;
+}
+
 // Moves one field's key from the old record to the new one. A field counts as indexed when its
 // flag is not 0; deletion tests for exactly 1. Kept: tables with other flags exist.
 NimBool IndxModifyKey(void* context, void* oField)
@@ -45,15 +60,7 @@ NimBool IndxModifyKey(void* context, void* oField)
     void* oCursor = nullptr;
     if (!IndxGetCursor(&oCursor, oField))
         return FALSE;
-    auto* pCursor = static_cast<IndxCursor*>(oCursor);
-    NimBool bModified = IndxDeleteKey(pCursor, pChange->pOld);
-    if (!bModified) {
-        INDX_TRACE(INDX_ALWAYS, "Error failed to delete old key");
-    } else {
-        bModified = IndxInsertKey(pCursor, pChange->newOffset, pChange->pNew);
-        if (!bModified)
-            INDX_TRACE(INDX_ALWAYS, "Error failed to insert new key");
-    }
+    const NimBool bModified = MoveKey(static_cast<IndxCursor*>(oCursor), pChange);
     IndxReleaseCursor(&oCursor);
     return bModified;
 }

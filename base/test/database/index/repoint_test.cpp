@@ -1,0 +1,187 @@
+// repoint_test.cpp: keys that a modification leaves as they are. The short way must leave what the
+// long one leaves, byte for byte; the long way is gone while every step is traced, so the same
+// modifications are made once silently and once traced, and the files are compared.
+
+#include <gtest/gtest.h>
+
+#include "support/person_table.h"
+#include "support/quiet_trace.h"
+#include "support/same_files.h"
+#include "support/seed.h"
+
+namespace {
+
+class RepointTest : public PeopleTest {
+  protected:
+    // Every step is traced, to nobody.
+    class LongWay {
+      public:
+        LongWay()
+        {
+            TraceSetSink([](void*, const TraceLine*) {}, nullptr, INDX_DETAIL);
+        }
+        ~LongWay() { TraceSetSink(nullptr, nullptr, 0); }
+        LongWay(const LongWay&) = delete;
+        LongWay& operator=(const LongWay&) = delete;
+    };
+
+    NimBool Modify(uint32_t id, const Person& person)
+    {
+        return IndxModifyRecordInTable(
+            table_, static_cast<uint32_t>(OffsetOf(table_, id)), BlobOf(person).get());
+    }
+    // What a modification does to the blocks of the indexes: how many it writes.
+    uint32_t NodesWritten(uint32_t id, const Person& person)
+    {
+        const auto offset = static_cast<uint32_t>(OffsetOf(table_, id));
+        const Held blob = BlobOf(person);
+        IndxUpdateTable(table_);
+        FaultResetCalls();
+        EXPECT_EQ(IndxModifyRecordInTable(table_, offset, blob.get()), 1u);
+        const uint32_t writes = FaultCalls(FAULT_WRITE, BlocksPath().c_str());
+        FaultStopCalls();
+        return writes;
+    }
+    std::string CopyPath(const char* name) const { return directory().path(name); }
+    void CopyDatabase(const char* name)
+    {
+        Close();
+        std::filesystem::copy(
+            DatabasePath(), CopyPath(name), std::filesystem::copy_options::recursive);
+    }
+    void BringBack(const char* name)
+    {
+        Close();
+        std::filesystem::remove_all(DatabasePath());
+        std::filesystem::copy(
+            CopyPath(name), DatabasePath(), std::filesystem::copy_options::recursive);
+        ASSERT_TRUE(Open());
+        table_ = OpenPeople();
+        ASSERT_NE(table_, nullptr);
+    }
+    // Changes some of a person's fields, shorter, equal or longer.
+    static Person Changed(Person person, std::mt19937_64& random)
+    {
+        const auto other = static_cast<uint32_t>(random() % 100000 + 1000);
+        const Person another = MakePerson(other, random() % 60, random() % 40);
+        const uint64_t which = random();
+        if (which & 1)
+            person.age = another.age;
+        if ((which & 14) == 14)
+            person.town = another.town;
+        if ((which & 48) == 48)
+            person.number = another.number;
+        if ((which & 0x1c0) == 0x1c0)
+            person.name = another.name;
+        if ((which & 0x600) == 0x600)
+            person.key = another.key;
+        if (which & 0x800)
+            person.photo = another.photo;
+        if ((which & 0x7000) == 0x7000)
+            (*person.town)[0] = person.town->at(0) == 'T' ? 't' : 'T'; // the same to the index
+        return person;
+    }
+    // The same modifications from the same seed.
+    void ModifyMany(People model, uint64_t seed, uint32_t count)
+    {
+        std::mt19937_64 random(seed);
+        for (uint32_t i = 0; i < count; ++i) {
+            const auto id = static_cast<uint32_t>(random() % model.size() + 1);
+            Person wanted = Changed(model.at(id), random);
+            if (Modify(id, wanted))
+                model[id] = wanted;
+        }
+        ExpectHolds(table_, model);
+    }
+};
+
+TEST_F(RepointTest, TheShortWayLeavesTheSameBytesAsTheLongOne)
+{
+    const uint64_t seed = TestSeed();
+    People model;
+    AddPeople(table_, &model, 1, 1500, 40);
+    CopyDatabase("before");
+
+    BringBack("before");
+    ModifyMany(model, seed, 1500);
+    CopyDatabase("short");
+
+    BringBack("before");
+    {
+        const LongWay traced;
+        ModifyMany(model, seed, 1500);
+    }
+    CopyDatabase("long");
+
+    EXPECT_EQ(Differences(CopyPath("short"), CopyPath("long")), std::vector<std::string>());
+}
+
+TEST_F(RepointTest, AModificationWritesOnlyTheNodesOfTheKeysThatChange)
+{
+    People model;
+    AddPeople(table_, &model, 1, 200);
+    Person person = model.at(100);
+    person.alive = !person.alive;
+    EXPECT_EQ(NodesWritten(100, person), 0u) << "no key changes, the record stays";
+    person.age += 1;
+    EXPECT_EQ(NodesWritten(100, person), 1u) << "one key changes within its leaf";
+    ++person.number;
+    person.name = "Name 00000099b";
+    EXPECT_EQ(NodesWritten(100, person), 6u) << "the record moves, and all keys lead to its place";
+    model[100] = person;
+    ExpectHolds(table_, model);
+    Reload();
+    ExpectHolds(table_, model);
+}
+
+TEST_F(RepointTest, AKeyThatLooksTheSameToTheIndexIsReplaced)
+{
+    People model;
+    AddPeople(table_, &model, 1, 20);
+    model[7].town = "tOWN 2";
+    ASSERT_EQ(Modify(7, model[7]), 1u);
+    const Cursor cursor(table_, "Town");
+    const Held town(ObjStringNew("Town 2"));
+    ASSERT_EQ(IndxFindKey(cursor.get(), 7, town.get()), INDX_RESULT_FOUND);
+    const IndxKeyInfo* pKey = IndxAsCursor(cursor.get())->oKey;
+    EXPECT_STREQ(static_cast<const char*>(ObjGetDataFieldData(pKey->oValue)), "tOWN 2");
+    ExpectHolds(table_, model);
+}
+
+TEST_F(RepointTest, CursorsOnAKeyThatStaysFindTheirPlaceAgainAsAfterAnyModification)
+{
+    People model;
+    AddPeople(table_, &model, 1, 20);
+    const Cursor cursor(table_, "Name");
+    const Held name(ObjStringNew(model[7].name->c_str()));
+    ASSERT_EQ(IndxFindKey(cursor.get(), 0, name.get()), INDX_RESULT_FOUND);
+    ++model[7].age;
+    ASSERT_EQ(Modify(7, model[7]), 1u);
+    EXPECT_EQ(IndxAsCursor(cursor.get())->status, INDX_UNTRUSTED);
+    EXPECT_EQ(IndxCurrentKey(cursor.get()), INDX_RESULT_FOUND);
+    EXPECT_EQ(PersonAt(cursor.get()), model[7]);
+}
+
+TEST_F(RepointTest, AKeyThatAnotherRecordHoldsIsNotTakenForTheRecordsOwn)
+{
+    People model;
+    AddPeople(table_, &model, 1, 20);
+    // The name of 7 in the index now belongs to record 8: the modification of 7 has lost its key.
+    Person taker = model[7];
+    taker.id = 8;
+    const Held old = BlobOf(model[7]);
+    const Held taken = BlobOf(taker);
+    {
+        const Cursor cursor(table_, "Name");
+        IndxCursor* pCursor = IndxAsCursor(cursor.get());
+        ASSERT_TRUE(IndxDeleteKey(pCursor, &static_cast<DbBlob*>(old.get())->data));
+        ASSERT_TRUE(IndxInsertKey(pCursor, 0, &static_cast<DbBlob*>(taken.get())->data));
+        ASSERT_EQ(IndxUpdateTable(table_), 1u);
+    }
+    Person person = model[7];
+    person.alive = !person.alive;
+    const QuietTrace quiet;
+    EXPECT_EQ(Modify(7, person), 0u);
+}
+
+} // namespace
