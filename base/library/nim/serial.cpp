@@ -173,9 +173,12 @@ class Numbering {
 // Sizer and writer are one: without a destination it only counts, so that the two cannot disagree.
 class Writer {
   public:
-    explicit Writer(uint8_t* dest) : dest_(dest) {}
+    Writer() = default;
+    Writer(uint8_t* dest, uint64_t room) : dest_(dest), room_(room) {}
 
     uint64_t length() const { return length_; }
+    // With a destination: whether all of it found room there.
+    bool fits() const { return length_ <= room_; }
 
     bool WriteValue(const void* handle, uint32_t depth)
     {
@@ -208,7 +211,7 @@ class Writer {
 
     void Put(const void* bytes, size_t size)
     {
-        if (dest_ && size)
+        if (dest_ && size && length_ <= room_ && size <= room_ - length_)
             memcpy(dest_ + length_, bytes, size);
         length_ += size;
     }
@@ -296,7 +299,8 @@ class Writer {
         return length_ <= UINT32_MAX;
     }
 
-    uint8_t* dest_;
+    uint8_t* dest_ = nullptr;
+    uint64_t room_ = 0;
     uint64_t length_ = 0;
     Objects objects_;
     Templates templates_;
@@ -647,20 +651,36 @@ class Reader {
     Growing<Met, 16> templates_;
 };
 
-// Bytes of the whole form, 0 when there can be none. Writes it behind the envelope's place.
-uint32_t Write(const void* handle, uint8_t* dest)
+// Bytes of the whole form, 0 when there can be none.
+uint32_t Measure(const void* handle)
 {
-    Writer writer(dest ? dest + ENVELOPE : nullptr);
+    Writer writer;
     if (!writer.WriteValue(handle, 1) || writer.length() > UINT32_MAX - ENVELOPE)
         return 0;
     return static_cast<uint32_t>(writer.length()) + ENVELOPE;
+}
+
+// Writes the whole form; its bytes, 0 when there can be none or it does not fit.
+uint32_t Write(const void* handle, uint8_t* dest, uint32_t room)
+{
+    if (room < ENVELOPE)
+        return 0;
+    Writer writer(dest + ENVELOPE, room - ENVELOPE);
+    if (!writer.WriteValue(handle, 1) || !writer.fits())
+        return 0;
+    const uint32_t length = static_cast<uint32_t>(writer.length()) + ENVELOPE;
+    Put32(dest, SIGNATURE);
+    Put32(dest + AT_VERSION, VERSION);
+    Put32(dest + AT_LENGTH, length);
+    Put32(dest + AT_CRC, crc32::Of(dest + ENVELOPE, length - ENVELOPE));
+    return length;
 }
 
 } // namespace
 
 uint32_t ObjSerializedSize(const void* handle)
 {
-    return handle ? Write(handle, nullptr) : 0;
+    return handle ? Measure(handle) : 0;
 }
 
 NimBool ObjSerializeToMemory(const void* handle, void* dest, uint32_t* size)
@@ -670,19 +690,21 @@ NimBool ObjSerializeToMemory(const void* handle, void* dest, uint32_t* size)
     if (!handle || !dest || FaultFails(FAULT_SERIALIZE))
         return FALSE;
     // Sized first: what cannot be written must not have been written halfway.
-    auto* bytes = static_cast<uint8_t*>(dest);
-    if (!Write(handle, nullptr))
+    const uint32_t length = Measure(handle);
+    if (!length || !Write(handle, static_cast<uint8_t*>(dest), length))
         return FALSE;
-    uint32_t length = Write(handle, bytes);
-    if (!length)
-        return FALSE;
-    Put32(bytes, SIGNATURE);
-    Put32(bytes + AT_VERSION, VERSION);
-    Put32(bytes + AT_LENGTH, length);
-    Put32(bytes + AT_CRC, crc32::Of(bytes + ENVELOPE, length - ENVELOPE));
     if (size)
         *size = length;
     return TRUE;
+}
+
+NimBool ObjSerializeInto(const void* handle, void* scratch, uint32_t room, uint32_t* size)
+{
+    const bool good = handle && scratch && !FaultFails(FAULT_SERIALIZE);
+    const uint32_t length = good ? Write(handle, static_cast<uint8_t*>(scratch), room) : 0;
+    if (size)
+        *size = length;
+    return length ? TRUE : FALSE;
 }
 
 NimBool ObjReconstructFromMemory(void** out, const void* src)

@@ -171,14 +171,18 @@ void IndxSetTableModified(IndxCursor* pCursor)
 
 namespace {
 
-// Serialises the table into its block file's user data. The size is compared all the same: it does
-// not grow with the values it holds, but a write behind the control block could not be mended.
+// Serialises the table into its block file's user data: what is there stays when the form cannot be
+// made or does not fit. The room is kept to all the same: the form does not grow with the values it
+// holds, but a write behind the control block could not be mended.
 bool StoreDescription(IndxTable* pTable)
 {
-    void* pUserData = BlckUserData(pTable->oBlck);
+    uint8_t form[BLCK_USER_DATA_SIZE];
     uint32_t size = 0;
-    return pUserData && ObjSerializedSize(pTable) <= BlckUserDataLength(pTable->oBlck) &&
-           ObjSerializeToMemory(pTable, pUserData, &size);
+    void* pUserData = BlckUserData(pTable->oBlck);
+    if (!pUserData || !ObjSerializeInto(pTable, form, sizeof form, &size))
+        return false;
+    MemCopy(pUserData, form, size);
+    return true;
 }
 
 } // namespace
