@@ -6,8 +6,8 @@
  *
  * A handle keeps its path, its position and the length of the file as far as it knows it. Setting
  * the position is therefore no system call. The known length is what the file had at the open; the
- * handle's own writes raise it, FileSysSeekEnd asks the system for it, and a read that would pass it
- * sees what another handle or process has appended and raises it at least to its own end.
+ * handle's own writes raise it, FileSysSeekEnd asks the system for it, and a read that would pass
+ * it sees what another handle or process has appended and raises it at least to its own end.
  *
  * Reads are copied out of a shared mapping of the file that follows the file's growth; where no
  * mapping can be had, or it is switched off, they are positioned reads. Writes are always
@@ -124,6 +124,17 @@ NIM_API NimBool FileSysReserve(void* handle, int64_t offset, uint32_t size);
  * environment variable NIM_NO_MAPPING, set to anything but "0", keeps them off in any case.
  *   on  in: 0 = off. */
 NIM_API void FileSysSetMapping(NimBool on);
+
+/* Switches writing through mappings on or off (the default), for the files that are opened from now
+ * on for reading and writing, with mappings on. The environment variable NIM_MAPPED_WRITING, set to
+ * anything but "0", switches it on in any case.
+ * What lies inside the file is then stored to memory that is the file, without a system call:
+ * faster, and as safe from the death of the process; what goes behind the end of the file is still
+ * written. The risk is the host's: a device that fails under a store, or a file that another
+ * program cuts off, ends the process with a signal instead of a failed write. Space on disk is made
+ * sure of first, so that a full disk does not; where the file system cannot do that, every write
+ * stays a system call. on  in: 0 = off. */
+NIM_API void FileSysSetMappedWriting(NimBool on);
 
 NIM_END
 

@@ -15,10 +15,15 @@ constexpr uint64_t GENEROUS_MOST = uint64_t{1} << 45;
 size_t gFileMapLimit = SIZE_MAX;
 #endif
 
-static bool FileMapTry(void** address, intptr_t file, uint64_t size)
+static bool FileMapTry(void** address, FileMapping* mapping, intptr_t file, uint64_t size)
 {
     *address = nullptr;
-    return size <= gFileMapLimit && SysMap(address, file, static_cast<size_t>(size));
+    if (size > gFileMapLimit)
+        return false;
+    if (mapping->writable && SysMap(address, file, static_cast<size_t>(size), true))
+        return true;
+    mapping->writable = false; // reading alone may still be granted
+    return SysMap(address, file, static_cast<size_t>(size), false);
 }
 
 bool FileMapExtend(FileMapping* mapping, intptr_t file, int64_t length, int64_t end)
@@ -36,12 +41,12 @@ bool FileMapExtend(FileMapping* mapping, intptr_t file, int64_t length, int64_t 
     bool exact = false;
     if (SysMapPastEnd() && bytes <= GENEROUS_MOST) {
         size = bytes < GENEROUS_LEAST ? GENEROUS_LEAST : std::bit_ceil(bytes + 1);
-        FileMapTry(&address, file, size);
+        FileMapTry(&address, mapping, file, size);
     }
     if (!address) {
         exact = true;
         size = bytes;
-        if (!FileMapTry(&address, file, size)) {
+        if (!FileMapTry(&address, mapping, file, size)) {
             mapping->frozen = true; // what is mapped goes on serving, the rest is read
             mapping->allowed = mapping->bytes != nullptr;
             return false;

@@ -1,4 +1,5 @@
-// filemap.h: the part of a file that is read out of memory.
+// filemap.h: the part of a file that is read out of memory, and written there where the host has
+// asked for it.
 //
 // Where the system lets a mapping reach past the end of the file, a generous range of addresses is
 // mapped at once and the file grows into it; elsewhere, and where such a range cannot be had, the
@@ -16,6 +17,7 @@ struct FileMapping {
     bool allowed;         // false: never mapped
     bool exact;           // it ended with the file when it was made
     bool frozen;          // no larger one was to be had: this one is kept
+    bool writable;        // its bytes may be stored to
 };
 
 // Makes the mapping reach `end`, which lies inside a file of `length` bytes; what was mapped before

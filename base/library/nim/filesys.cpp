@@ -15,6 +15,7 @@
 #include "nim/mem.h"
 #include "sys.h"
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstring>
@@ -27,7 +28,8 @@ struct File {
     FileMapping mapping;
     int64_t reservedFrom; // disk space for [reservedFrom, reservedTo) has been reserved
     int64_t reservedTo;
-    char* path; // stands behind the struct
+    int64_t filledTo; // the disk is known to have room for all bytes of [0, filledTo)
+    char* path;       // stands behind the struct
 };
 
 // How far ahead space is reserved: a call for each 16 blocks and not for each block.
@@ -36,6 +38,7 @@ constexpr int64_t RESERVE_STEP = int64_t{256} << 10;
 constexpr uint32_t MODE_ACCESS = FILE_MODE_READ | FILE_MODE_EMPTY | FILE_MODE_WRITE;
 
 static std::atomic<bool> gMapping{true};
+static std::atomic<bool> gMappedWriting{false};
 
 // ---- faults ----
 
@@ -87,12 +90,26 @@ void FileSysSetMapping(NimBool on)
     gMapping.store(on != 0, std::memory_order_relaxed);
 }
 
+void FileSysSetMappedWriting(NimBool on)
+{
+    gMappedWriting.store(on != 0, std::memory_order_relaxed);
+}
+
+// Whether a variable of the environment is set to anything but "0".
+static bool FileIsAskedFor(const char* variable)
+{
+    char value[64];
+    return SysGetEnvironment(variable, value, sizeof value) && strcmp(value, "0") != 0;
+}
+
 static bool FileMappingIsOn()
 {
-    if (!gMapping.load(std::memory_order_relaxed))
-        return false;
-    char value[64];
-    return !SysGetEnvironment("NIM_NO_MAPPING", value, sizeof value) || strcmp(value, "0") == 0;
+    return gMapping.load(std::memory_order_relaxed) && !FileIsAskedFor("NIM_NO_MAPPING");
+}
+
+static bool FileMappedWritingIsOn()
+{
+    return gMappedWriting.load(std::memory_order_relaxed) || FileIsAskedFor("NIM_MAPPED_WRITING");
 }
 
 static bool FileModeIsSound(uint32_t mode)
@@ -139,6 +156,7 @@ static bool FileOpenSystem(void** handle, File* file, uint32_t mode)
         return false;
     file->access = flags & (SYS_READ | SYS_WRITE);
     file->mapping.allowed = (flags & SYS_READ) && FileMappingIsOn();
+    file->mapping.writable = (flags & SYS_WRITE) && FileMappedWritingIsOn();
     if (SysFileLength(&file->length, file->system)) {
         *handle = FileTableAdd(file);
         if (*handle != FILE_NONE)
@@ -190,8 +208,10 @@ static bool FileAskLength(File* file)
     int64_t length;
     if (!SysFileLength(&length, file->system))
         return false;
-    if (length < file->length)
+    if (length < file->length) {
         file->reservedFrom = file->reservedTo = 0;
+        file->filledTo = std::min(file->filledTo, length);
+    }
     file->length = length;
     return true;
 }
@@ -335,12 +355,36 @@ NimBool FileSysView(const void** view, void* handle, int64_t offset, uint32_t si
 
 // ---- writing ----
 
+// Where the host has asked for it, bytes inside the file are stored through the mapping. A page
+// without room on the disk would make that a signal, so holes are filled up first: all of the file
+// once, and from then on what is written behind its end, which takes its room with it.
+static bool FileMayStore(File* file, int64_t offset, uint32_t size)
+{
+    const int64_t end = offset + size;
+    if (!file->mapping.writable || !file->mapping.allowed || size == 0 || end > file->length ||
+        !FileMapReaches(&file->mapping, file->system, file->length, end))
+        return false;
+    if (end > file->filledTo) {
+        if (!SysFileFillHoles(file->system, file->filledTo, file->length - file->filledTo)) {
+            file->mapping.writable = false; // every write is a system call from now on
+            return false;
+        }
+        file->filledTo = file->length;
+    }
+    return true;
+}
+
 // Writes all bytes at the position, which it does not move. *count is 0 on entry.
 static bool FileWriteBytes(uint32_t* count, File* file, const void* buffer, uint32_t size)
 {
     const int64_t offset = file->position;
     if (size > static_cast<uint64_t>(INT64_MAX - offset))
         return false;
+    if (FileMayStore(file, offset, size)) {
+        memcpy(const_cast<uint8_t*>(file->mapping.bytes) + offset, buffer, size);
+        *count = size;
+        return true;
+    }
     bool good = true;
     while (good && *count < size) {
         size_t moved = 0;
@@ -350,6 +394,8 @@ static bool FileWriteBytes(uint32_t* count, File* file, const void* buffer, uint
         *count += static_cast<uint32_t>(moved);
         good = good && moved > 0; // no progress would be no end
     }
+    if (offset <= file->filledTo && file->filledTo < offset + *count)
+        file->filledTo = offset + *count;
     if (*count > 0 && offset + *count > file->length)
         file->length = offset + *count;
     return good;

@@ -21,14 +21,19 @@ bool SysFileLength(int64_t* length, intptr_t file);
 // Reserves disk space for [offset, offset + size) without changing the length. True also where the
 // file system cannot reserve; false only when it refuses (full, over quota, too large).
 bool SysFileReserve(intptr_t file, int64_t offset, int64_t size);
-// Maps [0, size) for reading. On Linux `size` may lie past the end of the file (such pages may not
-// be touched until the file has grown); where SysMapPastEnd() is false it may not.
+// Whether the disk is known to have room for every byte of [offset, offset + size), which lies
+// inside the file; holes are filled up. False also where that cannot be told.
+bool SysFileFillHoles(intptr_t file, int64_t offset, int64_t size);
+// Maps [0, size) for reading, or for writing as well: what is stored there is in the file at once,
+// as if it had been written, but a failure is a signal and not a result. On Linux `size` may lie
+// past the end of the file (such pages may not be touched until the file has grown); where
+// SysMapPastEnd() is false it may not.
 bool SysMapPastEnd();
-bool SysMap(void** address, intptr_t file, size_t size);
+bool SysMap(void** address, intptr_t file, size_t size, bool writable);
 void SysUnmap(void* address, size_t size);
 
 // ---- directories and names ----
-bool SysMakeDirectory(const char* path);                    // one level; false when it exists
+bool SysMakeDirectory(const char* path); // one level; false when it exists
 // SYS_UNKNOWN: something may be there, the system does not tell (no permission, a failing device).
 enum SysKind : uint32_t { SYS_ABSENT = 0, SYS_DIRECTORY = 1, SYS_OTHER = 2, SYS_UNKNOWN = 3 };
 SysKind SysPathKind(const char* path);
@@ -36,9 +41,9 @@ using SysNameCallback = bool (*)(void* context, const char* name);
 // Calls `f` for every name in no particular order, "." and ".." left out; stops when f says false.
 // False when the directory cannot be read or f stopped it.
 bool SysScan(const char* directory, SysNameCallback f, void* context);
-bool SysReplaceFile(const char* from, const char* to);      // rename over an existing file
+bool SysReplaceFile(const char* from, const char* to); // rename over an existing file
 bool SysRemoveFile(const char* path);
-char SysSeparator();                                        // '/' or '\\'
+char SysSeparator(); // '/' or '\\'
 bool SysIsSeparator(char c);
 bool SysIsAbsolute(const char* path);
 // Directory of the running program, without a trailing separator. False when it does not fit.
@@ -47,7 +52,7 @@ bool SysProgramDirectory(char* buffer, size_t size);
 // ---- process ----
 // Copies the variable's value; false when it is not set or does not fit.
 bool SysGetEnvironment(const char* name, char* buffer, size_t size);
-uint64_t SysRandom();                                       // unpredictable between processes
+uint64_t SysRandom(); // unpredictable between processes
 void SysWriteStandardError(const char* text, size_t size);
 [[noreturn]] void SysEndProcess(uint32_t code);
 void SysYield();

@@ -24,7 +24,8 @@ enum class Reads {
     Mapped,     // out of a generous mapping that reaches past the end of the file
     Exact,      // out of a mapping that ends with the file, as where no other is to be had
     Unmappable, // asked for, but the system maps nothing
-    Positioned  // switched off
+    Positioned, // switched off
+    Stored      // as Mapped, and what lies inside the file is written there, too
 };
 
 class Files : public testing::TestWithParam<Reads> {
@@ -32,6 +33,7 @@ class Files : public testing::TestWithParam<Reads> {
     Files()
     {
         FileSysSetMapping(GetParam() != Reads::Positioned);
+        FileSysSetMappedWriting(GetParam() == Reads::Stored);
         if (GetParam() == Reads::Exact)
             gFileMapLimit = 15 << 20; // the least generous mapping is larger
         if (GetParam() == Reads::Unmappable)
@@ -40,10 +42,15 @@ class Files : public testing::TestWithParam<Reads> {
     ~Files() override
     {
         FileSysSetMapping(TRUE);
+        FileSysSetMappedWriting(FALSE);
         gFileMapLimit = SIZE_MAX;
         EXPECT_EQ(FileSysOpenCount(), 0u) << "a test has left a file open";
     }
-    bool mapped() const { return GetParam() == Reads::Mapped || GetParam() == Reads::Exact; }
+    bool mapped() const
+    {
+        return GetParam() == Reads::Mapped || GetParam() == Reads::Exact ||
+               GetParam() == Reads::Stored;
+    }
 
     TemporaryDirectory directory_;
     const std::string path_ = directory_.path("file");
@@ -106,13 +113,15 @@ std::string Pattern(size_t size, uint32_t seed)
 // The name of a way in the names of the tests.
 static std::string ReadsName(const testing::TestParamInfo<Reads>& way)
 {
-    static const char* const names[] = {"Mapped", "Exact", "Unmappable", "Positioned"};
+    static const char* const names[] = {"Mapped", "Exact", "Unmappable", "Positioned", "Stored"};
     return names[static_cast<int>(way.param)];
 }
 
 INSTANTIATE_TEST_SUITE_P(
     EveryWay, Files,
-    testing::Values(Reads::Mapped, Reads::Exact, Reads::Unmappable, Reads::Positioned), ReadsName);
+    testing::Values(
+        Reads::Mapped, Reads::Exact, Reads::Unmappable, Reads::Positioned, Reads::Stored),
+    ReadsName);
 
 // ---- opening and closing ----
 

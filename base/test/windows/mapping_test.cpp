@@ -155,7 +155,7 @@ TEST_F(Views, ReachBeyondFourGigabytes)
 TEST_F(Views, OfMoreThanTheSystemShouldKeepBooksOfAreNotMade)
 {
     void* address = nullptr;
-    EXPECT_FALSE(SysMap(&address, SYS_NO_FILE, (size_t{64} << 30) + 1));
+    EXPECT_FALSE(SysMap(&address, SYS_NO_FILE, (size_t{64} << 30) + 1, false));
     EXPECT_EQ(address, nullptr);
 }
 

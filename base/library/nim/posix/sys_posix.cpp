@@ -105,15 +105,21 @@ static bool SysMayReach(int64_t end)
            static_cast<uint64_t>(end) <= limit.rlim_cur;
 }
 
-bool SysFileReserve(intptr_t file, int64_t offset, int64_t size)
+// Without changing the length. False with errno.
+static bool SysAllocate(intptr_t file, int64_t offset, int64_t size)
 {
-    if (!SysMayReach(offset + size))
-        return false;
     int result;
     do {
         result = fallocate(static_cast<int>(file), FALLOC_FL_KEEP_SIZE, offset, size);
     } while (result != 0 && errno == EINTR);
-    if (result == 0)
+    return result == 0;
+}
+
+bool SysFileReserve(intptr_t file, int64_t offset, int64_t size)
+{
+    if (!SysMayReach(offset + size))
+        return false;
+    if (SysAllocate(file, offset, size))
         return true;
     switch (errno) {
     case EOPNOTSUPP: // the file system has no such call
@@ -128,14 +134,20 @@ bool SysFileReserve(intptr_t file, int64_t offset, int64_t size)
     }
 }
 
+bool SysFileFillHoles(intptr_t file, int64_t offset, int64_t size)
+{
+    return SysAllocate(file, offset, size);
+}
+
 bool SysMapPastEnd()
 {
     return true;
 }
 
-bool SysMap(void** address, intptr_t file, size_t size)
+bool SysMap(void** address, intptr_t file, size_t size, bool writable)
 {
-    void* mapped = mmap(nullptr, size, PROT_READ, MAP_SHARED, static_cast<int>(file), 0);
+    const int access = writable ? PROT_READ | PROT_WRITE : PROT_READ;
+    void* mapped = mmap(nullptr, size, access, MAP_SHARED, static_cast<int>(file), 0);
     *address = mapped == MAP_FAILED ? nullptr : mapped;
     return *address != nullptr;
 }

@@ -297,6 +297,14 @@ bool SysFileReserve(intptr_t file, int64_t offset, int64_t size)
     }
 }
 
+// What lies inside a file has its room on the disk from the start, unless the file system saves it.
+bool SysFileFillHoles(intptr_t file, int64_t, int64_t)
+{
+    FILE_BASIC_INFO info = {};
+    return GetFileInformationByHandleEx(Handle(file), FileBasicInfo, &info, sizeof info) &&
+           !(info.FileAttributes & (FILE_ATTRIBUTE_SPARSE_FILE | FILE_ATTRIBUTE_COMPRESSED));
+}
+
 bool SysMapPastEnd()
 {
     return false;
@@ -310,17 +318,17 @@ static bool SysFileIsRemote(intptr_t file)
                Handle(file), FileRemoteProtocolInfo, &remote, sizeof remote) != 0;
 }
 
-bool SysMap(void** address, intptr_t file, size_t size)
+bool SysMap(void** address, intptr_t file, size_t size, bool writable)
 {
     *address = nullptr;
     if (size > MAP_MOST || SysFileIsRemote(file))
         return false;
     const HANDLE section = CreateFileMappingW(
-        Handle(file), nullptr, PAGE_READONLY, static_cast<DWORD>(uint64_t{size} >> 32),
-        static_cast<DWORD>(size), nullptr);
+        Handle(file), nullptr, writable ? PAGE_READWRITE : PAGE_READONLY,
+        static_cast<DWORD>(uint64_t{size} >> 32), static_cast<DWORD>(size), nullptr);
     if (!section)
         return false;
-    *address = MapViewOfFile(section, FILE_MAP_READ, 0, 0, size);
+    *address = MapViewOfFile(section, writable ? FILE_MAP_WRITE : FILE_MAP_READ, 0, 0, size);
     CloseHandle(section); // the view keeps what it needs
     return *address != nullptr;
 }
