@@ -2,6 +2,7 @@
 //   nimdb           files are read through mappings, as they are by default
 //   nimdb-unmapped  files are read with positioned reads (FileSysSetMapping)
 // Cursors stay open between operations, as the other engines keep their statements and handles.
+#include "block_file_inspector.h"
 #include "engine.h"
 
 #include <database/index.h>
@@ -164,6 +165,15 @@ class NimdbEngine : public Engine {
             IndxReleaseCursor(poCursor);
         IndxReleaseTable(&oTable_);
         Must(IndxCloseDatabase(&oDatabase_), "close");
+    }
+
+    std::vector<std::pair<std::string, int>> levels(const std::string& dir) const override
+    {
+        std::vector<std::pair<std::string, int>> result;
+        auto file = dir + "/db/" + DATABASE + "/Indexes/" + TABLE;
+        for (const IndexFacts& index : InspectBlockFile(file).indexes)
+            result.emplace_back(index.field, index.levels);
+        return result;
     }
 };
 
