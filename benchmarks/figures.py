@@ -82,8 +82,6 @@ class Samples:
     def add_peer_lines(self, text):
         """Takes what bench_peers printed."""
         for line in text.splitlines():
-            if line.startswith("#"):
-                continue
             engine, _, records, phase, _, _, _, value = line.split("\t")
             self.add(engine, int(records), phase, float(value))
 

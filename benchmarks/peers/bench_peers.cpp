@@ -4,7 +4,9 @@
 // engines, repeats, and takes the medians.
 //   bench_peers --engine NAME --dir DIR --n N [--finds F] [--changes M] [--deletes D]
 //               [--limit SECONDS]   a phase that would go on longer is cut and called "phase!cut"
-//               [--verify]          also the order of the walk, and what deletes leave
+//               [--verify]          fails when a walk is out of order or misses anything, when
+//               deletes
+//                                   leave something, and when a crash loses something
 //               [--levels]          also the levels of the trees, if the engine can tell
 //               [--no-batch]
 //   bench_peers --crash --engine NAME --dir DIR --n N
@@ -114,6 +116,19 @@ class Run {
         e_->open(opt.dir, true, n_);
     }
 
+    // What a walk comes to that meets every record.
+    uint64_t expected_sum() const
+    {
+        Sink s;
+        Record r;
+        for (uint64_t i = 0; i < have_; ++i) {
+            make_record(i, r);
+            r.id = int32_t(i + 1);
+            s.take(r);
+        }
+        return s.sum;
+    }
+
   public:
     explicit Run(EngineFactory make) : make_(std::move(make)) {}
 
@@ -185,9 +200,7 @@ class Run {
                 out_.note == in_[m - 1].note && !memcmp(out_.hash, in_[m - 1].hash, 32),
                 "find_hash result");
         });
-        check(!missing_, "every find hits");
-        if (opt.verify)
-            printf("#notes %llu\n", (unsigned long long)sum);
+        check(!missing_ && sum != 0, "every find hits");
     }
 
     void walk()
@@ -201,7 +214,7 @@ class Run {
             report("walk_name", s.count, now() - t0, cpu_seconds() - c0);
             check(s.count == have_ && !s.inversions, "walk");
             if (opt.verify)
-                printf("#sum %llu\n", (unsigned long long)s.sum);
+                check(s.sum == expected_sum(), "every record as it was added");
         }
         value("peak_anon_MiB_reading_or_inserting", double(peak_anon) / 1024);
     }
@@ -320,6 +333,7 @@ void crash(const EngineFactory& make)
     }
     value("walked_after_kill", double(s.count));
     value("found_after_kill", double(found));
+    check(!opt.verify || (s.count == opt.n && found == opt.n), "what was finished is there");
     e->close();
     remove_tree(opt.dir);
 }
