@@ -82,8 +82,9 @@ class Samples:
     def add_peer_lines(self, text):
         """Takes what bench_peers printed."""
         for line in text.splitlines():
-            engine, _, records, phase, _, _, _, value = line.split("\t")
-            self.add(engine, int(records), phase, float(value))
+            engine, _, records, phase, operations, _, _, value = line.split("\t")
+            if operations != "0":  # else the time was up before the phase began
+                self.add(engine, int(records), phase, float(value))
 
     def add_floor_lines(self, text):
         """Takes what floor printed."""

@@ -47,6 +47,11 @@ class SamplesTest(unittest.TestCase):
         self.assertEqual(samples.median("kc-auto", 1000, "insert"), 80)
         self.assertTrue(samples.summary()[0]["cut"])
 
+    def test_a_phase_whose_time_was_up_before_it_began_was_not_measured(self):
+        samples = figures.Samples()
+        samples.add_peer_lines("tc-txn\tdata\t1000\tmodify!cut\t0\t0.0\t0.0\t0.000\n")
+        self.assertIsNone(samples.median("tc-txn", 1000, "modify"))
+
     def test_the_floor_is_no_engine(self):
         samples = samples_of(("sqlite-wal", "insert", 4), ("nimdb", "insert", 4))
         samples.add_floor_lines("data\t1000\tinsert: b  memcpy from map + pwrite\t10.5\n")

@@ -177,30 +177,25 @@ class Run {
 
     void find()
     {
-        uint64_t sum = 0;
         auto prepare_random = [&](uint64_t, uint64_t k) {
             pick_[k] = rnd_.below(uint32_t(have_));
             make_record(pick_[k], in_[k]);
         };
         timed("find_name", opt.finds, CHUNK, prepare_random, [&](uint64_t m) {
-            for (uint64_t k = 0; k < m; ++k) {
+            for (uint64_t k = 0; k < m; ++k)
                 missing_ += !e_->find_by_name(in_[k].name, out_);
-                sum += out_.note.size();
-            }
             check(
                 out_.note == in_[m - 1].note && out_.id == int32_t(pick_[m - 1] + 1),
                 "find_name result");
         });
         timed("find_hash", opt.finds, CHUNK, prepare_random, [&](uint64_t m) {
-            for (uint64_t k = 0; k < m; ++k) {
+            for (uint64_t k = 0; k < m; ++k)
                 missing_ += !e_->find_by_hash(in_[k].hash, out_);
-                sum += out_.note.size();
-            }
             check(
                 out_.note == in_[m - 1].note && !memcmp(out_.hash, in_[m - 1].hash, 32),
                 "find_hash result");
         });
-        check(!missing_ && sum != 0, "every find hits");
+        check(!missing_, "every find hits");
     }
 
     void walk()

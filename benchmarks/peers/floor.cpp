@@ -29,10 +29,14 @@ void must(bool b, const char* w)
 struct Tree {
     uint32_t root, mid0, mids, leaf0, leaves;
 };
-struct Path {
-    uint32_t b[3]; // root, middle, leaf
-};
 int levels = 3;
+struct Path {
+    uint32_t root, middle, leaf;
+    uint32_t node(int level) const // from 0
+    {
+        return level == 0 ? root : level + 1 == levels ? leaf : middle;
+    }
+};
 
 int fb, fr; // block file, records file
 uint32_t blocks;
@@ -65,7 +69,7 @@ Path pick(int t, SplitMix& g, bool last)
 {
     const Tree& x = trees[size_t(t)];
     uint32_t leaf = last ? x.leaves - 1 : g.below(x.leaves);
-    return {{x.root, x.mid0 + uint32_t(uint64_t(leaf) * x.mids / x.leaves), x.leaf0 + leaf}};
+    return {x.root, x.mid0 + uint32_t(uint64_t(leaf) * x.mids / x.leaves), x.leaf0 + leaf};
 }
 
 // How a scenario reads and writes.
@@ -213,8 +217,8 @@ void op_insert(Io io, SplitMix& g)
     for (int t = 0; t < 4; ++t) {
         Path p = pick(t, g, t == 0);
         for (int l = 0; l < levels; ++l)
-            read_node(io.r, p.b[levels == 2 && l == 1 ? 2 : l], buf + size_t(t * 3 + l) * B);
-        write_node(io.w, p.b[2], buf + size_t(t * 3 + levels - 1) * B, g);
+            read_node(io.r, p.node(l), buf + size_t(t * 3 + l) * B);
+        write_node(io.w, p.leaf, buf + size_t(t * 3 + levels - 1) * B, g);
     }
     append_record(io.w, 16 + 90 + g.below(40));
     write_control(io.w);
@@ -223,9 +227,9 @@ void descend(Io io, int t, SplitMix& g, int writes, char* b)
 {
     Path p = pick(t, g, false);
     for (int l = 0; l < levels; ++l)
-        read_node(io.r, p.b[levels == 2 && l == 1 ? 2 : l], b + size_t(l) * B);
+        read_node(io.r, p.node(l), b + size_t(l) * B);
     if (writes)
-        write_node(io.w, p.b[2], b + size_t(levels - 1) * B, g);
+        write_node(io.w, p.leaf, b + size_t(levels - 1) * B, g);
 }
 void op_modify(Io io, SplitMix& g)
 { // position by Id, change Size
@@ -304,6 +308,7 @@ struct NameTree {
         return c ? c : int(n) - int(k.size());
     }
     static uint32_t val(const char* e) { return u32(e + 1 + uint8_t(*e)); }
+    static const char* entry(const char* p, int i) { return p + u16(p + 2 + 2 * size_t(i)); }
     int64_t find(const std::string& k) const
     {
         for (uint32_t b = root;;) {
@@ -311,14 +316,14 @@ struct NameTree {
             int lo = 0, hi = u16(p); // first entry > k
             while (lo < hi) {
                 int m = (lo + hi) / 2;
-                if (cmp(p + u16(p + 2 + 2 * m), k) <= 0)
+                if (cmp(entry(p, m), k) <= 0)
                     lo = m + 1;
                 else
                     hi = m;
             }
             if (!lo)
                 return -1;
-            const char* e = p + u16(p + 2 * lo);
+            const char* e = entry(p, lo - 1);
             if (leaf[b])
                 return cmp(e, k) ? -1 : int64_t(val(e));
             b = val(e);
@@ -581,7 +586,7 @@ void find_scenario(const char* name, Get get, bool cold, int round)
             if (cold) {
                 Path p = pick(1, r, false);
                 for (int l = 0; l < levels; ++l)
-                    read_node(Rd::pread, p.b[levels == 2 && l == 1 ? 2 : l], buf + size_t(l) * B);
+                    read_node(Rd::pread, p.node(l), buf + size_t(l) * B);
             }
             fetch(get, uint64_t(n), out);
         }
@@ -600,7 +605,7 @@ void walk_scenario(const char* name, Get get)
     for (uint32_t b = 0; b < names.leaf_count && s.count < limit; ++b) {
         const char* p = names.node[b].data();
         for (int i = 0, c = NameTree::u16(p); i < c; ++i) {
-            fetch(get, NameTree::val(p + NameTree::u16(p + 2 + 2 * i)), out);
+            fetch(get, NameTree::val(NameTree::entry(p, i)), out);
             s.take(out);
         }
     }
