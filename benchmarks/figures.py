@@ -140,12 +140,13 @@ class Comparison:
         return self.samples.median(engine, self.records, phase)
 
     def fastest(self, phase, wanted):
-        """(engine, time) of the fastest engine that survives and for which wanted(engine); (None,
-        None) without one."""
+        """(engine, time) of the fastest engine that survives, did all of the work, and for which
+        wanted(engine); (None, None) without one."""
         times = [
             (self.time(engine, phase), engine)
             for engine in self.samples.engines(self.records)
             if engine in self.surviving and not is_ours(engine) and wanted(engine)
+            if (engine, self.records, phase) not in self.samples.cut
         ]
         times = [(time, engine) for time, engine in times if time is not None]
         return tuple(reversed(min(times))) if times else (None, None)

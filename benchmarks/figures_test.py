@@ -83,6 +83,10 @@ class ComparisonTest(unittest.TestCase):
         self.assertEqual((row["sqlite"], row["sqlite_ratio"]), ("sqlite-off-x", 0.75))
         self.assertEqual((row["floor"], row["floor_ratio"]), (4.0, 1.5))
 
+    def test_a_phase_that_was_cut_wins_nothing(self):
+        self.samples.add("lmdb-wm", 1000, "insert!cut", 4.0)
+        self.assertEqual(self.comparison.fastest_peer("insert"), ("lmdb", 5.0))
+
     def test_what_was_not_measured_has_no_ratio(self):
         row = self.comparison.row("nimdb", "delete")
         self.assertIsNone(row["time"])
