@@ -16,6 +16,7 @@ import random
 import shutil
 import subprocess
 import sys
+import tempfile
 import time
 
 import figures
@@ -44,24 +45,44 @@ GROWTH_CASES = {
 def arguments():
     parser = argparse.ArgumentParser(
         prog="./dev bench",
-        description="Measures this library beside other databases and beside bare input and output.",
-        epilog="Results: report.txt, report.json and report.svg (growth.* with --growth) in build/bench.",
+        description="Measures this library beside other databases, and beside bare input and output.",
+        epilog="Results: report.txt, report.json and report.svg in build/bench; with --growth,"
+        " growth.txt, growth.json and growth.svg.",
     )
     what = parser.add_mutually_exclusive_group()
-    what.add_argument("--growth", action="store_true", help="this library alone, 10,000 to 5,000,000 records, and what else might grow")
-    what.add_argument("--instructions", action="store_true", help="instructions an operation, against the baseline; fails when one grew by more than 3 %%")
-    parser.add_argument("--update", action="store_true", help="with --instructions: write the baseline anew")
+    what.add_argument(
+        "--growth",
+        action="store_true",
+        help="this library alone, 10,000 to 5,000,000 records, and many tables, many fields, long"
+        " records, long keys",
+    )
+    what.add_argument(
+        "--instructions",
+        action="store_true",
+        help="instructions an operation, against the baseline; fails when one grew by more than 3 %%",
+    )
+    parser.add_argument(
+        "--update", action="store_true", help="with --instructions: write the baseline anew"
+    )
     parser.add_argument("--quick", action="store_true", help="100,000 records, one round")
-    parser.add_argument("--rounds", type=int, help="rounds (3)")
+    parser.add_argument("--rounds", type=int, help="how often each engine runs (3)")
     parser.add_argument("--sizes", help="numbers of records, with commas (100000,1000000)")
-    parser.add_argument("--engines", help="names, with commas (all whose operations survive the death of the process)")
-    parser.add_argument("--dir", default="build/bench/data", help="where the measured files go, on the disk that is to be measured (%(default)s)")
+    parser.add_argument(
+        "--engines",
+        help="names, with commas (all whose finished operations survive the death of the process)",
+    )
+    parser.add_argument(
+        "--dir",
+        default="build/bench",
+        help="where the measured files go for the time of the run: on the disk that is to be"
+        " measured (%(default)s)",
+    )
     parser.add_argument("--build", default="build/linux-bench/benchmarks", help=argparse.SUPPRESS)
     parser.add_argument("--results", default="build/bench", help=argparse.SUPPRESS)
     options = parser.parse_args()
     if options.update and not options.instructions:
         parser.error("--update goes with --instructions")
-    options.sizes = [int(n) for n in options.sizes.split(",")] if options.sizes else None
+    options.sizes = sorted(int(n) for n in options.sizes.split(",")) if options.sizes else None
     options.rounds = options.rounds or (1 if options.quick else 3)
     if options.rounds < 1 or any(n < 1000 for n in options.sizes or []):
         parser.error("at least one round, and 1,000 records")
@@ -120,7 +141,9 @@ def limits(records):
 def choose_engines(options, programs):
     """(names, those whose operations survive)."""
     known = programs.engines()
-    names = options.engines.split(",") if options.engines else [n for n in known if n not in UNASKED]
+    names = [name for name in known if name not in UNASKED]
+    if options.engines:
+        names = options.engines.split(",")
     unknown = [n for n in names if n not in known]
     if unknown:
         raise Failed(f"no engine {', '.join(unknown)}; there are {', '.join(known)}")
@@ -233,7 +256,8 @@ def measure_growth(options, programs):
         for phase in figures.WORKS
         for records in sizes
     ]
-    heading = f"# Cost of an operation as tables grow\n\n{machine_text(facts)}{options.rounds} rounds\n"
+    heading = "# Cost of an operation as tables grow\n\n" + machine_text(facts)
+    heading += f"{options.rounds} rounds\n"
     text = "\n".join([heading, report.growth_text(rows), report.cases_text(cases)])
     data = {
         "machine": facts,
@@ -325,7 +349,9 @@ def main():
     options = arguments()
     results = pathlib.Path(options.results)
     results.mkdir(parents=True, exist_ok=True)
-    programs = Programs(options.build, options.dir, results / "log.txt")
+    pathlib.Path(options.dir).mkdir(parents=True, exist_ok=True)
+    data = tempfile.mkdtemp(prefix="nimdb-bench.", dir=options.dir)
+    programs = Programs(options.build, data, results / "log.txt")
     try:
         if options.instructions:
             return check_instructions(options, programs)
@@ -337,7 +363,7 @@ def main():
         print(f"./dev bench: {failure}", file=sys.stderr)
         return 1
     finally:
-        shutil.rmtree(programs.data, ignore_errors=True)
+        shutil.rmtree(data, ignore_errors=True)
     return 0
 
 

@@ -23,7 +23,6 @@ class Programs:
         self.build = pathlib.Path(build)
         self.data = pathlib.Path(data)
         self.log = pathlib.Path(log)
-        self.data.mkdir(parents=True, exist_ok=True)
         self.log.write_text("")
 
     def run(self, command, environment=None):

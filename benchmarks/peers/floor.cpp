@@ -159,7 +159,8 @@ void append_record(Wr w, size_t len)
         break;
     case Wr::map:
     case Wr::inplace:
-        if (rec_end + len > mr_len) { // grow in 4 MiB steps
+        if (rec_end + len > mr_len) {
+            // Grow in steps of 4 MiB.
             size_t nl = mr_len + (4u << 20);
             must(ftruncate(fr, off_t(nl)) == 0, "ftruncate");
             mr = static_cast<char*>(mremap(mr, mr_len, nl, MREMAP_MAYMOVE));
@@ -173,8 +174,10 @@ void append_record(Wr w, size_t len)
     }
     rec_end += len;
 }
+
+// In place.
 void rewrite_record(Wr w, uint64_t id, size_t len)
-{ // in place
+{
     if (w == Wr::pwrite)
         must(pwrite(fr, recbuf, len, off_t(rec_off[id])) == ssize_t(len), "pwrite");
     else if (w == Wr::seek) {
@@ -231,8 +234,10 @@ void descend(Io io, int t, SplitMix& g, int writes, char* b)
     if (writes)
         write_node(io.w, p.leaf, b + size_t(levels - 1) * B, g);
 }
+
+// Position by Id, change Size.
 void op_modify(Io io, SplitMix& g)
-{ // position by Id, change Size
+{
     uint64_t id = g.below(uint32_t(N));
     descend(io, 0, g, 0, buf);
     size_t len = read_record(io.r, id, recbuf);
@@ -241,8 +246,10 @@ void op_modify(Io io, SplitMix& g)
     rewrite_record(io.w, id, 16 + len);
     write_control(io.w);
 }
+
+// Position by Id, remove from four indexes.
 void op_delete(Io io, SplitMix& g)
-{ // position by Id, remove from four indexes
+{
     uint64_t id = g.below(uint32_t(N));
     descend(io, 0, g, 0, buf);
     read_record(io.r, id, recbuf);
