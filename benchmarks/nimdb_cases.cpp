@@ -26,6 +26,7 @@
 #include "block_file_inspector.h"
 #include "peers/engine.h"
 #include "peers/measure.h"
+#include "peers/nimdb_table.h"
 
 namespace {
 
@@ -358,11 +359,11 @@ void WalkForMemory(const std::string& directory, uint32_t records, uint32_t upda
     void* oTable = nullptr;
     void* oCursor = nullptr;
     Must(PathSetHome(directory.c_str()), "home");
-    Must(IndxOpenDatabase(&oDatabase, "bench", nullptr, nullptr), "open database");
+    Must(IndxOpenDatabase(&oDatabase, SAMPLE_DATABASE, nullptr, nullptr), "open database");
     Must(
         IndxOpenTableInternal(
-            &oTable, oDatabase, "samples", "samples", 0xc8424e43, "i;s;i;q;u;s;",
-            "Id, Name;Indexed, Size;Indexed, Stamp, Hash;Indexed, Note", FALSE, INDX_VERSION_NONE),
+            &oTable, oDatabase, SAMPLE_TABLE, SAMPLE_TABLE, SAMPLE_MAGIC, SAMPLE_FORMAT,
+            SAMPLE_FIELDS, FALSE, INDX_VERSION_NONE),
         "open table");
     Must(IndxGetFieldCursor(&oCursor, oTable, "Name"), "cursor");
     long before = status_kb("RssAnon");
