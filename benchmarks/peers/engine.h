@@ -1,8 +1,6 @@
-// engine.h - the small interface every measured engine sits behind, the
-// record type, and the deterministic workload.  To measure another library,
-// add one source file with a class derived from Engine and one line
-//     static Registrar r_("name", []{ return std::unique_ptr<Engine>(new MyEngine); });
-// and link it in (CMake: -DEXTRA_ENGINES=path/to/file.cpp).
+// engine.h - the small interface that every measured engine sits behind, the record type, and the
+// deterministic workload. To measure another library, add a source file with a class derived from
+// Engine, a Registrar that makes one, and a line in CMakeLists.txt.
 #pragma once
 #include <cstdint>
 #include <cstdio>
@@ -59,6 +57,9 @@ class Engine {
     virtual bool modify_size(int32_t id, int32_t size) = 0; // position by Id, change Size
     virtual bool erase(int32_t id) = 0;                     // position by Id, delete
     virtual void close() = 0;
+    // Levels of the trees of a closed table by the names of their fields, from an engine that can
+    // tell.
+    virtual std::vector<std::pair<std::string, int>> levels(const std::string&) const { return {}; }
 };
 
 using EngineFactory = std::function<std::unique_ptr<Engine>()>;

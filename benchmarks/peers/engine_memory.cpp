@@ -1,5 +1,5 @@
-// Example of an extra engine: std::map / std::multimap in memory, nothing stored.
-// Build it in with  cmake -DEXTRA_ENGINES=engine_memory.cpp  (same way for any other engine).
+// Maps in memory, nothing stored: the example of an engine, and the one that checks the work
+// itself.
 #include "engine.h"
 #include <map>
 #include <unordered_map>

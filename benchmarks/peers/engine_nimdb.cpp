@@ -2,28 +2,14 @@
 //   nimdb           files are read through mappings, as they are by default
 //   nimdb-unmapped  files are read with positioned reads (FileSysSetMapping)
 // Cursors stay open between operations, as the other engines keep their statements and handles.
+#include "block_file_inspector.h"
 #include "engine.h"
+#include "nimdb_table.h"
 
 #include <database/index.h>
 #include <nim/nim.h>
 
 namespace {
-
-constexpr uint32_t SAMPLE_MAGIC = 0xc8424e43;
-constexpr const char* SAMPLE_FORMAT = "i;s;i;q;u;s;";
-constexpr const char* SAMPLE_FIELDS = "Id, Name;Indexed, Size;Indexed, Stamp, Hash;Indexed, Note";
-constexpr const char* DATABASE = "bench";
-constexpr const char* TABLE = "samples";
-
-// The objects of the table: the items of the format, as they lie in memory.
-struct Sample {
-    int32_t id;
-    char* name;
-    int32_t size;
-    int64_t stamp;
-    UniqueId hash;
-    char* note;
-};
 
 void Must(bool bDone, const char* what)
 {
@@ -88,11 +74,11 @@ class NimdbEngine : public Engine {
             ObjTemplateCreateInternal(&type_, sizeof(Sample), SAMPLE_MAGIC, SAMPLE_FORMAT, nullptr),
             "template");
         Must(PathSetHome(dir.c_str()), "home");
-        Must(IndxOpenDatabase(&oDatabase_, DATABASE, nullptr, nullptr), "open database");
+        Must(IndxOpenDatabase(&oDatabase_, SAMPLE_DATABASE, nullptr, nullptr), "open database");
         Must(
             IndxOpenTableInternal(
-                &oTable_, oDatabase_, TABLE, TABLE, SAMPLE_MAGIC, SAMPLE_FORMAT, SAMPLE_FIELDS,
-                FALSE, INDX_VERSION_NONE),
+                &oTable_, oDatabase_, SAMPLE_TABLE, SAMPLE_TABLE, SAMPLE_MAGIC, SAMPLE_FORMAT,
+                SAMPLE_FIELDS, FALSE, INDX_VERSION_NONE),
             "open table");
         Must(IndxGetFieldCursor(&oById_, oTable_, "Id"), "cursor");
         Must(IndxGetFieldCursor(&oByName_, oTable_, "Name"), "cursor");
@@ -164,6 +150,15 @@ class NimdbEngine : public Engine {
             IndxReleaseCursor(poCursor);
         IndxReleaseTable(&oTable_);
         Must(IndxCloseDatabase(&oDatabase_), "close");
+    }
+
+    std::vector<std::pair<std::string, int>> levels(const std::string& dir) const override
+    {
+        std::vector<std::pair<std::string, int>> result;
+        auto file = dir + "/db/" + SAMPLE_DATABASE + "/Indexes/" + SAMPLE_TABLE;
+        for (const IndexFacts& index : InspectBlockFile(file).indexes)
+            result.emplace_back(index.field, index.levels);
+        return result;
     }
 };
 
