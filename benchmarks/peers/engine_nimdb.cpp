@@ -1,6 +1,7 @@
 // This library, used the way a host would: the exported C interface, one object a record.
 //   nimdb           files are read through mappings, as they are by default
 //   nimdb-unmapped  files are read with positioned reads (FileSysSetMapping)
+//   nimdb-mapped-writes  what lies inside a file is written through the mapping, too
 // Cursors stay open between operations, as the other engines keep their statements and handles.
 #include "block_file_inspector.h"
 #include "engine.h"
@@ -43,6 +44,7 @@ bool FindAndFetch(void* oCursor, void* oKey, Record& out)
 
 class NimdbEngine : public Engine {
     bool bMapped_;
+    bool bStoring_;
     uint32_t pool_ = 0;
     ObjTemplate* type_ = nullptr;
     void* oDatabase_ = nullptr;
@@ -62,13 +64,14 @@ class NimdbEngine : public Engine {
     }
 
   public:
-    explicit NimdbEngine(bool bMapped) : bMapped_(bMapped) {}
+    NimdbEngine(bool bMapped, bool bStoring) : bMapped_(bMapped), bStoring_(bStoring) {}
 
     std::string version() const override { return "this checkout"; }
 
     void open(const std::string& dir, bool, uint64_t) override
     {
         FileSysSetMapping(bMapped_);
+        FileSysSetMappedWriting(bStoring_);
         pool_ = MemGetDefaultPoolId();
         Must(
             ObjTemplateCreateInternal(&type_, sizeof(Sample), SAMPLE_MAGIC, SAMPLE_FORMAT, nullptr),
@@ -162,7 +165,10 @@ class NimdbEngine : public Engine {
     }
 };
 
-Registrar r1("nimdb", [] { return std::unique_ptr<Engine>(new NimdbEngine(true)); });
-Registrar r2("nimdb-unmapped", [] { return std::unique_ptr<Engine>(new NimdbEngine(false)); });
+Registrar r1("nimdb", [] { return std::unique_ptr<Engine>(new NimdbEngine(true, false)); });
+Registrar r2(
+    "nimdb-unmapped", [] { return std::unique_ptr<Engine>(new NimdbEngine(false, false)); });
+Registrar r3(
+    "nimdb-mapped-writes", [] { return std::unique_ptr<Engine>(new NimdbEngine(true, true)); });
 
 } // namespace
