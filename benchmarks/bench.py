@@ -177,10 +177,13 @@ def measure_round(programs, samples, engines, records, failures):
                 say(str(failure))
 
 
+WALKS = ("walk", "walk-unmapped", "walk-updating")
+
+
 def measure_walk(programs, records):
-    """(without, with) IndxUpdateTable in between."""
+    """With mappings; without; without, and with IndxUpdateTable in between."""
     programs.case("make", records, "walk")
-    results = [programs.case(name, records, "walk") for name in ("walk", "walk-updating")]
+    results = [programs.case(name, records, "walk") for name in WALKS]
     shutil.rmtree(programs.data / "walk")
     return results
 
@@ -224,7 +227,7 @@ def compare(options, programs):
         },
         "goals": goals.results,
         "open_ten_tables_us": ten_tables,
-        "walk": dict(zip(("without_update", "with_update"), walks)),
+        "walk": dict(zip(WALKS, walks)),
         "failures": failures,
     }
     write_results(

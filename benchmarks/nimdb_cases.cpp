@@ -6,9 +6,10 @@
 //   nimdb_cases fields COUNT DIR          records of so many fields, four of them indexed
 //   nimdb_cases record BYTES DIR          records with so many bytes of data
 //   nimdb_cases key BYTES DIR             an index over texts of so many bytes, their NUL included
-//   nimdb_cases make RECORDS DIR          the table for the next two, which stays
+//   nimdb_cases make RECORDS DIR          the table for the next three, which stays
 //   nimdb_cases walk RECORDS DIR          its walk by name, every record decoded: peak memory
-//   nimdb_cases walk-updating RECORDS DIR the same with IndxUpdateTable after every 10,000 records
+//   nimdb_cases walk-unmapped RECORDS DIR the same without mappings: blocks are brought into memory
+//   nimdb_cases walk-updating RECORDS DIR that with IndxUpdateTable after every 10,000 records
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -352,8 +353,10 @@ void MakeTable(const std::string& directory, uint32_t records)
 
 // The table that MakeTable made, walked by a cursor. `updateEvery` is a number of records, 0 for
 // never.
-void WalkForMemory(const std::string& directory, uint32_t records, uint32_t updateEvery)
+void WalkForMemory(
+    const std::string& directory, uint32_t records, bool bMapped, uint32_t updateEvery)
 {
+    FileSysSetMapping(bMapped);
     constexpr uint32_t SAMPLE_EVERY = 1000; // a look at the memory
     void* oDatabase = nullptr;
     void* oTable = nullptr;
@@ -403,7 +406,7 @@ int main(int argc, char** argv)
     std::string directory = argc > 3 ? argv[3] : "";
     if (amount == 0)
         die("usage: nimdb_cases CASE AMOUNT DIR; the cases stand at the head of nimdb_cases.cpp");
-    bool bKept = name == "walk" || name == "walk-updating";
+    bool bKept = name == "walk" || name == "walk-unmapped" || name == "walk-updating";
     if (!bKept) {
         std::filesystem::remove_all(directory);
         std::filesystem::create_directories(directory);
@@ -419,9 +422,11 @@ int main(int argc, char** argv)
     else if (name == "make")
         MakeTable(directory, amount);
     else if (name == "walk")
-        WalkForMemory(directory, amount, 0);
+        WalkForMemory(directory, amount, true, 0);
+    else if (name == "walk-unmapped")
+        WalkForMemory(directory, amount, false, 0);
     else if (name == "walk-updating")
-        WalkForMemory(directory, amount, 10000);
+        WalkForMemory(directory, amount, false, 10000);
     else
         die("no case " + name);
     if (!bKept && name != "make")
