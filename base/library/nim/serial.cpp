@@ -32,10 +32,10 @@
 // counted down.
 
 #include "crc32.h"
+#include "memwide.h"
 #include "object_internal.h"
 
 #include "nim/list.h"
-#include "nim/mem.h"
 
 #include <algorithm>
 #include <cstring>
@@ -141,12 +141,10 @@ class Numbering {
     bool GrowIntoPool()
     {
         constexpr uint32_t SLOT = sizeof(void*) + sizeof(uint32_t);
-        if (slots_ > UINT32_MAX / SLOT / 4)
-            return false;
-        uint32_t slots = slots_ * 4;
-        void* memory = MemAllocateFromPool(slots * SLOT, MemGetDefaultPoolId());
+        void* memory = MemAllocateWide(uint64_t{slots_} * 4 * SLOT);
         if (!memory)
             return false;
+        uint32_t slots = slots_ * 4;
         const void* const* oldPointers = pointers_;
         const uint32_t* oldNumbers = numbers_;
         uint32_t oldSlots = slots_;
@@ -320,10 +318,7 @@ class Growing {
     {
         if (count_ < capacity_)
             return true;
-        if (capacity_ > UINT32_MAX / sizeof(T) / 2)
-            return false;
-        void* memory = MemAllocateUncleared(
-            capacity_ * 2 * static_cast<uint32_t>(sizeof(T)), MemGetDefaultPoolId());
+        void* memory = MemAllocateWideUncleared(uint64_t{capacity_} * 2 * sizeof(T));
         if (!memory)
             return false;
         memcpy(memory, entries_, count_ * sizeof(T));
@@ -426,9 +421,7 @@ class Reader {
     // A copy with a NUL behind it; null without memory.
     static char* CopyWithNul(const void* bytes, uint32_t length)
     {
-        if (length == UINT32_MAX)
-            return nullptr;
-        auto* copy = static_cast<char*>(MemAllocateUncleared(length + 1, MemGetDefaultPoolId()));
+        auto* copy = static_cast<char*>(MemAllocateWideUncleared(uint64_t{length} + 1));
         if (!copy)
             return nullptr;
         if (length)
