@@ -337,6 +337,7 @@ int OnASmallDisk(const std::string& directory, const std::function<int()>& test)
             mount("none", directory.c_str(), "tmpfs", 0, "size=1m") != 0)
             _exit(250);
         const int line = test();
+        SaveCoverage();
         _exit(line == 0 ? 0 : 1 + line % 200);
     }
     int status = 0;
