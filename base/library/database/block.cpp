@@ -36,7 +36,10 @@ constexpr uint32_t LOG_BLOCK_FLUSH = 1299;
 constexpr uint32_t LOG_BLOCK_DISCARD = 1300;
 constexpr uint32_t LINK_SIZE = 4; // a free block's link to the next one
 
-const char* Truth(NimBool b) { return b ? "TRUE" : "FALSE"; }
+const char* Truth(NimBool b)
+{
+    return b ? "TRUE" : "FALSE";
+}
 
 uint32_t Pool()
 {
@@ -71,20 +74,6 @@ int64_t OffsetOf(int32_t tId)
 {
     const int32_t place = static_cast<int32_t>(static_cast<uint32_t>(tId) + 1);
     return static_cast<int64_t>(place) * BLCK_BLOCK_SIZE;
-}
-
-int32_t BlckCompareBlocks(const void* pLeft, const void* pRight)
-{
-    const uint32_t tLeft = static_cast<uint32_t>(static_cast<const BlckBlock*>(pLeft)->tId);
-    const uint32_t tRight = static_cast<uint32_t>(static_cast<const BlckBlock*>(pRight)->tId);
-    return static_cast<int32_t>(tLeft - tRight);
-}
-
-int32_t BlckCompareBlockId(const void* pKey, const void* pBlock)
-{
-    const uint32_t tKey = GetU32(pKey);
-    return static_cast<int32_t>(
-        tKey - static_cast<uint32_t>(static_cast<const BlckBlock*>(pBlock)->tId));
 }
 
 // Writes a block's data to its place. A failed seek is a failed write, with no message of its own:
@@ -194,8 +183,8 @@ BlckControl* ReadControl(void* hFile)
     if (!ObjTemplateCreateInstanceFromPool(control.OutVoid(), tmpl, Pool()))
         return nullptr;
     uint32_t count = 0;
-    const bool bRead = FileSysSeekStart(hFile) &&
-                       FileSysRead(&count, hFile, control.get(), BLCK_CONTROL_SIZE);
+    const bool bRead =
+        FileSysSeekStart(hFile) && FileSysRead(&count, hFile, control.get(), BLCK_CONTROL_SIZE);
     bool bSound = false;
     if (bRead) {
         BLCK_TRACE(DETAIL, "Read '%ld' of '%ld' byte header", count, BLCK_CONTROL_SIZE);
@@ -214,6 +203,20 @@ BlckControl* ReadControl(void* hFile)
 }
 
 } // namespace
+
+int32_t BlckCompareBlocks(const void* pLeft, const void* pRight)
+{
+    const uint32_t tLeft = static_cast<uint32_t>(static_cast<const BlckBlock*>(pLeft)->tId);
+    const uint32_t tRight = static_cast<uint32_t>(static_cast<const BlckBlock*>(pRight)->tId);
+    return static_cast<int32_t>(tLeft - tRight);
+}
+
+int32_t BlckCompareBlockId(const void* pKey, const void* pBlock)
+{
+    const uint32_t tKey = GetU32(pKey);
+    return static_cast<int32_t>(
+        tKey - static_cast<uint32_t>(static_cast<const BlckBlock*>(pBlock)->tId));
+}
 
 NimBool BlckFileOpen(void** ppBlck, const char* path)
 {
@@ -292,7 +295,8 @@ int32_t BlckNewBlock(void** ppData, void* oBlck)
 
 int32_t BlckNewUnusedBlock(void** ppData, void* oBlck)
 {
-    if (BlckControl* pControl = AsControl(oBlck); pControl && pControl->tFreeChain != BLCK_NO_BLOCK) {
+    if (BlckControl* pControl = AsControl(oBlck);
+        pControl && pControl->tFreeChain != BLCK_NO_BLOCK) {
         HeldObject<BlckBlock> inUse;
         if (ObjMapFind(inUse.OutVoid(), pControl->oMap, &pControl->tFreeChain)) {
             BLCK_TRACE(
@@ -305,7 +309,10 @@ int32_t BlckNewUnusedBlock(void** ppData, void* oBlck)
     return BlckNewBlock(ppData, oBlck);
 }
 
-uint32_t BlckSize(const void*) { return BLCK_BLOCK_SIZE; }
+uint32_t BlckSize(const void*)
+{
+    return BLCK_BLOCK_SIZE;
+}
 
 void* BlckUserData(void* oBlck)
 {
@@ -313,7 +320,10 @@ void* BlckUserData(void* oBlck)
     return pControl ? pControl->userData : nullptr;
 }
 
-uint32_t BlckUserDataLength(const void* oBlck) { return AsControl(oBlck) ? BLCK_USER_DATA_SIZE : 0; }
+uint32_t BlckUserDataLength(const void* oBlck)
+{
+    return AsControl(oBlck) ? BLCK_USER_DATA_SIZE : 0;
+}
 
 void BlckUserDataModified(void* oBlck)
 {
@@ -403,8 +413,7 @@ bool LoadBlock(void** ppData, BlckControl* pControl, int32_t tId)
 
 NimBool BlckGetBlock(void** ppData, void* oBlck, int32_t tId)
 {
-    BLCK_TRACE(
-        DETAIL, "BlckGetBlock(%p, 0x%p, %ld)", static_cast<void*>(ppData), oBlck, tId);
+    BLCK_TRACE(DETAIL, "BlckGetBlock(%p, 0x%p, %ld)", static_cast<void*>(ppData), oBlck, tId);
     NimBool bGot = FALSE;
     if (CanGetBlock(ppData, oBlck, tId)) {
         BlckControl* pControl = AsControl(oBlck);
@@ -412,8 +421,7 @@ NimBool BlckGetBlock(void** ppData, void* oBlck, int32_t tId)
         if (ObjMapFind(block.OutVoid(), pControl->oMap, &tId)) {
             BLCK_TRACE(DETAIL, "Block already in memory");
             BLCK_TRACE(
-                DETAIL, "Block %ld (%ld) at %p", tId, block->tId,
-                static_cast<void*>(block->data));
+                DETAIL, "Block %ld (%ld) at %p", tId, block->tId, static_cast<void*>(block->data));
             *ppData = block->data;
             bGot = TRUE;
         } else {

@@ -38,6 +38,7 @@
 #include "nim/list.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 namespace {
@@ -593,9 +594,9 @@ class Reader {
 
     bool ReadList(void* list, uint32_t depth)
     {
-        uint8_t head[LIST_HEAD];
-        if (!Get(head, sizeof head))
-            return false;
+        assert(Left() >= LIST_HEAD); // or there would be no list
+        const uint8_t* head = at_;
+        at_ += LIST_HEAD;
         ListSetItemType(list, Get32(head));
         uint32_t count = Get32(head + 4);
         if (count > Left())

@@ -1,6 +1,7 @@
 // Files under faults: every point and mode, the observer, and a disk that is really full.
 #include "nim/fault.h"
 #include "nim/filesys.h"
+#include "support/coverage.h"
 #include "support/file_bytes.h"
 #include "support/temporary_directory.h"
 
