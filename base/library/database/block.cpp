@@ -76,20 +76,6 @@ int64_t OffsetOf(int32_t tId)
     return static_cast<int64_t>(place) * BLCK_BLOCK_SIZE;
 }
 
-int32_t BlckCompareBlocks(const void* pLeft, const void* pRight)
-{
-    const uint32_t tLeft = static_cast<uint32_t>(static_cast<const BlckBlock*>(pLeft)->tId);
-    const uint32_t tRight = static_cast<uint32_t>(static_cast<const BlckBlock*>(pRight)->tId);
-    return static_cast<int32_t>(tLeft - tRight);
-}
-
-int32_t BlckCompareBlockId(const void* pKey, const void* pBlock)
-{
-    const uint32_t tKey = GetU32(pKey);
-    return static_cast<int32_t>(
-        tKey - static_cast<uint32_t>(static_cast<const BlckBlock*>(pBlock)->tId));
-}
-
 // Writes a block's data to its place. A failed seek is a failed write, with no message of its own:
 // written all the same, the block would overwrite whatever lies at the file's present position.
 bool WriteBlock(BlckControl* pOwner, const BlckBlock* pBlock)
@@ -217,6 +203,20 @@ BlckControl* ReadControl(void* hFile)
 }
 
 } // namespace
+
+int32_t BlckCompareBlocks(const void* pLeft, const void* pRight)
+{
+    const uint32_t tLeft = static_cast<uint32_t>(static_cast<const BlckBlock*>(pLeft)->tId);
+    const uint32_t tRight = static_cast<uint32_t>(static_cast<const BlckBlock*>(pRight)->tId);
+    return static_cast<int32_t>(tLeft - tRight);
+}
+
+int32_t BlckCompareBlockId(const void* pKey, const void* pBlock)
+{
+    const uint32_t tKey = GetU32(pKey);
+    return static_cast<int32_t>(
+        tKey - static_cast<uint32_t>(static_cast<const BlckBlock*>(pBlock)->tId));
+}
 
 NimBool BlckFileOpen(void** ppBlck, const char* path)
 {

@@ -1,5 +1,5 @@
 // block_internal.h: what the block store shows to the index layer and to tests, beyond its exported
-// interface: the layout of its two objects and of the file, and three operations.
+// interface: the layout of its two objects and of the file, and a few operations.
 #pragma once
 
 #include <cstddef>
@@ -61,6 +61,12 @@ struct BlckBlock {
 };
 static_assert(offsetof(BlckBlock, data) == 8 && offsetof(BlckBlock, tId) == 16392);
 static_assert(offsetof(BlckBlock, bDiscarded) == 16400 && sizeof(BlckBlock) == 16408);
+
+// The order of the blocks in memory: by id. The map keeps the ids beside the blocks and calls
+// neither; they are what it is told to order by (see ObjMapSetIntegerKey). The first takes two
+// blocks, the second the address of an id and a block.
+int32_t BlckCompareBlocks(const void* pLeft, const void* pRight);
+int32_t BlckCompareBlockId(const void* pKey, const void* pBlock);
 
 // Writes the control block if it is modified. Run by BlckReleaseAll and by the last release.
 void BlckFlushControlBlock(BlckControl* oBlck);

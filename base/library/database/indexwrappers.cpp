@@ -63,8 +63,8 @@ NimBool IndxGetObjectFromTable(
                                                  : FALSE;
 }
 
-NimBool IndxDeleteObjectFromTable(
-    void* oTable, const char* fieldName, uint32_t id, void* oKeyObject)
+NimBool
+IndxDeleteObjectFromTable(void* oTable, const char* fieldName, uint32_t id, void* oKeyObject)
 {
     HeldCursor cursor(oTable, fieldName);
     if (!cursor) {
@@ -140,8 +140,7 @@ uint64_t StepLimit(const HeldCursor& cursor)
 
 uint32_t WalkField(const Walk& walk, HeldCursor& cursor)
 {
-    if (!IndxCursorBOI(cursor.get()))
-        return 0;
+    IndxCursorBOI(cursor.get());
     uint64_t left = StepLimit(cursor);
     uint32_t result = 1;
     while (result == 1) {
@@ -163,8 +162,8 @@ uint32_t WalkField(const Walk& walk, HeldCursor& cursor)
 
 } // namespace
 
-uint32_t IndxWalkTable(
-    void* oTable, const char* fieldName, IndxWalkCallback callback, void* context)
+uint32_t
+IndxWalkTable(void* oTable, const char* fieldName, IndxWalkCallback callback, void* context)
 {
     if (!IndxAsTable(oTable) || !fieldName || !callback)
         return 0;

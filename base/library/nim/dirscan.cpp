@@ -5,8 +5,8 @@
 // files, make directories and scan in turn.
 #include "nim/dirscan.h"
 
+#include "memwide.h"
 #include "nim/fault.h"
-#include "nim/mem.h"
 #include "sys.h"
 
 #include <algorithm>
@@ -27,12 +27,9 @@ static bool DirMakeRoom(NameList* list, size_t size)
 {
     if (size <= list->room - list->size)
         return true;
-    uint64_t room = list->room ? uint64_t{list->room} * 2 : 4096;
-    while (room - list->size < size)
-        room *= 2;
-    if (room > INT32_MAX)
-        return false;
-    void* text = MemAllocateUncleared(static_cast<uint32_t>(room), MemGetDefaultPoolId());
+    const uint64_t room =
+        std::max({uint64_t{4096}, uint64_t{list->room} * 2, list->size + uint64_t{size}});
+    void* text = MemAllocateWideUncleared(room);
     if (!text)
         return false;
     if (list->size)
@@ -60,11 +57,8 @@ static bool DirTakeName(void* context, const char* name)
 // The starts of the names in ascending order; null when out of memory.
 static const char** DirSortNames(const NameList* list)
 {
-    const uint64_t bytes = uint64_t{list->count} * sizeof(const char*);
-    if (bytes > INT32_MAX)
-        return nullptr;
     const char** names = static_cast<const char**>(
-        MemAllocateFromPool(static_cast<uint32_t>(bytes), MemGetDefaultPoolId()));
+        MemAllocateWideUncleared(uint64_t{list->count} * sizeof(const char*)));
     if (!names)
         return nullptr;
     const char* name = list->text;

@@ -11,8 +11,8 @@
 
 #include "filemap.h"
 #include "filetable.h"
+#include "memwide.h"
 #include "nim/fault.h"
-#include "nim/mem.h"
 #include "sys.h"
 
 #include <algorithm>
@@ -136,11 +136,7 @@ static uint32_t FileModeFlags(uint32_t mode)
 static File* FileNew(const char* path)
 {
     const size_t length = strlen(path);
-    if (length >= INT32_MAX - sizeof(File))
-        return nullptr;
-    void* memory = MemAllocateFromPool(
-        static_cast<uint32_t>(sizeof(File) + length + 1), MemGetDefaultPoolId());
-    File* file = static_cast<File*>(memory);
+    File* file = static_cast<File*>(MemAllocateWide(sizeof(File) + length + 1));
     if (file) {
         file->system = SYS_NO_FILE;
         file->path = reinterpret_cast<char*>(file + 1);

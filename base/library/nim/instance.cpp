@@ -16,6 +16,7 @@
 #include "nim/proc.h"
 #include "nim/trace.h"
 
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 
@@ -223,10 +224,9 @@ void ObjDiscardUnfinished(void* handle)
 {
     ObjHeader* header = HeaderOf(handle);
     const ObjTemplate* tmpl = header->tmpl;
+    assert(tmpl->shape != ObjShape::Map);
     if (tmpl->shape == ObjShape::List)
         ListForget(handle);
-    else if (tmpl->shape == ObjShape::Map)
-        MapForget(handle);
     for (uint32_t i = 0; i < tmpl->heldCount; ++i) {
         if (!HoldsObject(tmpl->held[i]))
             FreeHeld(static_cast<char*>(handle), tmpl->held[i]);

@@ -71,7 +71,8 @@ void ObjTemplateFreePrivate(ObjTemplate* tmpl);
 // ---- instance.cpp -----------------------------------------------------------------------------
 
 // Frees an object and the memory that its items hold, as if it had never been finished: no
-// destructor, and the objects it refers to are left alone. For graphs that failed half-built.
+// destructor, and the objects it refers to are left alone. For graphs that failed half-built; no
+// map is ever in one.
 void ObjDiscardUnfinished(void* handle);
 
 // Gives an object whose template has a replacement that one.
@@ -92,12 +93,12 @@ inline bool ObjIsMap(const void* handle)
     return handle && (static_cast<const ObjHeader*>(handle) - 1)->tmpl == &gObjMapTemplate;
 }
 
-// For a list or map that dies: takes the first entry out, its reference included; null when empty.
+// For a list or map that dies: takes the first entry out, its reference included; null when empty,
+// and then its room is free.
 void* ListTakeFirst(void* list);
 void* MapTakeFirst(void* map);
-// Frees all room that a list or map holds, without touching the entries.
+// Frees all room that a list holds, without touching the entries.
 void ListForget(void* list);
-void MapForget(void* map);
 void ListSetItemType(void* list, uint32_t itemMagic);
 // For the serialiser: the entry behind `node` (null: the first), null at the end.
 ListNode* ListNextNode(const void* list, const ListNode* node);

@@ -17,9 +17,8 @@
 
 #include "nim/objmap.h"
 
+#include "memwide.h"
 #include "object_internal.h"
-
-#include "nim/mem.h"
 
 #include <cstring>
 
@@ -27,7 +26,6 @@ namespace {
 
 constexpr uint32_t CHUNK_ENTRIES = 256;
 constexpr uint32_t INLINE_CHUNKS = 4;
-constexpr uint32_t LARGEST_DIRECTORY = 1u << 24; // 2^32 entries
 
 struct Chunk {
     uint32_t count;
@@ -180,13 +178,11 @@ bool GrowDirectory(Map* map)
 {
     if (map->chunkCount < map->capacity)
         return true;
-    if (map->capacity >= LARGEST_DIRECTORY)
-        return false;
-    uint32_t capacity = map->capacity * 4;
-    void* memory = MemAllocateUncleared(
-        capacity * static_cast<uint32_t>(sizeof(void*) + sizeof(int32_t)), OBJ_HEADER(map)->pool);
+    void* memory =
+        MemAllocateWideUncleared(uint64_t{map->capacity} * 4 * (sizeof(void*) + sizeof(int32_t)));
     if (!memory)
         return false;
+    uint32_t capacity = map->capacity * 4;
     auto** chunks = static_cast<Chunk**>(memory);
     auto* keys = reinterpret_cast<int32_t*>(chunks + capacity);
     memcpy(chunks, map->chunks, map->chunkCount * sizeof(void*));
@@ -420,17 +416,9 @@ void* MapTakeFirst(void* map)
         ++self->takenChunk;
         self->takenEntry = 0;
     }
-    MapForget(map);
-    return nullptr;
-}
-
-void MapForget(void* map)
-{
-    auto* self = static_cast<Map*>(map);
-    for (; self->takenChunk < self->chunkCount; ++self->takenChunk)
-        MemFree(self->chunks[self->takenChunk]);
     FreeDirectory(self, self->chunks);
     UseInlineDirectory(self);
     self->chunkCount = 0;
     MemFree(self->spare);
+    return nullptr;
 }

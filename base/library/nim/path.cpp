@@ -4,8 +4,8 @@
 // nor can run out of memory; everything handed out comes from the default pool.
 #include "nim/path.h"
 
+#include "memwide.h"
 #include "nim/fault.h"
-#include "nim/mem.h"
 #include "nim/str.h"
 #include "spinlock.h"
 #include "sys.h"
@@ -28,13 +28,10 @@ char* PathBuild(const char* directory, const char* name, uint32_t)
 
     const size_t first = strlen(directory);
     const size_t second = strlen(name);
-    if (first > INT32_MAX || second > INT32_MAX - first - 2)
-        return nullptr;
-    char* path =
-        static_cast<char*>(MemAllocateFromPool(static_cast<uint32_t>(first + second + 2), pool));
+    char* path = static_cast<char*>(MemAllocateWideUncleared(uint64_t{first} + second + 2));
     if (!path)
         return nullptr;
-    MemCopy(path, directory, static_cast<uint32_t>(first));
+    memcpy(path, directory, first);
     char* end = path + first;
     if (!SysIsSeparator(end[-1]))
         *end++ = SysSeparator();

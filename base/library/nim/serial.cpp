@@ -32,12 +32,13 @@
 // counted down.
 
 #include "crc32.h"
+#include "memwide.h"
 #include "object_internal.h"
 
 #include "nim/list.h"
-#include "nim/mem.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 namespace {
@@ -141,12 +142,10 @@ class Numbering {
     bool GrowIntoPool()
     {
         constexpr uint32_t SLOT = sizeof(void*) + sizeof(uint32_t);
-        if (slots_ > UINT32_MAX / SLOT / 4)
-            return false;
-        uint32_t slots = slots_ * 4;
-        void* memory = MemAllocateFromPool(slots * SLOT, MemGetDefaultPoolId());
+        void* memory = MemAllocateWide(uint64_t{slots_} * 4 * SLOT);
         if (!memory)
             return false;
+        uint32_t slots = slots_ * 4;
         const void* const* oldPointers = pointers_;
         const uint32_t* oldNumbers = numbers_;
         uint32_t oldSlots = slots_;
@@ -324,10 +323,7 @@ class Growing {
     {
         if (count_ < capacity_)
             return true;
-        if (capacity_ > UINT32_MAX / sizeof(T) / 2)
-            return false;
-        void* memory = MemAllocateUncleared(
-            capacity_ * 2 * static_cast<uint32_t>(sizeof(T)), MemGetDefaultPoolId());
+        void* memory = MemAllocateWideUncleared(uint64_t{capacity_} * 2 * sizeof(T));
         if (!memory)
             return false;
         memcpy(memory, entries_, count_ * sizeof(T));
@@ -430,9 +426,7 @@ class Reader {
     // A copy with a NUL behind it; null without memory.
     static char* CopyWithNul(const void* bytes, uint32_t length)
     {
-        if (length == UINT32_MAX)
-            return nullptr;
-        auto* copy = static_cast<char*>(MemAllocateUncleared(length + 1, MemGetDefaultPoolId()));
+        auto* copy = static_cast<char*>(MemAllocateWideUncleared(uint64_t{length} + 1));
         if (!copy)
             return nullptr;
         if (length)
@@ -604,9 +598,9 @@ class Reader {
 
     bool ReadList(void* list, uint32_t depth)
     {
-        uint8_t head[LIST_HEAD];
-        if (!Get(head, sizeof head))
-            return false;
+        assert(Left() >= LIST_HEAD); // or there would be no list
+        const uint8_t* head = at_;
+        at_ += LIST_HEAD;
         ListSetItemType(list, Get32(head));
         uint32_t count = Get32(head + 4);
         if (count > Left())

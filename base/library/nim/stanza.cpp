@@ -8,6 +8,7 @@
 // to at most one stanza.
 #include "nim/stanza.h"
 
+#include "memwide.h"
 #include "nim/fault.h"
 #include "nim/filesys.h"
 #include "nim/mem.h"
@@ -169,13 +170,10 @@ static bool StnzWriteFile(const char* path, const Output* output)
 static bool StnzReplaceFile(const char* path, const Output* output)
 {
     const size_t length = strlen(path);
-    if (length > INT32_MAX)
-        return false;
-    char* temporary = static_cast<char*>(
-        MemAllocateUncleared(static_cast<uint32_t>(length + 5), MemGetDefaultPoolId()));
+    char* temporary = static_cast<char*>(MemAllocateWideUncleared(uint64_t{length} + 5));
     if (!temporary)
         return false;
-    MemCopy(temporary, path, static_cast<uint32_t>(length));
+    memcpy(temporary, path, length);
     memcpy(temporary + length, ".tmp", 5);
     const bool good = StnzWriteFile(temporary, output) && SysReplaceFile(temporary, path);
     if (!good)
@@ -202,8 +200,6 @@ static bool StnzKeyNameHolds(const char* name)
 
 static void StnzFreeKey(StnzKey* key)
 {
-    if (!key)
-        return;
     MemFree(key->name);
     MemFree(key->value);
     MemFree(key);

@@ -271,9 +271,7 @@ ObjTemplate* Make(uint32_t magic, const char* format, const Layout& counted)
     size_t total = sizeof(ObjTemplate) + sizeof(ObjHeldItem) * counted.held +
                    sizeof(ObjUncleared) * counted.uncleared + sizeof(ObjDbField) * counted.items +
                    text;
-    if (FaultFails(FAULT_ALLOC))
-        return nullptr;
-    auto* memory = static_cast<char*>(calloc(1, total));
+    auto* memory = static_cast<char*>(FaultFails(FAULT_ALLOC) ? nullptr : calloc(1, total));
     if (!memory)
         return nullptr;
     auto* tmpl =

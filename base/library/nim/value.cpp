@@ -4,9 +4,8 @@
 // pool. What is read out of one is checked by magic and by shape: a magic alone is no promise of
 // what lies in the body, since anybody may register a template under any magic.
 
+#include "memwide.h"
 #include "object_internal.h"
-
-#include "nim/mem.h"
 
 #include <cstring>
 
@@ -66,7 +65,7 @@ NimBool CreateNumber(void** out, BuiltIn& type, T value)
 }
 
 // Copies `len` bytes and puts a NUL behind them.
-bool CopyBytes(void* dest, const void* bytes, uint32_t len)
+bool CopyBytes(void* dest, const void* bytes, size_t len)
 {
     auto* to = static_cast<char*>(dest);
     if (!to)
@@ -94,13 +93,13 @@ NimBool ObjDataFieldCreate(void** out, const void* bytes, uint32_t len)
     if (!out)
         return FALSE;
     *out = nullptr;
-    if ((!bytes && len) || len == UINT32_MAX)
+    if (!bytes && len)
         return FALSE;
     void* object = gDataField.New();
     if (!object)
         return FALSE;
     // The NUL that the size does not count lets a text be traced out of the block as it stands.
-    ObjData data = {len, 0, MemAllocateUncleared(len + 1, MemGetDefaultPoolId())};
+    ObjData data = {len, 0, MemAllocateWideUncleared(uint64_t{len} + 1)};
     if (!CopyBytes(data.data, bytes, len)) {
         ObjReleaseInternal(&object);
         return FALSE;
@@ -127,14 +126,11 @@ void* ObjInt64New(int64_t value)
 void* ObjStringNew(const char* text)
 {
     size_t length = text ? strlen(text) : 0;
-    if (length >= UINT32_MAX)
-        return nullptr;
     void* object = gString.New();
     if (!object || !text)
         return object;
-    auto bytes = static_cast<uint32_t>(length);
-    void* copy = MemAllocateUncleared(bytes + 1, MemGetDefaultPoolId());
-    if (CopyBytes(copy, text, bytes))
+    void* copy = MemAllocateWideUncleared(uint64_t{length} + 1);
+    if (CopyBytes(copy, text, length))
         memcpy(object, &copy, sizeof copy);
     else
         ObjReleaseInternal(&object);

@@ -1,6 +1,7 @@
 // Files under faults: every point and mode, the observer, and a disk that is really full.
 #include "nim/fault.h"
 #include "nim/filesys.h"
+#include "support/coverage.h"
 #include "support/file_bytes.h"
 #include "support/temporary_directory.h"
 
@@ -337,6 +338,7 @@ int OnASmallDisk(const std::string& directory, const std::function<int()>& test)
             mount("none", directory.c_str(), "tmpfs", 0, "size=1m") != 0)
             _exit(250);
         const int line = test();
+        SaveCoverage();
         _exit(line == 0 ? 0 : 1 + line % 200);
     }
     int status = 0;

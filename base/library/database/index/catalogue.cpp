@@ -146,7 +146,9 @@ bool IsListOfNames(const void* oList)
 // Closes one table of a database that is being closed, and takes it out of the list.
 NimBool CloseItem(void* oTables, void* oTable)
 {
-    void* oHeld = ObjIncRefCount(oTable);
+    // Counted by hand: holding on is no step that may fail, or the table would stay open for ever.
+    ++OBJ_HEADER(oTable)->refCount;
+    void* oHeld = oTable;
     IndxCloseTable(&oHeld);
     ListNode* pNode = nullptr;
     if (ListFindNode(&pNode, oTables, oTable))

@@ -5,6 +5,8 @@
 // Table and fields hold each other: the list in the table holds its fields, each field the table.
 // Whoever gives a table up breaks that ring first (IndxUnhookFields).
 
+#include <cassert>
+
 #include "../scope.h"
 #include "database/block.h"
 #include "schema.h"
@@ -368,12 +370,13 @@ NimBool IndxHookFields(IndxTable* pTable)
 void IndxUnhookFields(IndxTable* pTable)
 {
     void* oField = nullptr;
-    while (ListGetNthItem(&oField, pTable->oFields, 0)) {
+    bool bRemoved = true;
+    while (bRemoved && ListGetNthItem(&oField, pTable->oFields, 0)) {
         // Cursors hold their field: without this a field with an open cursor would live for ever.
         // A field that outlives this, held by a caller's cursor, keeps the table in its turn.
         ObjRelease(static_cast<IndxField*>(oField)->oCursors);
         ListNode* pNode = nullptr;
-        if (!ListFindNode(&pNode, pTable->oFields, oField) || !ListRemoveItem(pNode))
-            return;
+        bRemoved = ListFindNode(&pNode, pTable->oFields, oField) && ListRemoveItem(pNode);
+        assert(bRemoved);
     }
 }

@@ -290,7 +290,7 @@ void MoveWithHeap(
     MemCopy(pSlots, NodeEntry(pSource, sourcePosition), size);
     uint32_t total = 0;
     for (int32_t i = 0; i < count; ++i) {
-        uint8_t* pEntry = pSlots + INDX_ENTRY_SIZE * static_cast<uint32_t>(i);
+        uint8_t* pEntry = NodeEntry(pDest, destPosition + i);
         const uint32_t offset = EntryHeapOffset(pEntry);
         INDX_TRACE(INDX_DETAIL, " fixup entry %ld offset %ld", i, offset);
         PutU32(pEntry + INDX_ENTRY_HEAP_OFFSET, offset + static_cast<uint32_t>(correction));

@@ -58,11 +58,11 @@ inline bool IsEndLeaf(const IndxCursor* pCursor, uint32_t tLeaf, uint32_t link)
 // Address of entry `position` (0-based).
 inline uint8_t* NodeEntry(uint8_t* pNode, int32_t position)
 {
-    return pNode + INDX_NODE_HEADER + INDX_ENTRY_SIZE * static_cast<uint32_t>(position);
+    return pNode + INDX_NODE_HEADER + size_t{INDX_ENTRY_SIZE} * static_cast<uint32_t>(position);
 }
 inline const uint8_t* NodeEntry(const uint8_t* pNode, int32_t position)
 {
-    return pNode + INDX_NODE_HEADER + INDX_ENTRY_SIZE * static_cast<uint32_t>(position);
+    return pNode + INDX_NODE_HEADER + size_t{INDX_ENTRY_SIZE} * static_cast<uint32_t>(position);
 }
 inline uint32_t EntryId(const uint8_t* pEntry)
 {

@@ -108,10 +108,7 @@ bool AttachTable(IndxTable* pTable, void* oBlck, IndxDatabase* pDatabase, const 
     pTable->oDatabase = static_cast<IndxDatabase*>(ObjIncRefCount(pDatabase));
     if (!pTable->oBlck || !pTable->oDatabase || !IndxHookFields(pTable))
         return false;
-    if (!IndxRecordsOpen(pTable, fileName)) {
-        INDX_TRACE(INDX_DETAIL, "Failed to open records file");
-        return false;
-    }
+    IndxRecordsOpen(pTable, fileName); // TRUE for any table of a database
     return true;
 }
 
@@ -210,10 +207,7 @@ bool DefineTable(IndxTable* pTable, const Request& request)
         INDX_TRACE(INDX_ALWAYS, "Failed to create table");
         return false;
     }
-    if (!IndxRecordsOpen(pTable, request.fileName)) {
-        INDX_TRACE(INDX_ALWAYS, "Failed to open records");
-        return false;
-    }
+    IndxRecordsOpen(pTable, request.fileName); // TRUE for any table of a database
     return true;
 }
 

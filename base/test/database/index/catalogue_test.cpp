@@ -421,6 +421,18 @@ TEST_F(Catalogue, ClosingTheDatabaseLeavesNothingOpen)
     EXPECT_EQ(FileSysOpenCount(), 0u);
 }
 
+TEST_F(Catalogue, ClosingTheDatabaseClosesItsTablesThoughNoReferenceCanBeTaken)
+{
+    ASSERT_TRUE(Open());
+    ASSERT_TRUE(Add(Create("A"), "x"));
+    ASSERT_TRUE(Add(Create("B"), "x"));
+    ASSERT_TRUE(Reopen());
+    ASSERT_EQ(TableCount(), 2u);
+    Fail(FAULT_INCREF, 1, 0);
+    EXPECT_EQ(IndxCloseDatabase(databaseVariable()), 1u);
+    EXPECT_EQ(ObjLiveCount(0), 0u); // nor memory and files, says the end of the test
+}
+
 TEST_F(Catalogue, ClosedTableHasNoFieldsLeft)
 {
     ASSERT_TRUE(Open());

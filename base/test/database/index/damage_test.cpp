@@ -258,6 +258,22 @@ TEST_F(TreeDamage, HeapOffsetsThatAreNoRunningSumsAreNotMoved)
     index->Backout();
 }
 
+TEST_F(TreeDamage, ANodeIsNotSplitBehindAnEntryWhoseHeapPassesItsEnd)
+{
+    // The second entry of a full branch, which no search for the last key compares, claims to lead
+    // to the last leaf: splitting that leaf splits the branch behind this entry.
+    std::string bytes = good_;
+    const size_t branch = (size_t{branches_[0]} + 1) * 16384;
+    PutU32At(bytes, branch + Pointer(1), leaves_[7]);
+    PutU32At(bytes, branch + HeapOffset(1), 16340);
+    auto index = Open(bytes);
+    TraceRecorder trace;
+    Refuses(*index, true, 127);
+    auto splits = Open(good_);
+    EXPECT_TRUE(splits->Insert(9000, Name(127)));
+    splits->Backout();
+}
+
 TEST_F(TreeDamage, EveryHeapOffsetOverwrittenWithEveryLimitIsRefusedOrHarmless)
 {
     const uint32_t values[] = {0,          1,          23,         16351,      16352,

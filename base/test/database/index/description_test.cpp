@@ -358,6 +358,23 @@ TEST_F(Contradictory, Flags)
         contradicted);
 }
 
+TEST_F(Contradictory, ItemsThatNoFieldCanHave)
+{
+    // What lives in memory only is counted as an item, and has no place in a record.
+    for (const char* format : {"i;s;sl;", "i;s;ol;"}) {
+        ObjTemplate* pTemplate = nullptr;
+        ASSERT_EQ(
+            ObjTemplateCreateInternal(&pTemplate, OBJ_SIZE_COMPUTED, MAGIC, format, nullptr), 1u);
+        const uint32_t size = ObjGetDbDataFromTemplate(pTemplate)->fixedSize;
+        ExpectFault(
+            [&](IndxTable* p) {
+                SetText(&p->format, format);
+                p->fixedSize = size;
+            },
+            "a field is not what the format makes of it");
+    }
+}
+
 TEST_F(Contradictory, Numbers)
 {
     const std::string contradicted = "a field is not what the format makes of it";
@@ -546,6 +563,23 @@ void OpenBehindAForeignTemplate()
             std::exit(5);
         IndxReleaseTable(&oTable);
         IndxCloseDatabase(&oDatabase);
+    }
+    // The fields of a table that is loaded are replaced by the index's own: without memory for that
+    // the table is not loaded, and is there at the next opening.
+    bool bStruck = true;
+    for (uint32_t nth = 1; bStruck; ++nth) {
+        void* oDatabase = nullptr;
+        const FaultRule rule = {FAULT_ALLOC, nullptr, nth, 1, FAULT_FAIL, 0};
+        const uint32_t id = FaultArm(&rule);
+        const NimBool bOpened = IndxOpenDatabase(&oDatabase, "Data", nullptr, nullptr);
+        bStruck = FaultHits(id) != 0;
+        FaultDisarmAll();
+        if (!bStruck &&
+            (!bOpened || ListGetCount(static_cast<IndxDatabase*>(oDatabase)->oTables) != 1))
+            std::exit(7);
+        IndxCloseDatabase(&oDatabase);
+        if (ObjLiveCount(0) != 0 || FileSysOpenCount() != 0)
+            std::exit(8);
     }
     std::exit(ObjLiveCount(0) == 0 ? 0 : 6);
 }

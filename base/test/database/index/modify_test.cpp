@@ -490,6 +490,27 @@ TEST_F(ModifyTest, AnObjectAtACursorIsRefusedWithoutAMessageWhenAnArgumentIsUnus
     ExpectHolds(table_, model_);
 }
 
+TEST_F(ModifyTest, AnObjectOfAnotherTypeAtACursorIsRefusedWhateverItsId)
+{
+    AddFirst(1);
+    const Cursor cursor(table_, "Id");
+    ASSERT_EQ(IndxFirstKey(cursor.get()), INDX_RESULT_FOUND);
+    for (int32_t id : {0, 1}) {
+        Instance other(MAGIC, FORMAT);
+        other.at<int32_t>(0) = id;
+        other.setText(1, "name");
+        IndxSetError(UNTOUCHED);
+        EXPECT_EQ(IndxModifyObjectAtCursor(cursor.get(), other.get()), 0u);
+        EXPECT_EQ(IndxError(), INDX_ERROR_RECORD_TYPE);
+    }
+    // Too short for an id to be looked for.
+    Instance shorter(PERSON_MAGIC, "i;");
+    IndxSetError(UNTOUCHED);
+    EXPECT_EQ(IndxModifyObjectAtCursor(cursor.get(), shorter.get()), 0u);
+    EXPECT_EQ(IndxError(), INDX_ERROR_ARGUMENT);
+    ExpectHolds(table_, model_);
+}
+
 TEST_F(ModifyTest, WhatIsNoRecordOfTheTableIsRefused)
 {
     AddFirst(1);

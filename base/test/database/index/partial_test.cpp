@@ -638,6 +638,33 @@ TEST_F(PartialTest, TheStepNeverWritesPastItsBuffer)
     EXPECT_EQ(read.size, FIXED_SIZE + 4); // grows all the same
 }
 
+TEST_F(PartialTest, TheStepDoesNotFollowASlotOutsideOfTheFixedPart)
+{
+    AddAda();
+    HeldBytes fixed;
+    ASSERT_EQ(Read(&fixed, 0, nullptr), 1u);
+    std::string room = fixed.bytes() + std::string(13, 'x');
+    const std::string before = room;
+    IndxField* pField = Field(table_, 1);
+    const int32_t good = pField->recordOffset;
+    for (const uint32_t* pSelected : {none_, static_cast<const uint32_t*>(nullptr)}) {
+        for (const int32_t offset : {-1, -8, static_cast<int32_t>(FIXED_SIZE) - 7, INT32_MAX}) {
+            IndxPartialRead read = {
+                table(),    pSelected,       reinterpret_cast<uint8_t*>(room.data()),
+                FIXED_SIZE, FIXED_SIZE + 13, 13};
+            pField->recordOffset = offset;
+            LogRecorder log;
+            IndxSetError(UNTOUCHED);
+            EXPECT_EQ(IndxReadPartialField(&read, pField), 0u) << offset;
+            EXPECT_EQ(IndxError(), INDX_ERROR_READ);
+            EXPECT_EQ(log.count(1306), 1u);
+            EXPECT_EQ(read.size, FIXED_SIZE);
+        }
+    }
+    pField->recordOffset = good;
+    EXPECT_EQ(room, before);
+}
+
 // ---- records and objects ---------------------------------------------------------------------
 
 TEST_F(PartialTest, APartialRecordIsABlobOfTheTablesType)

@@ -332,6 +332,19 @@ TEST_F(RecordReadTest, ACursorThatIsNotOnAKeyYieldsNoRecord)
     ExpectSound(table_);
 }
 
+TEST_F(RecordReadTest, UnusableArgumentsYieldNoRecord)
+{
+    MustAdd(1);
+    void* out = table_;
+    EXPECT_EQ(IndxGetRecord(&out, nullptr, 0), 0u);
+    EXPECT_EQ(out, nullptr);
+    out = table_;
+    EXPECT_EQ(IndxGetRecord(&out, database(), 0), 0u);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(IndxGetRecord(nullptr, table_, 0), 0u);
+    EXPECT_EQ(IndxError(), UNTOUCHED);
+}
+
 TEST_F(RecordReadTest, ARecordWithAnotherIdThanItsKeyEndsTheProcess)
 {
     MustAdd(1);

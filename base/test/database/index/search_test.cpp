@@ -501,4 +501,39 @@ TEST_F(Search, ANodeThatCannotBeReadIsNotFoundWithError13)
     EXPECT_TRUE(SoundTable(index.table()));
 }
 
+// ---- a cursor that stands where there is nothing -----------------------------------------------
+
+TEST_F(Search, APlaceWithoutAnEntryGivesNoKeyAndIsReported)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    for (int i = 1; i <= 3; ++i)
+        ASSERT_TRUE(index.Add(static_cast<uint32_t>(i), NumberKey(i)));
+    IndxCursor* pCursor = index.cursor();
+    const auto placedAt = [&](uint32_t tNode, int32_t position) {
+        pCursor->result = INDX_RESULT_FOUND;
+        pCursor->tNode = tNode;
+        pCursor->position = position;
+        IndxSetError(0);
+        TraceRecorder trace;
+        IndxUpdateCursor(pCursor, nullptr, INDX_ON_KEY);
+        const bool bReported = trace.hasPart("Cannot use node " + std::to_string(tNode) + " ");
+        EXPECT_EQ(bReported, IndxError() == 13u) << trace.dump();
+        return bReported;
+    };
+    for (const int32_t position : {0, 2}) {
+        EXPECT_FALSE(placedAt(0, position));
+        EXPECT_EQ(pCursor->result, INDX_RESULT_FOUND);
+        EXPECT_EQ(CursorId(pCursor), static_cast<uint32_t>(position) + 1);
+    }
+    for (const int32_t position : {3, -1, INT32_MAX, INT32_MIN}) {
+        EXPECT_TRUE(placedAt(0, position)) << position;
+        EXPECT_EQ(pCursor->oKey, nullptr);
+        EXPECT_EQ(pCursor->result, INDX_RESULT_NOT_FOUND);
+    }
+    EXPECT_TRUE(placedAt(77, 0)); // no such node
+    EXPECT_EQ(pCursor->oKey, nullptr);
+    EXPECT_EQ(pCursor->result, INDX_RESULT_NOT_FOUND);
+    index.Update();
+}
+
 } // namespace

@@ -1,0 +1,90 @@
+// templates_test.cpp: the templates of the table layer, which are made by whatever comes first in a
+// process and stay: so each test has a process of its own.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "database/index.h"
+#include "database/indexinternal.h"
+#include "nim/nim.h"
+#include "support/armed_fault.h"
+#include "support/temporary_directory.h"
+#include "support/trace_recorder.h"
+
+namespace {
+
+// Runs the first call, which answers whether it succeeded, with the n-th allocation failing, for
+// every n. Ends the process: 0 when each failure was one, and the first run without one succeeded.
+template <class FirstCall>
+void SweepFirst(FirstCall call)
+{
+    TraceRecorder quiet(-1);
+    for (uint32_t nth = 1; nth < 100; ++nth) {
+        bool bGood;
+        bool bStruck;
+        {
+            const ArmedFault fault(FAULT_ALLOC, nth);
+            bGood = call();
+            bStruck = fault.hits() != 0;
+        }
+        if (bGood == bStruck || ObjLiveCount(0) != 0 || MemLiveCount() != 0)
+            std::exit(2);
+        if (!bStruck)
+            std::exit(nth > 6 ? 0 : 3); // there are six templates
+    }
+    std::exit(4);
+}
+
+bool OpenDatabase()
+{
+    static const TemporaryDirectory sDirectory;
+    PathSetHome(sDirectory.path().c_str());
+    void* oDatabase = nullptr;
+    const bool bOpened = IndxOpenDatabase(&oDatabase, "Data", nullptr, nullptr) != 0;
+    if (bOpened)
+        IndxCloseDatabase(&oDatabase);
+    return bOpened && !oDatabase;
+}
+
+bool MakeKey()
+{
+    IndxKeyInfo stale = {};
+    IndxKeyInfo* pKey = &stale;
+    const bool bMade = IndxNewKeyInfo(&pKey, INDX_KEY_INTEGER, 5) != 0;
+    if (bMade != (pKey != nullptr) || (bMade && pKey->recordId != 5))
+        std::exit(5);
+    ObjRelease(pKey);
+    return bMade;
+}
+
+bool MakeBlob()
+{
+    char format[] = "i;";
+    IndxTable table = {};
+    table.format = format;
+    table.recordMagic = 0xca111111;
+    DbBlob* pBlob = IndxNewBlob(&table);
+    const bool bMade = pBlob != nullptr;
+    ObjRelease(pBlob);
+    return bMade;
+}
+
+} // namespace
+
+TEST(TemplatesDeathTest, WithoutMemoryForThemTheFirstDatabaseFailsAndTheNextIsOpened)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(SweepFirst(OpenDatabase), testing::ExitedWithCode(0), "");
+}
+
+TEST(TemplatesDeathTest, WithoutMemoryForThemThereIsNoKey)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(SweepFirst(MakeKey), testing::ExitedWithCode(0), "");
+}
+
+TEST(TemplatesDeathTest, WithoutMemoryForThemThereIsNoRecord)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(SweepFirst(MakeBlob), testing::ExitedWithCode(0), "");
+}
