@@ -283,7 +283,7 @@ inline IndxKeyInfo* IndxAsKeyInfo(void* h) { return IndxAs<IndxKeyInfo>(h, INDX_
 // *ppNode = the node, checked to be one (count in range, flags as the index wants them, heap clear
 // of the entries), or null: the block cannot be had or is no sound node of this index.
 void IndxGetNode(uint8_t** ppNode, IndxCursor* pCursor, uint32_t tId);
-// A fresh node, marked modified; its id, or -1 with *ppNode null.
+// A fresh node, marked modified; its id, or -1 with *ppNode untouched: callers start from null.
 int32_t IndxNewNode(uint8_t** ppNode, IndxCursor* pCursor);
 void IndxReleaseNode(uint8_t** ppNode, IndxCursor* pCursor, NimBool bModified);
 void IndxDiscardNode(uint8_t** ppNode, IndxCursor* pCursor);
