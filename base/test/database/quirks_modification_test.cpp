@@ -160,6 +160,21 @@ TEST_F(ModificationQuirk, ANewFormWithoutAnIdTakesTheOldOne)
     EXPECT_EQ(scene_.FindById(people(), 1)->name, MakePerson(7).name);
 }
 
+TEST_F(ModificationQuirk, IdAndLengthAreStampedIntoTheCallersBytes)
+{
+    AddSized(2);
+    const Held record = scene_.BlobOf(Sized(7, 0, 5));
+    EXPECT_EQ(IndxModifyRecordInTable(people(), 0, record.get()), 1u);
+    const std::string bytes = RecordBytes(record.get());
+    EXPECT_EQ(U32At(bytes, 0), bytes.size());
+    EXPECT_EQ(U32At(bytes, 4), 1u);
+    // The id comes before the keys, the length behind them.
+    const Held refused = scene_.BlobOf(Sized(2, 0, 5));
+    EXPECT_EQ(IndxModifyRecordInTable(people(), 0, refused.get()), 0u);
+    EXPECT_EQ(U32At(RecordBytes(refused.get()), 0), 0u);
+    EXPECT_EQ(U32At(RecordBytes(refused.get()), 4), 1u);
+}
+
 TEST_F(ModificationQuirk, AnotherIdIsRefusedAndNothingIsBackedOut)
 {
     AddSized(2);
@@ -302,6 +317,16 @@ TEST_F(ModificationQuirk, ABadCursorOrObjectIsRefusedWithoutAMessage)
     EXPECT_EQ(IndxModifyObjectAtCursor(onKey.get(), nullptr), 0u); // cannot be encoded
     EXPECT_TRUE(failures.lines().empty()) << failures.dump();
     EXPECT_EQ(IndxError(), 77u);
+}
+
+TEST_F(ModificationQuirk, TheEncodedRecordIsReleasedWhateverBecomesOfTheModification)
+{
+    AddSized(2);
+    const PeopleScene::Cursor cursor(people(), "Id");
+    ASSERT_EQ(IndxFindKey(cursor.get(), 1, nullptr), 6);
+    EXPECT_EQ(IndxModifyObjectAtCursor(cursor.get(), scene_.ObjectOf(Sized(1, 2, 5)).get()), 0u);
+    EXPECT_EQ(IndxModifyObjectAtCursor(cursor.get(), scene_.ObjectOf(Sized(7, 0, 5)).get()), 1u);
+    EXPECT_EQ(ObjLiveCount(DB_BLOB_MAGIC), 0u);
 }
 
 // ---- deleting

@@ -98,6 +98,23 @@ TEST_F(RecordQuirk, AnIdPointerIsUntouchedByAFailedAdd)
     EXPECT_EQ(id, 77u);
 }
 
+TEST_F(RecordQuirk, TheIdIsHandedOutThoughTheTableCouldNotBeStored)
+{
+    uint32_t id = 77;
+    const Held record = scene_.BlobOf(MakePerson(1));
+    scene_.Fail(FAULT_SERIALIZE);
+    EXPECT_EQ(IndxAddRecordToTable(&id, people(), record.get()), 0u);
+    EXPECT_EQ(id, 1u);
+    EXPECT_EQ(OffsetOf(1), 0); // the record is there
+}
+
+TEST_F(RecordQuirk, AnIdGivenToAFailedSetDoesNotRaiseTheHighestOne)
+{
+    scene_.MustAdd(1);
+    EXPECT_EQ(IndxSetRecordInTable(9, people(), scene_.BlobOf(MakePerson(1)).get()), 0u);
+    EXPECT_EQ(IndxNextId(people()), 2u);
+}
+
 TEST_F(RecordQuirk, LengthAndIdAreStampedIntoTheCallersBytes)
 {
     const Held record = scene_.BlobOf(MakePerson(1));
@@ -280,6 +297,25 @@ TEST_F(RecordQuirk, AnObjectReadAtACursorIsAndAnotherIdEndsTheProcess)
     const CrashRecorder crash;
     EXPECT_EQ(IndxGetObjectAtCursor(&out_, cursor.get()), 0u);
     EXPECT_EQ(crash.codes(), std::vector<uint32_t>({0}));
+}
+
+TEST_F(RecordQuirk, NoRecordIsLeftBehindByAReadAtACursorWhateverBecomesOfIt)
+{
+    scene_.MustAdd(1);
+    const PeopleScene::Cursor cursor(people(), "Id");
+    ASSERT_EQ(IndxFirstKey(cursor.get()), 6);
+    EXPECT_EQ(IndxGetObjectAtCursor(&out_, cursor.get()), 1u);
+    EXPECT_EQ(ObjLiveCount(DB_BLOB_MAGIC), 0u);
+    ObjReleaseInternal(&out_);
+    EXPECT_EQ(IndxGetPartialObjectAtCursor(&out_, cursor.get(), nullptr), 1u);
+    EXPECT_EQ(ObjLiveCount(DB_BLOB_MAGIC), 0u);
+    ObjReleaseInternal(&out_);
+    scene_.Fail(FAULT_READ, 1, 0, "Records");
+    EXPECT_EQ(IndxGetObjectAtCursor(&out_, cursor.get()), 0u);
+    EXPECT_EQ(IndxGetRecordAtCursor(&out_, cursor.get()), 0u);
+    EXPECT_EQ(IndxGetPartialObjectAtCursor(&out_, cursor.get(), nullptr), 0u);
+    EXPECT_EQ(IndxGetPartialRecordAtCursor(&out_, cursor.get(), nullptr), 0u);
+    EXPECT_EQ(ObjLiveCount(DB_BLOB_MAGIC), 0u);
 }
 
 TEST_F(RecordQuirk, AWholeRecordIsReadFromAKeyOnlyAndAPartialOneFromAnUntrustedCursorToo)
