@@ -238,6 +238,16 @@ TEST_F(BlockQuirk, AFreeBlockKeepsItsOldBytesBehindItsLink)
     EXPECT_EQ(block, "\xff\xff\xff\xff" + std::string(BLOCK - 4, 'b'));
 }
 
+TEST_F(BlockQuirk, AnObjectOfAnotherTypeHasNoUserDataAndGetsNoBlocks)
+{
+    EXPECT_EQ(BlckUserData(scene_.oOther), nullptr);
+    EXPECT_EQ(BlckUserDataLength(scene_.oOther), 0u);
+    EXPECT_EQ(BlckNewBlock(&scene_.pData, scene_.oOther), -1);
+    EXPECT_EQ(BlckNewBlock(&scene_.pData, nullptr), -1);
+    EXPECT_EQ(scene_.pData, nullptr);
+    EXPECT_EQ(trace_.countLevel(-1), 0u);
+}
+
 TEST_F(BlockQuirk, UserDataOfAnInvalidHandleIsMarkedInSilence)
 {
     trace_.clear();
