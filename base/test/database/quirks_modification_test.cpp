@@ -150,6 +150,24 @@ TEST_F(ModificationQuirk, WithATextIndexTheOldVariableDataIsReadByTheVectorOfInd
         trace_.hasPart(Hex(people()) + ", 0, " + Hex(scene_.table()->indexedFlags.data) + ")"));
 }
 
+TEST_F(ModificationQuirk, NeitherModificationNorDeletionStoresTheDescriptionWhenNoRootChanges)
+{
+    AddSized(3);
+    const FileCalls calls;
+    Person person = Sized(1, 1, 5);
+    person.town = "Elsewhere";
+    EXPECT_EQ(Modify(0, person), 1u);
+    EXPECT_EQ(Delete(2), 1u);
+    size_t blocks = 0;
+    for (const FileCalls::Call& call : calls.calls()) {
+        if (call.op == FILE_OP_WRITE && call.path == scene_.BlocksPath()) {
+            EXPECT_GT(call.offset, 0); // no control block
+            ++blocks;
+        }
+    }
+    EXPECT_GT(blocks, 0u);
+}
+
 // ---- ids
 // -----------------------------------------------------------------------------------------
 

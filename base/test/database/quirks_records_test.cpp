@@ -144,6 +144,18 @@ TEST_F(RecordQuirk, AGivenIdRaisesTheHighestOneByASignedComparison)
     EXPECT_EQ(scene_.MustAdd(4), 8u);
 }
 
+TEST_F(RecordQuirk, ASetStoresTheDescriptionThoughTheHighestIdStays)
+{
+    scene_.MustAdd(1);
+    ASSERT_EQ(IndxSetRecordInTable(5, people(), scene_.BlobOf(MakePerson(2)).get()), 1u);
+    const FileCalls calls;
+    EXPECT_EQ(IndxSetRecordInTable(3, people(), scene_.BlobOf(MakePerson(3)).get()), 1u);
+    ASSERT_FALSE(calls.calls().empty());
+    EXPECT_EQ(calls.calls().back().op, static_cast<uint32_t>(FILE_OP_WRITE));
+    EXPECT_EQ(calls.calls().back().path, scene_.BlocksPath());
+    EXPECT_EQ(calls.calls().back().offset, 0);
+}
+
 TEST_F(RecordQuirk, ObjectsThatAreNoTableOrNoRecordAreRefusedWithoutAMessage)
 {
     const TraceRecorder failures(0);
