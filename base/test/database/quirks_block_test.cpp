@@ -331,6 +331,16 @@ TEST_F(BlockQuirk, AFetchDoesNotAskWhetherTheBlockIsFree)
     EXPECT_EQ(Start(Get(0)), "\xff\xff\xff\xff");
 }
 
+TEST_F(BlockQuirk, TheBlockCountIsSigned)
+{
+    Make(1);
+    Change([](std::string& bytes) { PutU32At(bytes, COUNT, 0x80000001); });
+    EXPECT_EQ(BlckGetBlock(&scene_.pData, blck(), 0), 0u);
+    EXPECT_TRUE(trace_.has("Unallocated tId 0"));
+    Change([](std::string& bytes) { PutU32At(bytes, COUNT, 0x7FFFFFFF); });
+    EXPECT_EQ(Start(Get(0)), "aaaa");
+}
+
 TEST_F(BlockQuirk, AShortReadIsAcceptedAndTheRestIsZero)
 {
     Make(2);

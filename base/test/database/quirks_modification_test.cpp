@@ -141,6 +141,38 @@ TEST_F(ModificationQuirk, TheWholeOldLengthCountsThoughOnlyTheFixedPartIsRead)
     EXPECT_EQ(scene_.OffsetOf(oTable, 1), 2 * 116 + 2); // 16, 100 and a NUL each
 }
 
+TEST_F(ModificationQuirk, TheLengthsAreComparedWithTheirSigns)
+{
+    void* oTable = scene_.OpenTable("T", 0xca333333, "i;i;", "Id,A");
+    const auto record = [&](uint32_t id) {
+        Instance object(0xca333333, "i;i;");
+        object.at<int32_t>(0) = static_cast<int32_t>(id);
+        return Encoded(object.get());
+    };
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(IndxAddRecordToTable(nullptr, oTable, record(0).get()), 1u);
+    scene_.Close();
+    std::string bytes = ReadFileBytes(scene_.PathOf("Records", "T"));
+    ASSERT_EQ(bytes.size(), 32u);
+    PutU32At(bytes, 0, 0x80000010); // a negative number: whatever comes is longer
+    WriteFileBytes(scene_.PathOf("Records", "T"), bytes);
+    scene_.Reload();
+    oTable = scene_.OpenTable("T", 0xca333333, "i;i;", "Id,A");
+    EXPECT_EQ(IndxModifyRecordInTable(oTable, 0, record(1).get()), 1u);
+    EXPECT_EQ(scene_.OffsetOf(oTable, 1), 32);
+}
+
+TEST_F(ModificationQuirk, InATableThatHasIssuedNoIdALongerFormMoves)
+{
+    const uint32_t id = 0x90000000; // raises no highest id
+    const Person person = Sized(1, id, 5);
+    ASSERT_EQ(IndxSetRecordInTable(id, people(), scene_.BlobOf(person).get()), 1u);
+    ASSERT_EQ(scene_.table()->highestId, 0u);
+    const uint64_t size = Records().size();
+    EXPECT_EQ(Modify(0, Sized(1, id, 6)), 1u);
+    EXPECT_EQ(OffsetOf(id), size);
+}
+
 TEST_F(ModificationQuirk, WithATextIndexTheOldVariableDataIsReadByTheVectorOfIndexedFlags)
 {
     AddSized(2);

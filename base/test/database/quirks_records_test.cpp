@@ -577,6 +577,13 @@ TEST_F(CompanionQuirk, CaseOfAHexadecimalNameDoesNotCountAndAnythingBehindItDoes
     EXPECT_EQ(Listed(), std::vector<uint32_t>({0x1a}));
 }
 
+TEST_F(CompanionQuirk, ASignOrABlankBeforeADigitIsRead)
+{
+    Touch("0000/00/+1");
+    Touch("0000/00/ 2");
+    EXPECT_EQ(Listed(), std::vector<uint32_t>({2, 1})); // in the order of their bytes
+}
+
 TEST_F(CompanionQuirk, TheNextIdIsNeitherReservedNorStored)
 {
     EXPECT_EQ(IndxNextId(people()), 1u);

@@ -218,6 +218,21 @@ TEST_F(TreeQuirk, ANodeThatCannotBeMadeLeavesTheVariableUntouched)
     EXPECT_EQ(pNode, own);
 }
 
+TEST_F(TreeQuirk, ANodeThatCannotBeReadIsNullWithoutAMessageOfTheIndex)
+{
+    scene_.Integers({1});
+    tree().Backout();
+    uint8_t own[1];
+    uint8_t* pNode = own;
+    const TraceRecorder trace(0);
+    const ArmedFault fault(FAULT_READ);
+    IndxGetNode(&pNode, cursor(), 0);
+    EXPECT_EQ(pNode, nullptr);
+    IndxGetNode(&pNode, cursor(), 1);
+    EXPECT_TRUE(trace.has("Unallocated tId 1")); // the block store says what it has to say
+    EXPECT_EQ(trace.lines().size(), 1u) << trace.dump();
+}
+
 TEST_F(TreeQuirk, AReleasedNodeStaysInMemoryUntilTheOperationEnds)
 {
     scene_.Integers({1});
