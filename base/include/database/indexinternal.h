@@ -309,7 +309,7 @@ const uint8_t* IndxReadNode(bool* pInMemory, IndxCursor* pCursor, uint32_t tId);
 // The node that IndxReadNode gave, brought into memory to be changed; null: it cannot be had.
 uint8_t* IndxNodeToChange(IndxCursor* pCursor, uint32_t tId, const uint8_t* pNode, bool bInMemory);
 void IndxEndReading(const uint8_t** ppNode, IndxCursor* pCursor);
-// A fresh node, marked modified; its id, or -1 with *ppNode null.
+// A fresh node, marked modified; its id, or -1 with *ppNode untouched: callers start from null.
 int32_t IndxNewNode(uint8_t** ppNode, IndxCursor* pCursor);
 void IndxReleaseNode(uint8_t** ppNode, IndxCursor* pCursor, NimBool bModified);
 void IndxDiscardNode(uint8_t** ppNode, IndxCursor* pCursor);

@@ -42,6 +42,14 @@ class CodeScene : public PeopleScene {
         person.id = id;
         return IndxModifyRecordInTable(table_, 0, BlobOf(person).get());
     }
+    // A cursor on record 1, whose record has moved and changed its name since.
+    void LeaveBehind(const Cursor& cursor)
+    {
+        MustAdd(1);
+        MustAdd(2);
+        EXPECT_EQ(IndxFindKey(cursor.get(), 1, nullptr), 6);
+        EXPECT_EQ(Modify(7), 1u);
+    }
     // Opens a database in a home where something is in the way.
     NimBool OpenOver(const std::string& obstacle)
     {
@@ -305,6 +313,24 @@ TEST(LastError, StaysWhenARecordOperationFailsWithoutACodeOfItsOwn)
              s.Fail(FAULT_OPEN, 1, 0, "Files");
              return s.Add(oTable, &person);
          }},
+        {"the name of a companion file that cannot be made", SAME,
+         [](S& s) {
+             void* oTable = s.OpenPeople(1, "Docs");
+             Person person = MakePerson(1);
+             s.Fail(FAULT_MKDIR, 1, 0, "Files");
+             return s.Add(oTable, &person);
+         }},
+        {"an object that cannot be encoded", SAME,
+         [](S& s) {
+             void* oTable = s.OpenTable("P", 0xca444444, "i;p;", "Id,P");
+             const Instance object(0xca444444, "i;p;");
+             return IndxAddObjectToTable(nullptr, oTable, object.get());
+         }},
+        {"an object of another type", SAME,
+         [](S& s) {
+             const CrashRecorder crash;
+             return IndxAddObjectToTable(nullptr, s.table_, nullptr);
+         }},
         {"a cursor that is on no key", SAME,
          [](S& s) {
              const S::Cursor cursor(s.table_, "Id");
@@ -362,11 +388,29 @@ TEST(LastError, StaysWhenARecordOperationFailsWithoutACodeOfItsOwn)
          }},
         {"a modification without a cursor", SAME,
          [](S& s) { return IndxModifyObjectAtCursor(nullptr, s.table_); }},
+        {"a modification of a key that is not there", SAME,
+         [](S& s) {
+             const S::Cursor cursor(s.table_, "Id");
+             s.LeaveBehind(cursor);
+             return s.Modify(8); // what lies at its old place is no longer indexed
+         }},
         {"a deletion without a cursor", SAME, [](S&) { return IndxDeleteRecord(nullptr); }},
+        {"a deletion of a key that is not there", SAME,
+         [](S& s) {
+             const S::Cursor cursor(s.table_, "Id");
+             s.LeaveBehind(cursor);
+             return IndxDeleteRecord(cursor.get());
+         }},
         {"no path for id 0", SAME,
          [](S& s) {
              char* path = nullptr;
              return IndxGetFilePath(&path, s.table_, 0);
+         }},
+        {"a path whose directory cannot be made", SAME,
+         [](S& s) {
+             char* path = nullptr;
+             s.Fail(FAULT_MKDIR, 1, 0, "Files");
+             return IndxGetFilePath(&path, s.table_, 1);
          }},
         {"no list of no table", SAME, [](S& s) { return IndxGetFileList(&s.variable, nullptr); }},
         {"a walk of nothing", SAME,

@@ -111,7 +111,7 @@ inline std::string End(const std::string& text)
 // What a format can print.
 inline std::regex FormatPattern(const std::string& format)
 {
-    static const std::regex directive("%(0[0-9])?(ld|lu|lx|I64d|d|x|p|s)");
+    static const std::regex directive("%(0[0-9])?(ld|lu|lx|I64d|I64u|d|x|p|s)");
     std::string pattern;
     auto from = format.cbegin();
     for (std::sregex_iterator it(format.begin(), format.end(), directive), end; it != end; ++it) {

@@ -167,6 +167,15 @@ TEST_F(BlockQuirk, AFailingOpenClosesTheFile)
     EXPECT_EQ(File(), std::string(100, 'x'));
 }
 
+TEST_F(BlockQuirk, AnOpenedFileHasTheReferenceOfItsCallerAndNoOther)
+{
+    scene_.Open();
+    EXPECT_EQ(OBJ_HEADER(blck())->refCount, 1);
+    const uint32_t open = FileSysOpenCount();
+    Close();
+    EXPECT_EQ(FileSysOpenCount() + 1, open);
+}
+
 // ---- allocating
 // ----------------------------------------------------------------------------------
 
@@ -229,6 +238,16 @@ TEST_F(BlockQuirk, AFreeBlockKeepsItsOldBytesBehindItsLink)
     EXPECT_EQ(block, "\xff\xff\xff\xff" + std::string(BLOCK - 4, 'b'));
 }
 
+TEST_F(BlockQuirk, AnObjectOfAnotherTypeHasNoUserDataAndGetsNoBlocks)
+{
+    EXPECT_EQ(BlckUserData(scene_.oOther), nullptr);
+    EXPECT_EQ(BlckUserDataLength(scene_.oOther), 0u);
+    EXPECT_EQ(BlckNewBlock(&scene_.pData, scene_.oOther), -1);
+    EXPECT_EQ(BlckNewBlock(&scene_.pData, nullptr), -1);
+    EXPECT_EQ(scene_.pData, nullptr);
+    EXPECT_EQ(trace_.countLevel(-1), 0u);
+}
+
 TEST_F(BlockQuirk, UserDataOfAnInvalidHandleIsMarkedInSilence)
 {
     trace_.clear();
@@ -265,6 +284,32 @@ TEST_F(BlockQuirk, AControlBlockThatWasNotWrittenIsTriedAgain)
     EXPECT_EQ(control()->bModified, 0u);
 }
 
+TEST_F(BlockQuirk, CountChainAndUserDataMarkTheControlBlockAndOnlyItsWriteClearsTheMark)
+{
+    Make(2);
+    const auto written = [&] { // whether there was a mark; there is none afterwards
+        const bool bMarked = control()->bModified == TRUE;
+        BlckReleaseAll(blck());
+        EXPECT_EQ(control()->bModified, 0u);
+        return bMarked;
+    };
+    BlckModifiedBlock(Get(0), blck());
+    EXPECT_FALSE(written());
+    scene_.New(); // the count
+    EXPECT_TRUE(written());
+    Discard(2);
+    EXPECT_EQ(control()->bModified, 0u); // not before it leaves memory
+    BlckReleaseAll(blck());
+    EXPECT_EQ(Word(CHAIN), 2u);
+    scene_.New(); // the chain
+    EXPECT_TRUE(written());
+    BlckUserDataModified(blck());
+    EXPECT_TRUE(written());
+    BlckUserDataModified(blck());
+    BlckBackoutAll(blck());
+    EXPECT_TRUE(written());
+}
+
 TEST_F(BlockQuirk, TheGapBehindTheControlBlockIsNeverWritten)
 {
     Make(2);
@@ -284,6 +329,16 @@ TEST_F(BlockQuirk, AFetchDoesNotAskWhetherTheBlockIsFree)
     BlckReleaseAll(blck());
     ASSERT_EQ(control()->tFreeChain, 0u);
     EXPECT_EQ(Start(Get(0)), "\xff\xff\xff\xff");
+}
+
+TEST_F(BlockQuirk, TheBlockCountIsSigned)
+{
+    Make(1);
+    Change([](std::string& bytes) { PutU32At(bytes, COUNT, 0x80000001); });
+    EXPECT_EQ(BlckGetBlock(&scene_.pData, blck(), 0), 0u);
+    EXPECT_TRUE(trace_.has("Unallocated tId 0"));
+    Change([](std::string& bytes) { PutU32At(bytes, COUNT, 0x7FFFFFFF); });
+    EXPECT_EQ(Start(Get(0)), "aaaa");
 }
 
 TEST_F(BlockQuirk, AShortReadIsAcceptedAndTheRestIsZero)
@@ -352,6 +407,29 @@ TEST_F(BlockQuirk, TheFlushWritesABlockThatIsNotMarked)
     std::memcpy(pData, "new!", 4); // and nobody is told
     EXPECT_EQ(BlckFlushBlock(blck(), pData), 1u);
     EXPECT_EQ(File().substr(BLOCK, 5), "new!a");
+}
+
+TEST_F(BlockQuirk, AFlushThatSucceedsTakesTheMarkAwayAndOneThatFailsDoesNot)
+{
+    Make(1);
+    BlckModifiedBlock(Get(0), blck());
+    {
+        const ArmedFault fault(FAULT_WRITE);
+        EXPECT_EQ(BlckFlushBlock(blck(), Get(0)), 0u);
+    }
+    EXPECT_EQ(BlckFlushBlock(blck(), Get(0)), 1u);
+    FileCalls calls;
+    BlckReleaseAll(blck());
+    EXPECT_EQ(calls.count(FILE_OP_WRITE), 0u);
+
+    BlckModifiedBlock(Get(0), blck());
+    {
+        const ArmedFault fault(FAULT_WRITE);
+        EXPECT_EQ(BlckFlushBlock(blck(), Get(0)), 0u);
+    }
+    calls.clear();
+    BlckReleaseAll(blck());
+    EXPECT_EQ(calls.offsets(FILE_OP_WRITE), std::vector<int64_t>({BLOCK}));
 }
 
 TEST_F(BlockQuirk, TheFlushOfSomethingElseFailsInSilence)

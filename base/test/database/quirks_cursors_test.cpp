@@ -79,6 +79,18 @@ TEST_F(CursorQuirk, AMissPutsTheCursorOnTheNextKey)
     EXPECT_EQ(pCursor->status, INDX_AT_END);
 }
 
+TEST_F(CursorQuirk, AnyRecordWithTheValueIsFoundWhereTheNextLeafBeginsToo)
+{
+    std::vector<int32_t> values(FULL, 5);
+    values.push_back(6);
+    scene_.Integers(values);                    // a full leaf, and a leaf that begins with the 6
+    EXPECT_EQ(tree().Find(0, NumberKey(6)), 6); // looked for in the first leaf, behind its end
+    EXPECT_EQ(CursorId(tree().cursor()), FULL + 1u);
+    EXPECT_EQ(tree().cursor()->position, 0);
+    EXPECT_EQ(tree().Find(1, NumberKey(6)), 7); // that record has another value
+    EXPECT_EQ(CursorId(tree().cursor()), FULL + 1u);
+}
+
 // ---- the ends
 // ------------------------------------------------------------------------------------
 
@@ -200,6 +212,18 @@ TEST_F(CursorQuirk, CurrentReturnsTheCodeWithoutMoving)
     EXPECT_EQ(PlaceOf(pCursor), place);
 }
 
+TEST_F(CursorQuirk, AtTheEndsCurrentIsEightAndStays)
+{
+    IndxCursor* pCursor = On({10, 20}, 1);
+    IndxCursorBOI(pCursor);
+    EXPECT_EQ(IndxCurrentKey(pCursor), 8);
+    EXPECT_EQ(pCursor->status, INDX_AT_BEGINNING);
+    IndxCursorEOI(pCursor);
+    EXPECT_TRUE(tree().Add(9, NumberKey(99)));
+    EXPECT_EQ(IndxCurrentKey(pCursor), 8);
+    EXPECT_EQ(pCursor->status, INDX_AT_END);
+}
+
 // ---- matching
 // ------------------------------------------------------------------------------------
 
@@ -235,6 +259,16 @@ TEST_F(CursorQuirk, MatchingTakesAMissAtTheEndForTheMoveToo)
     EXPECT_EQ(IndxNextMatchingKey(pCursor), 7); // there is no key to match
     EXPECT_EQ(pCursor->status, INDX_AT_END);
     EXPECT_TRUE(trace_.has("Cursor was Untrusted, bFound = TRUE"));
+}
+
+TEST_F(CursorQuirk, MatchingAfterAMissStepsWithoutComparingAndStaysAtSeven)
+{
+    IndxCursor* pCursor = On({5, 5, 5}, 1);
+    EXPECT_EQ(tree().Find(pCursor, 1, NumberKey(4)), 7); // on the first 5
+    EXPECT_EQ(IndxNextMatchingKey(pCursor), 7);
+    EXPECT_EQ(CursorId(pCursor), 2u);
+    EXPECT_EQ(tree().Find(pCursor, 2, NumberKey(5)), 6);
+    EXPECT_EQ(IndxNextMatchingKey(pCursor), 6);
 }
 
 TEST_F(CursorQuirk, MatchingWithoutAKeyIsSeven)

@@ -1,6 +1,7 @@
 // quirks_location_test.cpp: what the location of databases does on purpose and keeps doing,
 // oddities included. Munged ids are kept by others and must mean the same for ever.
 
+#include "database/indexinternal.h"
 #include "location_scene.h"
 #include "support/trace_recorder.h"
 
@@ -144,6 +145,24 @@ TEST_F(LocationQuirk, TheEnumerationStopsWhenNoDriveIsLeft)
     trace_.clear();
     scene_.Listed(0);
     EXPECT_EQ(trace_.texts(), std::vector<std::string>({"The drive type for drive B:\\ is 5"}));
+}
+
+TEST_F(LocationQuirk, ListsAreAppendedTo)
+{
+    scene_.Configure("/home/bases");
+    EXPECT_EQ(scene_.Listed(1).size(), 1u);
+    EXPECT_EQ(scene_.Listed(1).size(), 2u);
+}
+
+TEST_F(LocationQuirk, NothingHereSetsTheLastError)
+{
+    IndxSetError(77);
+    Derived(nullptr);
+    Derived("App");
+    DbMungeQtreeIdFromDbPath(1, nullptr);
+    scene_.Listed(1); // and no drive
+    EXPECT_TRUE(trace_.has("GetLogicalDrives failed. Unable to enumerate drives"));
+    EXPECT_EQ(IndxError(), 77u);
 }
 
 // ---- the home

@@ -141,6 +141,38 @@ TEST_F(ModificationQuirk, TheWholeOldLengthCountsThoughOnlyTheFixedPartIsRead)
     EXPECT_EQ(scene_.OffsetOf(oTable, 1), 2 * 116 + 2); // 16, 100 and a NUL each
 }
 
+TEST_F(ModificationQuirk, TheLengthsAreComparedWithTheirSigns)
+{
+    void* oTable = scene_.OpenTable("T", 0xca333333, "i;i;", "Id,A");
+    const auto record = [&](uint32_t id) {
+        Instance object(0xca333333, "i;i;");
+        object.at<int32_t>(0) = static_cast<int32_t>(id);
+        return Encoded(object.get());
+    };
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(IndxAddRecordToTable(nullptr, oTable, record(0).get()), 1u);
+    scene_.Close();
+    std::string bytes = ReadFileBytes(scene_.PathOf("Records", "T"));
+    ASSERT_EQ(bytes.size(), 32u);
+    PutU32At(bytes, 0, 0x80000010); // a negative number: whatever comes is longer
+    WriteFileBytes(scene_.PathOf("Records", "T"), bytes);
+    scene_.Reload();
+    oTable = scene_.OpenTable("T", 0xca333333, "i;i;", "Id,A");
+    EXPECT_EQ(IndxModifyRecordInTable(oTable, 0, record(1).get()), 1u);
+    EXPECT_EQ(scene_.OffsetOf(oTable, 1), 32);
+}
+
+TEST_F(ModificationQuirk, InATableThatHasIssuedNoIdALongerFormMoves)
+{
+    const uint32_t id = 0x90000000; // raises no highest id
+    const Person person = Sized(1, id, 5);
+    ASSERT_EQ(IndxSetRecordInTable(id, people(), scene_.BlobOf(person).get()), 1u);
+    ASSERT_EQ(scene_.table()->highestId, 0u);
+    const uint64_t size = Records().size();
+    EXPECT_EQ(Modify(0, Sized(1, id, 6)), 1u);
+    EXPECT_EQ(OffsetOf(id), size);
+}
+
 TEST_F(ModificationQuirk, WithATextIndexTheOldVariableDataIsReadByTheVectorOfIndexedFlags)
 {
     AddSized(2);
@@ -148,6 +180,24 @@ TEST_F(ModificationQuirk, WithATextIndexTheOldVariableDataIsReadByTheVectorOfInd
     EXPECT_EQ(Modify(0, Sized(7, 1, 5)), 1u);
     EXPECT_TRUE(
         trace_.hasPart(Hex(people()) + ", 0, " + Hex(scene_.table()->indexedFlags.data) + ")"));
+}
+
+TEST_F(ModificationQuirk, NeitherModificationNorDeletionStoresTheDescriptionWhenNoRootChanges)
+{
+    AddSized(3);
+    const FileCalls calls;
+    Person person = Sized(1, 1, 5);
+    person.town = "Elsewhere";
+    EXPECT_EQ(Modify(0, person), 1u);
+    EXPECT_EQ(Delete(2), 1u);
+    size_t blocks = 0;
+    for (const FileCalls::Call& call : calls.calls()) {
+        if (call.op == FILE_OP_WRITE && call.path == scene_.BlocksPath()) {
+            EXPECT_GT(call.offset, 0); // no control block
+            ++blocks;
+        }
+    }
+    EXPECT_GT(blocks, 0u);
 }
 
 // ---- ids
@@ -158,6 +208,21 @@ TEST_F(ModificationQuirk, ANewFormWithoutAnIdTakesTheOldOne)
     AddSized(2);
     EXPECT_EQ(Modify(0, Sized(7, 0, 5)), 1u);
     EXPECT_EQ(scene_.FindById(people(), 1)->name, MakePerson(7).name);
+}
+
+TEST_F(ModificationQuirk, IdAndLengthAreStampedIntoTheCallersBytes)
+{
+    AddSized(2);
+    const Held record = scene_.BlobOf(Sized(7, 0, 5));
+    EXPECT_EQ(IndxModifyRecordInTable(people(), 0, record.get()), 1u);
+    const std::string bytes = RecordBytes(record.get());
+    EXPECT_EQ(U32At(bytes, 0), bytes.size());
+    EXPECT_EQ(U32At(bytes, 4), 1u);
+    // The id comes before the keys, the length behind them.
+    const Held refused = scene_.BlobOf(Sized(2, 0, 5));
+    EXPECT_EQ(IndxModifyRecordInTable(people(), 0, refused.get()), 0u);
+    EXPECT_EQ(U32At(RecordBytes(refused.get()), 0), 0u);
+    EXPECT_EQ(U32At(RecordBytes(refused.get()), 4), 1u);
 }
 
 TEST_F(ModificationQuirk, AnotherIdIsRefusedAndNothingIsBackedOut)
@@ -302,6 +367,16 @@ TEST_F(ModificationQuirk, ABadCursorOrObjectIsRefusedWithoutAMessage)
     EXPECT_EQ(IndxModifyObjectAtCursor(onKey.get(), nullptr), 0u); // cannot be encoded
     EXPECT_TRUE(failures.lines().empty()) << failures.dump();
     EXPECT_EQ(IndxError(), 77u);
+}
+
+TEST_F(ModificationQuirk, TheEncodedRecordIsReleasedWhateverBecomesOfTheModification)
+{
+    AddSized(2);
+    const PeopleScene::Cursor cursor(people(), "Id");
+    ASSERT_EQ(IndxFindKey(cursor.get(), 1, nullptr), 6);
+    EXPECT_EQ(IndxModifyObjectAtCursor(cursor.get(), scene_.ObjectOf(Sized(1, 2, 5)).get()), 0u);
+    EXPECT_EQ(IndxModifyObjectAtCursor(cursor.get(), scene_.ObjectOf(Sized(7, 0, 5)).get()), 1u);
+    EXPECT_EQ(ObjLiveCount(DB_BLOB_MAGIC), 0u);
 }
 
 // ---- deleting

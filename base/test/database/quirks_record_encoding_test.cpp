@@ -319,6 +319,15 @@ TEST_F(KeyQuirk, AKeyOfTheRecordIdHasNoValue)
     EXPECT_EQ(Info(key)->oValue, nullptr);
 }
 
+TEST_F(KeyQuirk, AKeyFromARecordHasNoPlaceInFileOrTree)
+{
+    scene_.Make(INDX_KEY_INTEGER);
+    const Held key = KeyOf(NumberKey(5), INDX_KEY_INTEGER);
+    EXPECT_EQ(Info(key)->keyType, INDX_KEY_INTEGER);
+    EXPECT_EQ(Info(key)->fileOffset, 0u);
+    EXPECT_EQ(Info(key)->tChild, 0u);
+}
+
 TEST_F(KeyQuirk, ATextKeyHasItsNul)
 {
     scene_.Make(INDX_KEY_TEXT);

@@ -98,6 +98,23 @@ TEST_F(RecordQuirk, AnIdPointerIsUntouchedByAFailedAdd)
     EXPECT_EQ(id, 77u);
 }
 
+TEST_F(RecordQuirk, TheIdIsHandedOutThoughTheTableCouldNotBeStored)
+{
+    uint32_t id = 77;
+    const Held record = scene_.BlobOf(MakePerson(1));
+    scene_.Fail(FAULT_SERIALIZE);
+    EXPECT_EQ(IndxAddRecordToTable(&id, people(), record.get()), 0u);
+    EXPECT_EQ(id, 1u);
+    EXPECT_EQ(OffsetOf(1), 0); // the record is there
+}
+
+TEST_F(RecordQuirk, AnIdGivenToAFailedSetDoesNotRaiseTheHighestOne)
+{
+    scene_.MustAdd(1);
+    EXPECT_EQ(IndxSetRecordInTable(9, people(), scene_.BlobOf(MakePerson(1)).get()), 0u);
+    EXPECT_EQ(IndxNextId(people()), 2u);
+}
+
 TEST_F(RecordQuirk, LengthAndIdAreStampedIntoTheCallersBytes)
 {
     const Held record = scene_.BlobOf(MakePerson(1));
@@ -125,6 +142,18 @@ TEST_F(RecordQuirk, AGivenIdRaisesTheHighestOneByASignedComparison)
     EXPECT_EQ(set(3, 2), 8u);
     EXPECT_EQ(set(0x90000000, 3), 8u); // a negative number
     EXPECT_EQ(scene_.MustAdd(4), 8u);
+}
+
+TEST_F(RecordQuirk, ASetStoresTheDescriptionThoughTheHighestIdStays)
+{
+    scene_.MustAdd(1);
+    ASSERT_EQ(IndxSetRecordInTable(5, people(), scene_.BlobOf(MakePerson(2)).get()), 1u);
+    const FileCalls calls;
+    EXPECT_EQ(IndxSetRecordInTable(3, people(), scene_.BlobOf(MakePerson(3)).get()), 1u);
+    ASSERT_FALSE(calls.calls().empty());
+    EXPECT_EQ(calls.calls().back().op, static_cast<uint32_t>(FILE_OP_WRITE));
+    EXPECT_EQ(calls.calls().back().path, scene_.BlocksPath());
+    EXPECT_EQ(calls.calls().back().offset, 0);
 }
 
 TEST_F(RecordQuirk, ObjectsThatAreNoTableOrNoRecordAreRefusedWithoutAMessage)
@@ -280,6 +309,25 @@ TEST_F(RecordQuirk, AnObjectReadAtACursorIsAndAnotherIdEndsTheProcess)
     const CrashRecorder crash;
     EXPECT_EQ(IndxGetObjectAtCursor(&out_, cursor.get()), 0u);
     EXPECT_EQ(crash.codes(), std::vector<uint32_t>({0}));
+}
+
+TEST_F(RecordQuirk, NoRecordIsLeftBehindByAReadAtACursorWhateverBecomesOfIt)
+{
+    scene_.MustAdd(1);
+    const PeopleScene::Cursor cursor(people(), "Id");
+    ASSERT_EQ(IndxFirstKey(cursor.get()), 6);
+    EXPECT_EQ(IndxGetObjectAtCursor(&out_, cursor.get()), 1u);
+    EXPECT_EQ(ObjLiveCount(DB_BLOB_MAGIC), 0u);
+    ObjReleaseInternal(&out_);
+    EXPECT_EQ(IndxGetPartialObjectAtCursor(&out_, cursor.get(), nullptr), 1u);
+    EXPECT_EQ(ObjLiveCount(DB_BLOB_MAGIC), 0u);
+    ObjReleaseInternal(&out_);
+    scene_.Fail(FAULT_READ, 1, 0, "Records");
+    EXPECT_EQ(IndxGetObjectAtCursor(&out_, cursor.get()), 0u);
+    EXPECT_EQ(IndxGetRecordAtCursor(&out_, cursor.get()), 0u);
+    EXPECT_EQ(IndxGetPartialObjectAtCursor(&out_, cursor.get(), nullptr), 0u);
+    EXPECT_EQ(IndxGetPartialRecordAtCursor(&out_, cursor.get(), nullptr), 0u);
+    EXPECT_EQ(ObjLiveCount(DB_BLOB_MAGIC), 0u);
 }
 
 TEST_F(RecordQuirk, AWholeRecordIsReadFromAKeyOnlyAndAPartialOneFromAnUntrustedCursorToo)
@@ -527,6 +575,13 @@ TEST_F(CompanionQuirk, CaseOfAHexadecimalNameDoesNotCountAndAnythingBehindItDoes
     Touch("0000/zz/01");
     Touch("000/00/01");
     EXPECT_EQ(Listed(), std::vector<uint32_t>({0x1a}));
+}
+
+TEST_F(CompanionQuirk, ASignOrABlankBeforeADigitIsRead)
+{
+    Touch("0000/00/+1");
+    Touch("0000/00/ 2");
+    EXPECT_EQ(Listed(), std::vector<uint32_t>({2, 1})); // in the order of their bytes
 }
 
 TEST_F(CompanionQuirk, TheNextIdIsNeitherReservedNorStored)

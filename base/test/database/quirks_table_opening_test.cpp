@@ -122,6 +122,17 @@ TEST_F(OpeningQuirk, AVersionThatCannotBeReadLeavesTheVariableUntouched)
     EXPECT_EQ(version, 77u);
 }
 
+TEST_F(OpeningQuirk, SoDoesAVersionThatIsNoNumberOrThatMeansNone)
+{
+    ASSERT_EQ(OpenT(5), 1u);
+    for (const char* text : {"[Versioning]\nVersion = x\n", "[Versioning]\nVersion = -2\n"}) {
+        WriteFileBytes(scene_.PathOf("Attributes", "T"), text);
+        uint32_t version = 77;
+        EXPECT_EQ(IndxGetTableVersion(&version, "T", scene_.database()), 0u);
+        EXPECT_EQ(version, 77u);
+    }
+}
+
 TEST_F(OpeningQuirk, TheSpellingSuccesfullyStays)
 {
     ASSERT_EQ(OpenT(5), 1u);
@@ -160,6 +171,16 @@ TEST_F(OpeningQuirk, TheCaseOfAShapeCounts)
     ASSERT_EQ(OpenT(), 1u);
     EXPECT_EQ(OpenT(INDX_VERSION_NONE, "I;i;"), 0u);
     EXPECT_EQ(IndxError(), 25u);
+}
+
+TEST_F(OpeningQuirk, TheFlagOfAnExistingTableIsNotLookedAt)
+{
+    ASSERT_EQ(OpenT(), 1u);
+    EXPECT_EQ(
+        IndxOpenTableInternal(
+            nullptr, scene_.database(), "T", "T", SMALL, "i;i;", "Id,A", 1, INDX_VERSION_NONE),
+        1u);
+    EXPECT_EQ(scene_.ListedTable("T")->bCompanionFiles, 0u);
 }
 
 // ---- creating
@@ -311,6 +332,20 @@ TEST_F(OpeningQuirk, BadArgumentsForAFieldOrAReleaseHaveNoCode)
     EXPECT_EQ(IndxReleaseCursor(nullptr), 0u);
     EXPECT_EQ(IndxReleaseCursor(&oNone), 0u);
     EXPECT_EQ(IndxError(), 77u);
+}
+
+TEST_F(OpeningQuirk, AReleasedCursorLetsItsKeyGoThoughSomebodyHoldsIt)
+{
+    scene_.MustAdd(1);
+    void* oCursor = nullptr;
+    ASSERT_EQ(IndxGetFieldCursor(&oCursor, scene_.table_, "Name"), 1u);
+    ASSERT_EQ(IndxFirstKey(oCursor), 6);
+    void* oHeld = ObjIncRefCount(oCursor);
+    EXPECT_EQ(IndxReleaseCursor(&oCursor), 1u);
+    EXPECT_EQ(IndxAsCursor(oHeld)->status, 0);
+    EXPECT_EQ(IndxAsCursor(oHeld)->oKey, nullptr);
+    EXPECT_EQ(ListGetCount(PeopleScene::Field(scene_.table_, 1)->oCursors), 0u);
+    EXPECT_EQ(IndxReleaseCursor(&oHeld), 1u);
 }
 
 TEST_F(OpeningQuirk, TheIdAlwaysHasACursorAndABooleanNeverHas)

@@ -106,6 +106,59 @@ TEST_F(TableQuirk, AHomeDirectoryGivenCountsInClusteredModeOnly)
     EXPECT_TRUE(std::filesystem::is_directory(other + "/D/Indexes"));
 }
 
+TEST_F(TableQuirk, TheHomeDirectoryIsGivenUpAfterAFailedOpeningToo)
+{
+    const auto configure = [&](const std::string& home) {
+        WriteFileBytes(
+            scene_.directory().path("configure.cfg"),
+            "[Directories]\ndatabase = " + scene_.directory().path(home) + "\n");
+    };
+    scene_.Close();
+    WriteFileBytes(scene_.directory().path("file"), "no directory");
+    configure("file");
+    EXPECT_FALSE(scene_.Open());
+    EXPECT_EQ(IndxError(), 28u);
+    configure("obstacle");
+    std::filesystem::create_directories(scene_.directory().path("obstacle/D"));
+    WriteFileBytes(scene_.directory().path("obstacle/D/Files"), "no directory");
+    EXPECT_FALSE(scene_.Open("D"));
+    EXPECT_EQ(IndxError(), 29u);
+    configure("other");
+    ASSERT_TRUE(scene_.Open("D"));
+    EXPECT_TRUE(std::filesystem::is_directory(scene_.directory().path("other/D")));
+}
+
+TEST_F(TableQuirk, AHomeDirectoryGivenIsNotKeptForTheNextOpening)
+{
+    const std::string other = scene_.directory().path("other");
+    DbSetClusteredMode(1);
+    void* oDatabase = nullptr;
+    ASSERT_EQ(IndxOpenDatabase(&oDatabase, "D", nullptr, other.c_str()), 1u);
+    IndxCloseDatabase(&oDatabase);
+    ASSERT_EQ(IndxOpenDatabase(&oDatabase, "E", nullptr, nullptr), 1u);
+    IndxCloseDatabase(&oDatabase);
+    EXPECT_TRUE(std::filesystem::exists(other + "/D"));
+    EXPECT_FALSE(std::filesystem::exists(other + "/E"));
+    EXPECT_TRUE(std::filesystem::exists(scene_.HomePath() + "/E"));
+}
+
+TEST_F(TableQuirk, TheDirectoriesAreMadeInOrderAndTheFirstThatFailsEndsIt)
+{
+    const std::string home = scene_.directory().path("home");
+    DbSetClusteredMode(1);
+    const char* const names[] = {"Indexes", "Records", "Files", "Attributes"};
+    for (size_t i = 0; i < 4; ++i) {
+        const std::string database = home + "/" + names[i];
+        std::filesystem::create_directories(database);
+        WriteFileBytes(database + "/" + names[i], "in the way");
+        void* oDatabase = nullptr;
+        EXPECT_EQ(IndxOpenDatabase(&oDatabase, names[i], nullptr, home.c_str()), 0u);
+        EXPECT_EQ(IndxError(), 29u);
+        for (size_t j = 0; j < 4; ++j)
+            EXPECT_EQ(std::filesystem::exists(database + "/" + names[j]), j <= i) << names[j];
+    }
+}
+
 // ---- closing
 // -------------------------------------------------------------------------------------
 

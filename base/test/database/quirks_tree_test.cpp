@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 
 #include "support/armed_fault.h"
 #include "support/file_bytes.h"
@@ -52,8 +53,39 @@ class TreeQuirk : public testing::Test {
         return {bFound == TRUE, index};
     }
 
+    // Three leaves, "b" and "c", "m" and "n", "p", under a root that has 26 bytes left.
+    void FullParent()
+    {
+        scene_.Texts({});
+        EXPECT_TRUE(tree().Insert(1, TextKey("b")));
+        for (const char* key : {"c", "m", "n"})
+            EXPECT_TRUE(tree().Insert(static_cast<uint32_t>(*key), SizedKey(key, 8152)));
+        EXPECT_TRUE(tree().Insert('p', SizedKey("p", 8100)));
+        EXPECT_TRUE(tree().Update());
+        EXPECT_EQ(CheckTable(tree().table()).indexes[0].perLevel, std::vector<uint32_t>({1, 3}));
+        steps_ = std::make_unique<TraceRecorder>();
+    }
+    // What an insertion did since then on its way up, until the first split.
+    std::string Steps()
+    {
+        std::string steps;
+        for (const std::string& text : steps_->texts()) {
+            const bool bFixup = text.rfind("IndxFixupParent(", 0) == 0;
+            const bool bSplit = text.rfind("IndxSplit", 0) == 0;
+            if (!bFixup && !bSplit && text != "IndxAddKeyIntoExistingNode()")
+                continue;
+            steps += (steps.empty() ? "" : " ") +
+                     (bFixup ? "IndxFixupParent " + text.substr(text.find(", ") + 2, 1) : text);
+            if (bSplit)
+                break;
+        }
+        steps_.reset();
+        return steps;
+    }
+
     LogRecorder log_;
     TraceRecorder trace_{0};
+    std::unique_ptr<TraceRecorder> steps_;
     TreeScene scene_;
 };
 
@@ -176,6 +208,54 @@ TEST_F(TreeQuirk, AFreshNodeIsNoLeafYet)
     EXPECT_EQ(std::string(reinterpret_cast<char*>(pNode), 24), expected);
 }
 
+TEST_F(TreeQuirk, ANodeThatCannotBeMadeLeavesTheVariableUntouched)
+{
+    scene_.Make(INDX_KEY_INTEGER);
+    uint8_t own[1];
+    uint8_t* pNode = own;
+    const ArmedFault fault(FAULT_RESERVE);
+    EXPECT_EQ(IndxNewNode(&pNode, cursor()), -1);
+    EXPECT_EQ(pNode, own);
+}
+
+TEST_F(TreeQuirk, ANodeThatCannotBeReadIsNullWithoutAMessageOfTheIndex)
+{
+    scene_.Integers({1});
+    tree().Backout();
+    uint8_t own[1];
+    uint8_t* pNode = own;
+    const TraceRecorder trace(0);
+    const ArmedFault fault(FAULT_READ);
+    IndxGetNode(&pNode, cursor(), 0);
+    EXPECT_EQ(pNode, nullptr);
+    IndxGetNode(&pNode, cursor(), 1);
+    EXPECT_TRUE(trace.has("Unallocated tId 1")); // the block store says what it has to say
+    EXPECT_EQ(trace.lines().size(), 1u) << trace.dump();
+}
+
+TEST_F(TreeQuirk, AReleasedNodeStaysInMemoryUntilTheOperationEnds)
+{
+    scene_.Integers({1});
+    uint8_t* pNode = Node(0);
+    uint8_t* const pSame = pNode;
+    IndxReleaseNode(&pNode, cursor(), TRUE);
+    const FileCalls calls;
+    EXPECT_EQ(Node(0), pSame);
+    EXPECT_TRUE(calls.calls().empty());
+    EXPECT_TRUE(tree().Update());
+    EXPECT_EQ(calls.offsets(FILE_OP_WRITE), std::vector<int64_t>({16384})); // it was marked
+}
+
+TEST_F(TreeQuirk, ANodeReleasedUnmodifiedIsNotWritten)
+{
+    scene_.Integers({1});
+    uint8_t* pNode = Node(0);
+    IndxReleaseNode(&pNode, cursor(), FALSE);
+    const FileCalls calls;
+    EXPECT_TRUE(tree().Update());
+    EXPECT_EQ(calls.count(FILE_OP_WRITE), 0u);
+}
+
 TEST_F(TreeQuirk, UnusedWordsOfAnEntryAreCarriedAlong)
 {
     scene_.Integers({2});
@@ -221,6 +301,28 @@ TEST_F(TreeQuirk, AnEntryOfAnotherKeyTypeHoldsRecordIdAndPointerAlone)
     EXPECT_EQ(GetU32(NodeEntry(pNode, 0)), 9u);
     EXPECT_EQ(GetU32(NodeEntry(pNode, 0) + 8), 0x01020304u);
     EXPECT_EQ(GetU32(NodeEntry(pNode, 0) + 16), 77u);
+}
+
+TEST_F(TreeQuirk, TheLowestKeyOfANodeCarriesAValueForTheKnownTypesOnly)
+{
+    scene_.Integers({7});
+    const auto lowest = [&](int32_t keyType) {
+        tree().field()->keyType = keyType;
+        IndxKeyInfo* pKey = nullptr;
+        EXPECT_EQ(IndxGetKeyInfoFromNode(&pKey, cursor(), Node(0)), 1u);
+        tree().field()->keyType = INDX_KEY_INTEGER;
+        return Held(pKey);
+    };
+    const Held integer = lowest(INDX_KEY_INTEGER);
+    EXPECT_EQ(ObjGetInteger(static_cast<IndxKeyInfo*>(integer.get())->oValue), 7);
+    for (int32_t keyType : {static_cast<int32_t>(INDX_KEY_RECORD_ID), 99}) {
+        const Held key = lowest(keyType);
+        const auto* pKey = static_cast<IndxKeyInfo*>(key.get());
+        EXPECT_EQ(pKey->keyType, keyType);
+        EXPECT_EQ(pKey->recordId, 1u);
+        EXPECT_EQ(pKey->tChild, 0u);
+        EXPECT_EQ(pKey->oValue, nullptr);
+    }
 }
 
 // ---- search
@@ -387,6 +489,86 @@ TEST_F(TreeQuirk, AFailedInsertionUndoesNothingItself)
     EXPECT_EQ(field()->roots.tFirstLeaf, field()->roots.tLastLeaf);
 }
 
+TEST_F(TreeQuirk, ARefusedKeyMarksNoNode)
+{
+    scene_.TwoLeaves();
+    EXPECT_FALSE(tree().Insert(1, NumberKey(0)));
+    const FileCalls calls;
+    EXPECT_TRUE(tree().Update()); // and nobody backs it out
+    EXPECT_EQ(calls.count(FILE_OP_WRITE), 0u);
+}
+
+TEST_F(TreeQuirk, ANewLowestKeyWithoutRoomInItsParentSplitsTheParentToTheLeft)
+{
+    FullParent();
+    ASSERT_TRUE(tree().Insert(10, SizedKey("a", 100))); // the entry of the first leaf was "b"
+    EXPECT_EQ(
+        Steps(),
+        "IndxAddKeyIntoExistingNode() IndxFixupParent 0 IndxFixupParent 0 IndxSplitLeft()");
+    EXPECT_EQ(field()->levels, 3);
+    EXPECT_TRUE(tree().Update());
+    EXPECT_EQ(tree().Walk().front(), 10u);
+}
+
+TEST_F(TreeQuirk, ChangesOfRootsEndsAndLevelsMarkTheDescription)
+{
+    scene_.Make(INDX_KEY_INTEGER);
+    const auto marked = [&](bool bDone) {
+        EXPECT_TRUE(bDone);
+        const bool bMarked = tree().table()->bChanged == TRUE;
+        EXPECT_TRUE(tree().Update());
+        return bMarked;
+    };
+    const auto insert = [&](int32_t value) {
+        return marked(tree().Insert(static_cast<uint32_t>(value), NumberKey(value)));
+    };
+    const auto remove = [&](int32_t value) {
+        return marked(tree().Delete(static_cast<uint32_t>(value), NumberKey(value)));
+    };
+    EXPECT_TRUE(insert(1)); // the first root
+    for (int32_t i = 2; i <= FULL; ++i)
+        EXPECT_FALSE(insert(i));
+    EXPECT_TRUE(insert(1000)); // another root, and a last leaf
+    for (int32_t i = 1001; i < 1000 + FULL; ++i)
+        EXPECT_FALSE(insert(i));
+    EXPECT_TRUE(insert(3000)); // a last leaf alone
+    EXPECT_FALSE(remove(5));
+    EXPECT_TRUE(remove(3000)); // the last leaf goes
+    for (int32_t i = 1; i < FULL; ++i) {
+        if (i != 5) {
+            EXPECT_FALSE(remove(i));
+        }
+    }
+    EXPECT_TRUE(remove(FULL)); // the first leaf goes
+    for (int32_t i = 1001; i < 1000 + FULL; ++i)
+        EXPECT_FALSE(remove(i));
+    EXPECT_TRUE(remove(1000)); // the last key
+}
+
+TEST_F(TreeQuirk, ANewFirstLeafMarksTheDescription)
+{
+    scene_.TwoLeaves(); // its first leaf is full
+    EXPECT_TRUE(tree().Insert(5000, NumberKey(-1)));
+    EXPECT_EQ(field()->levels, 2);
+    EXPECT_EQ(tree().table()->bChanged, 1u);
+    EXPECT_TRUE(tree().Update());
+}
+
+TEST_F(TreeQuirk, ALeafBetweenOthersComesAndGoesWithoutMarkingTheDescription)
+{
+    scene_.TwoLeaves();
+    const auto leaves = [&] { return CheckTable(tree().table()).indexes[0].perLevel.back(); };
+    EXPECT_TRUE(tree().Insert(5000, NumberKey(0))); // all but the first key go to a new leaf
+    EXPECT_EQ(tree().table()->bChanged, 0u);
+    EXPECT_TRUE(tree().Update());
+    EXPECT_EQ(leaves(), 3u);
+    for (int32_t i = 1; i < FULL; ++i)
+        EXPECT_TRUE(tree().Delete(static_cast<uint32_t>(i + 1), NumberKey(i)));
+    EXPECT_EQ(tree().table()->bChanged, 0u);
+    EXPECT_TRUE(tree().Update());
+    EXPECT_EQ(leaves(), 2u);
+}
+
 TEST_F(TreeQuirk, EqualKeysAreOrderedByRecordId)
 {
     scene_.Make(INDX_KEY_INTEGER);
@@ -470,6 +652,18 @@ TEST_F(TreeQuirk, ADeletionWhoseKeyCannotBeBuiltReadsNoNode)
     EXPECT_FALSE(tree().Delete(1, BytesKey("")));
     EXPECT_EQ(calls.count(FILE_OP_READ), 0u);
     EXPECT_EQ(cursor()->result, 1);
+}
+
+TEST_F(TreeQuirk, ALongerLowestKeyThatADeletionLeavesMaySplitItsParent)
+{
+    FullParent();
+    ASSERT_TRUE(tree().Add('q', SizedKey("q", 8168))); // shares the leaf of "p"
+    steps_->clear();
+    ASSERT_TRUE(tree().Delete('p', SizedKey("p", 8100)));
+    EXPECT_EQ(Steps(), "IndxSplitRight()");
+    EXPECT_EQ(field()->levels, 3);
+    EXPECT_TRUE(tree().Update());
+    EXPECT_EQ(tree().Find('q', SizedKey("q", 8168)), 6);
 }
 
 TEST_F(TreeQuirk, OneOfSeveralEqualKeysIsDeletedByItsRecordId)

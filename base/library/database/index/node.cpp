@@ -126,7 +126,6 @@ int32_t IndxNewNode(uint8_t** ppNode, IndxCursor* pCursor)
     INDX_TRACE(
         INDX_DETAIL, "IndxNewNode(%p, %p)", static_cast<void*>(ppNode),
         static_cast<void*>(pCursor));
-    *ppNode = nullptr;
     void* oBlck = BlckOf(pCursor);
     void* pData = nullptr;
     const int32_t tId = BlckNewUnusedBlock(&pData, oBlck);

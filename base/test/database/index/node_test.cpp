@@ -221,14 +221,15 @@ TEST_F(Node, ABlockThatIsNoSoundNodeIsNull)
     EXPECT_TRUE(SoundTable(index.table()));
 }
 
-TEST_F(Node, ANewNodeWhoseBlockCannotBeHadIsMinusOneAndNull)
+TEST_F(Node, ANewNodeWhoseBlockCannotBeHadIsMinusOneAndLeavesTheVariableUntouched)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER}});
     for (const uint32_t point : {FAULT_RESERVE, FAULT_ALLOC}) {
         const ArmedFault fault(point);
-        uint8_t* pNode = reinterpret_cast<uint8_t*>(&index);
+        uint8_t* const untouched = reinterpret_cast<uint8_t*>(&index);
+        uint8_t* pNode = untouched;
         EXPECT_EQ(IndxNewNode(&pNode, index.cursor()), -1);
-        EXPECT_EQ(pNode, nullptr);
+        EXPECT_EQ(pNode, untouched);
         EXPECT_EQ(fault.hits(), 1u);
     }
     index.Backout();
