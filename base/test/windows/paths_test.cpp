@@ -212,6 +212,8 @@ TEST_F(Paths, WithADriveAndNoRootAreRelativeToTheDirectoryOfThatDrive)
         current.Set(directory().path()); // another drive; that of H stays what it was
         Configure("H:bases", directory().path());
         LiveIn("H:\\relative\\to\\bases", TABLE);
+        Configure("H:.", directory().path());
+        LiveIn("H:\\relative\\to", TABLE);
     }
     std::filesystem::remove_all("H:\\relative");
 }

@@ -3,7 +3,9 @@
 #pragma once
 
 #define WIN32_LEAN_AND_MEAN
-#define NOMINMAX
+#if !defined(NOMINMAX)
+#define NOMINMAX // the standard library defines it, too
+#endif
 #if !defined(_WIN32_WINNT)
 #define _WIN32_WINNT 0x0A00
 #endif

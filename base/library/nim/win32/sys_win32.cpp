@@ -54,6 +54,8 @@ bool HasDevicePrefix(const wchar_t* path)
 // and go to another file. "." and ".." are directories.
 bool HasDroppedEnd(const wchar_t* path)
 {
+    if (path[0] && path[1] == L':')
+        path += 2;
     const wchar_t* name = path;
     for (const wchar_t* p = path;; ++p) {
         if (*p && !IsSeparator(*p))
