@@ -37,6 +37,22 @@ inline bool IsMeaningless(size_t offset)
     return inBlock >= 24 && inBlock < (offset < 16384 ? 40 : 32);
 }
 
+// Where two files differ, for block files in what means something; their common length when
+// nowhere.
+inline size_t FirstDifference(const std::string& left, const std::string& right, bool blocks)
+{
+    const size_t common = std::min(left.size(), right.size());
+    size_t i = 0;
+    while (i < common && (left[i] == right[i] || (blocks && IsMeaningless(i))))
+        ++i;
+    return i;
+}
+
+inline bool AreSameBlocks(const std::string& left, const std::string& right)
+{
+    return left.size() == right.size() && FirstDifference(left, right, true) == left.size();
+}
+
 // What differs, one line a file; none: the same.
 inline std::vector<std::string> Differences(const std::string& left, const std::string& right)
 {
@@ -60,12 +76,9 @@ inline std::vector<std::string> Differences(const std::string& left, const std::
             continue;
         }
         const bool blocks = name.find("Indexes/") != std::string::npos;
-        for (size_t i = 0; i < bytes.size(); ++i) {
-            if (bytes[i] != other->second[i] && !(blocks && IsMeaningless(i))) {
-                found.push_back(name + " differs at byte " + std::to_string(i));
-                break;
-            }
-        }
+        const size_t at = FirstDifference(bytes, other->second, blocks);
+        if (at < bytes.size())
+            found.push_back(name + " differs at byte " + std::to_string(at));
     }
     return found;
 }

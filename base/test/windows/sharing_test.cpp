@@ -7,6 +7,7 @@
 
 #include "nim/stanza.h"
 #include "support/person_table.h"
+#include "support/same_files.h"
 #include "windows/win32_calls.h"
 
 namespace {
@@ -31,7 +32,7 @@ class Sharing : public PersonTest {
     }
     void ExpectUntouched()
     {
-        EXPECT_TRUE(ReadFileBytes(BlocksPath()) == blocks_);
+        EXPECT_TRUE(AreSameBlocks(ReadFileBytes(BlocksPath()), blocks_));
         EXPECT_TRUE(ReadFileBytes(RecordsPath()) == records_);
         EXPECT_EQ(ReadFileBytes(PathOf("Attributes", TABLE)), version_);
     }
