@@ -13,19 +13,23 @@
 #include "support/file_bytes.h"
 #include "support/utf8_path.h"
 
-// Everything below a directory, by its path from there on with "/" between the names; directories
-// have no bytes and end in "/".
+// An entry by its path below `root`, with "/" between the names; that of a directory ends in "/".
+inline std::string
+NameBelow(const std::filesystem::path& root, const std::filesystem::directory_entry& entry)
+{
+    std::string name = Utf8Text(entry.path().lexically_relative(root));
+    std::replace(name.begin(), name.end(), '\\', '/');
+    return entry.is_directory() ? name + "/" : name;
+}
+
+// Everything below a directory, by these names; directories have no bytes.
 inline std::map<std::string, std::string> FilesBelow(const std::string& directory)
 {
     std::map<std::string, std::string> files;
     const std::filesystem::path root = Utf8Path(directory);
     for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
-        std::string name = Utf8Text(entry.path().lexically_relative(root));
-        std::replace(name.begin(), name.end(), '\\', '/');
-        if (entry.is_directory())
-            files[name + "/"];
-        else
-            files[name] = ReadFileBytes(Utf8Text(entry.path()));
+        const std::string name = NameBelow(root, entry);
+        files[name] = name.back() == '/' ? "" : ReadFileBytes(Utf8Text(entry.path()));
     }
     return files;
 }
