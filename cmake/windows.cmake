@@ -47,13 +47,26 @@ function(nim_add_googletest)
     add_library(GTest::gtest ALIAS gtest)
 endfunction()
 
-# nim_windows_test_program(TARGET): one test, since starting a program under Wine takes a while; its
-# own report, results/<TARGET>.xml, tells the tests in it apart.
-function(nim_windows_test_program target)
-    # A relative path: one with a slash ahead of it is none to GoogleTest there.
-    add_test(NAME ${target} WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
-        COMMAND ${target} --gtest_brief=1 --gtest_output=xml:results/${target}.xml)
-    nim_runs_under_wine(${target} 1200)
+# nim_windows_test_program(TARGET SHARDS): one test, since starting a program under Wine takes a
+# while; its own report, results/<TARGET>.xml, tells the tests in it apart. With more than one shard
+# so many tests, each with its part of the tests in it, and results/<TARGET>_<n>.xml.
+function(nim_windows_test_program target shards)
+    foreach(shard RANGE 1 ${shards})
+        set(name ${target})
+        if(shards GREATER 1)
+            set(name ${target}_${shard})
+        endif()
+        # A relative path: one with a slash ahead of it is none to GoogleTest there.
+        add_test(NAME ${name} WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
+            COMMAND ${target} --gtest_brief=1 --gtest_output=xml:results/${name}.xml)
+        nim_runs_under_wine(${name} 1200)
+        if(shards GREATER 1)
+            math(EXPR index "${shard} - 1")
+            set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT
+                GTEST_TOTAL_SHARDS=${shards} GTEST_SHARD_INDEX=${index})
+            set_tests_properties(${name} PROPERTIES COST 100) # the long ones begin first
+        endif()
+    endforeach()
     # The tests themselves need no more, and are built in half the time.
     target_compile_options(${target} PRIVATE -O1)
 endfunction()

@@ -50,7 +50,7 @@ function(run_guide program)
     set(place ${host}/run_${place})
     file(MAKE_DIRECTORY ${place})
     execute_process(
-        COMMAND wine ${program} WORKING_DIRECTORY ${place}
+        COMMAND wine ${program} WORKING_DIRECTORY ${place} TIMEOUT 300
         RESULT_VARIABLE status OUTPUT_FILE ${place}/output ERROR_FILE ${place}/errors)
     if(NOT status EQUAL 0)
         file(READ ${place}/output output)

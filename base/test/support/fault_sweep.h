@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <set>
@@ -12,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "directory_image.h"
 #include "person_table.h"
 #include "quiet_trace.h"
 
@@ -51,7 +51,7 @@ class FaultSweep : public PersonTest {
   protected:
     static constexpr size_t HALF = 8000; // two names of this length fill a node
 
-    // What the sweep starts from: made once, copied for each fault.
+    // What the sweep starts from: made once, brought back for each fault.
     void Prepare(const std::function<void(void*, People*)>& build, uint32_t flag = 0)
     {
         ASSERT_TRUE(Open());
@@ -62,16 +62,9 @@ class FaultSweep : public PersonTest {
             return;
         ExpectHolds(oTable, before_);
         Close();
-        std::filesystem::copy(
-            DatabasePath(), PristinePath(), std::filesystem::copy_options::recursive);
+        pristine_.Take(DatabasePath());
     }
-    std::string PristinePath() const { return directory().path("pristine"); }
-    void Restore()
-    {
-        std::filesystem::remove_all(DatabasePath());
-        std::filesystem::copy(
-            PristinePath(), DatabasePath(), std::filesystem::copy_options::recursive);
-    }
+    void Restore() { pristine_.Restore(); }
 
     // A second table, both with a version; the model is that of either.
     void PrepareTwoTables()
@@ -84,8 +77,7 @@ class FaultSweep : public PersonTest {
             AddPeople(oTable, &before_, 0, 5, HALF);
         }
         Close();
-        std::filesystem::copy(
-            DatabasePath(), PristinePath(), std::filesystem::copy_options::recursive);
+        pristine_.Take(DatabasePath());
     }
     void ExpectBothHold()
     {
@@ -179,4 +171,5 @@ class FaultSweep : public PersonTest {
     }
 
     People before_;
+    DirectoryImage pristine_;
 };

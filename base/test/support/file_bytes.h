@@ -7,6 +7,8 @@
 #include <iterator>
 #include <string>
 
+#include <gtest/gtest.h>
+
 #include "support/utf8_path.h"
 
 inline std::string ReadFileBytes(const std::string& path)
@@ -19,6 +21,7 @@ inline void WriteFileBytes(const std::string& path, const std::string& bytes)
 {
     std::ofstream out(Utf8Path(path), std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    EXPECT_TRUE(out.flush().good()) << "cannot write " << path;
 }
 
 inline uint32_t U32At(const std::string& bytes, size_t offset)

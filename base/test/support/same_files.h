@@ -13,19 +13,23 @@
 #include "support/file_bytes.h"
 #include "support/utf8_path.h"
 
-// Everything below a directory, by its path from there on with "/" between the names; directories
-// have no bytes and end in "/".
+// An entry by its path below `root`, with "/" between the names; that of a directory ends in "/".
+inline std::string
+NameBelow(const std::filesystem::path& root, const std::filesystem::directory_entry& entry)
+{
+    std::string name = Utf8Text(entry.path().lexically_relative(root));
+    std::replace(name.begin(), name.end(), '\\', '/');
+    return entry.is_directory() ? name + "/" : name;
+}
+
+// Everything below a directory, by these names; directories have no bytes.
 inline std::map<std::string, std::string> FilesBelow(const std::string& directory)
 {
     std::map<std::string, std::string> files;
     const std::filesystem::path root = Utf8Path(directory);
     for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
-        std::string name = Utf8Text(entry.path().lexically_relative(root));
-        std::replace(name.begin(), name.end(), '\\', '/');
-        if (entry.is_directory())
-            files[name + "/"];
-        else
-            files[name] = ReadFileBytes(Utf8Text(entry.path()));
+        const std::string name = NameBelow(root, entry);
+        files[name] = name.back() == '/' ? "" : ReadFileBytes(Utf8Text(entry.path()));
     }
     return files;
 }
@@ -35,6 +39,22 @@ inline bool IsMeaningless(size_t offset)
 {
     const size_t inBlock = offset % 16384;
     return inBlock >= 24 && inBlock < (offset < 16384 ? 40 : 32);
+}
+
+// Where two files differ, for block files in what means something; their common length when
+// nowhere.
+inline size_t FirstDifference(const std::string& left, const std::string& right, bool blocks)
+{
+    const size_t common = std::min(left.size(), right.size());
+    size_t i = 0;
+    while (i < common && (left[i] == right[i] || (blocks && IsMeaningless(i))))
+        ++i;
+    return i;
+}
+
+inline bool AreSameBlocks(const std::string& left, const std::string& right)
+{
+    return left.size() == right.size() && FirstDifference(left, right, true) == left.size();
 }
 
 // What differs, one line a file; none: the same.
@@ -60,12 +80,9 @@ inline std::vector<std::string> Differences(const std::string& left, const std::
             continue;
         }
         const bool blocks = name.find("Indexes/") != std::string::npos;
-        for (size_t i = 0; i < bytes.size(); ++i) {
-            if (bytes[i] != other->second[i] && !(blocks && IsMeaningless(i))) {
-                found.push_back(name + " differs at byte " + std::to_string(i));
-                break;
-            }
-        }
+        const size_t at = FirstDifference(bytes, other->second, blocks);
+        if (at < bytes.size())
+            found.push_back(name + " differs at byte " + std::to_string(at));
     }
     return found;
 }

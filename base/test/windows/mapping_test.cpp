@@ -98,19 +98,19 @@ TEST_F(Views, ShowWhatOtherHandlesWriteAtOnce)
 TEST_F(Views, AgreeWithReadsThroughEveryHandleInRandomOrder)
 {
     std::mt19937_64 random(TestSeed());
-    constexpr int64_t SIZE = 1 << 20;
-    std::string model(SIZE, '\0');
+    constexpr int64_t LENGTH = 1 << 20;
+    std::string model(LENGTH, '\0');
     Write(0, model);
-    ASSERT_NE(View(0, SIZE), nullptr);
+    ASSERT_NE(View(0, LENGTH), nullptr);
     for (int i = 0; i < 3000; ++i) {
-        const auto offset = static_cast<int64_t>(random() % (SIZE - 20000));
+        const auto offset = static_cast<int64_t>(random() % (LENGTH - 20000));
         const std::string bytes(1 + random() % 20000, static_cast<char>(random()));
         if (random() % 2)
             Write(offset, bytes);
         else
             WriteElsewhere(offset, bytes);
         model.replace(static_cast<size_t>(offset), bytes.size(), bytes);
-        const auto at = static_cast<int64_t>(random() % (SIZE - 20000));
+        const auto at = static_cast<int64_t>(random() % (LENGTH - 20000));
         const char* view = View(at, 20000);
         ASSERT_NE(view, nullptr);
         ASSERT_EQ(memcmp(view, model.data() + at, 20000), 0) << i;
@@ -141,15 +141,15 @@ TEST_F(Views, ReachBeyondFourGigabytes)
     DWORD count = 0; // a sparse file where the volume knows them
     DeviceIoControl(
         other_, 0x000900C4 /* FSCTL_SET_SPARSE */, nullptr, 0, nullptr, 0, &count, nullptr);
-    constexpr int64_t FAR = (int64_t{5} << 30) + 12345;
-    Write(FAR, "far away");
-    Write(FAR & 0xFFFFFFFF, "near");
-    const char* view = View(FAR, 8);
+    constexpr int64_t DISTANT = (int64_t{5} << 30) + 12345;
+    Write(DISTANT, "far away");
+    Write(DISTANT & 0xFFFFFFFF, "near");
+    const char* view = View(DISTANT, 8);
     ASSERT_NE(view, nullptr);
     EXPECT_EQ(memcmp(view, "far away", 8), 0);
-    WriteElsewhere(FAR, "FAR");
+    WriteElsewhere(DISTANT, "FAR");
     EXPECT_EQ(memcmp(view, "FAR away", 8), 0);
-    EXPECT_EQ(memcmp(View(FAR & 0xFFFFFFFF, 4), "near", 4), 0);
+    EXPECT_EQ(memcmp(View(DISTANT & 0xFFFFFFFF, 4), "near", 4), 0);
 }
 
 TEST_F(Views, OfMoreThanTheSystemShouldKeepBooksOfAreNotMade)

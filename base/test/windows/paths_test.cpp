@@ -24,6 +24,13 @@ class Paths : public PersonTest {
         PersonTest::SetUp();
         UnsetEnvironment("NIM_HOME");
     }
+    void TearDown() override
+    {
+        PersonTest::TearDown(); // closes the database
+        RemoveByLongForm(LongForm(directory().path()));
+        EXPECT_EQ(GetFileAttributesW(LongForm(directory().path()).c_str()), INVALID_FILE_ATTRIBUTES)
+            << "something stays behind";
+    }
     void Configure(const std::string& home, const std::string& productHome)
     {
         PathSetHome(productHome.c_str());
@@ -163,7 +170,6 @@ TEST_F(Paths, OfEveryLengthAroundTheOldLimitLeadToTheirFiles)
         std::string names;
         EXPECT_EQ(DirScan(path.c_str(), take, &names), 1u);
         EXPECT_EQ(names, "f");
-        std::filesystem::remove_all(Utf8Path(path));
     }
 }
 
@@ -212,6 +218,8 @@ TEST_F(Paths, WithADriveAndNoRootAreRelativeToTheDirectoryOfThatDrive)
         current.Set(directory().path()); // another drive; that of H stays what it was
         Configure("H:bases", directory().path());
         LiveIn("H:\\relative\\to\\bases", TABLE);
+        Configure("H:.", directory().path());
+        LiveIn("H:\\relative\\to", TABLE);
     }
     std::filesystem::remove_all("H:\\relative");
 }

@@ -3,7 +3,9 @@
 #pragma once
 
 #define WIN32_LEAN_AND_MEAN
-#define NOMINMAX
+#if !defined(NOMINMAX)
+#define NOMINMAX // the standard library defines it, too
+#endif
 #if !defined(_WIN32_WINNT)
 #define _WIN32_WINNT 0x0A00
 #endif
@@ -11,6 +13,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "support/utf8_path.h"
 
@@ -42,6 +45,28 @@ inline std::string BytesByLongForm(const std::string& path)
     return bytes;
 }
 
+// Removes a directory with everything in it. The standard library cannot do so where paths grow
+// long: it asks for names cut off at 260 characters, and never comes to an end.
+inline void RemoveByLongForm(const std::wstring& directory)
+{
+    WIN32_FIND_DATAW entry;
+    const HANDLE scan = FindFirstFileW((directory + L"\\*").c_str(), &entry);
+    if (scan == INVALID_HANDLE_VALUE)
+        return;
+    do {
+        const std::wstring name = entry.cFileName;
+        const std::wstring path = directory + L"\\" + name;
+        if (name == L"." || name == L"..")
+            continue;
+        if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+            RemoveByLongForm(path);
+        else
+            DeleteFileW(path.c_str());
+    } while (FindNextFileW(scan, &entry));
+    FindClose(scan);
+    RemoveDirectoryW(directory.c_str());
+}
+
 // A file as another program may hold it: opened for reading, and nobody else may do more than
 // `share` tells.
 class HeldFile {
@@ -67,17 +92,31 @@ class HeldFile {
     HANDLE file_;
 };
 
-// The current directory, given back at the end.
+// The current directory, given back at the end, and with it that of each drive. The latter are a
+// custom of programs and not of the system: they stand in the environment as "=H:", where the
+// runtime of a program puts them when it changes its directory, or should.
 class CurrentDirectory {
   public:
     CurrentDirectory() : former_(std::filesystem::current_path()) {}
-    ~CurrentDirectory() { std::filesystem::current_path(former_); }
+    ~CurrentDirectory()
+    {
+        for (const std::wstring& variable : variables_)
+            SetEnvironmentVariableW(variable.c_str(), nullptr);
+        std::filesystem::current_path(former_);
+    }
     CurrentDirectory(const CurrentDirectory&) = delete;
     CurrentDirectory& operator=(const CurrentDirectory&) = delete;
 
     // Also sets what a path with this drive and without a root is relative to.
-    void Set(const std::string& path) { std::filesystem::current_path(Utf8Path(path)); }
+    void Set(const std::string& path)
+    {
+        const std::filesystem::path directory = Utf8Path(path);
+        std::filesystem::current_path(directory);
+        variables_.push_back(L"=" + directory.root_name().wstring());
+        SetEnvironmentVariableW(variables_.back().c_str(), directory.c_str());
+    }
 
   private:
     std::filesystem::path former_;
+    std::vector<std::wstring> variables_;
 };

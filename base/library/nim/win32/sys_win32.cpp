@@ -24,6 +24,9 @@
 #include <cwchar>
 
 constexpr DWORD WIDE_ROOM = 32768;
+// Of it for a path made whole: the size in bytes goes through 16 bits on its way to the directories
+// of drives ("H:name"), and would be 0 for all of it.
+constexpr DWORD WHOLE_ROOM = WIDE_ROOM - 1;
 // Directories are limited to 12 characters less than files, for the names to be made in them.
 constexpr DWORD LONG_PATH = MAX_PATH - 12;
 // One transfer; far below what the 32-bit count of the calls can hold.
@@ -54,6 +57,8 @@ bool HasDevicePrefix(const wchar_t* path)
 // and go to another file. "." and ".." are directories.
 bool HasDroppedEnd(const wchar_t* path)
 {
+    if (path[0] && path[1] == L':')
+        path += 2;
     const wchar_t* name = path;
     for (const wchar_t* p = path;; ++p) {
         if (*p && !IsSeparator(*p))
@@ -99,9 +104,9 @@ WidePath::WidePath(const char* path, const wchar_t* tail)
     if (length <= 1)
         return; // "" names nothing
     wchar_t* whole = room_ + PREFIX_ROOM;
-    DWORD size = GetFullPathNameW(given, WIDE_ROOM, whole, nullptr);
+    DWORD size = GetFullPathNameW(given, WHOLE_ROOM, whole, nullptr);
     const size_t tailSize = wcslen(tail);
-    if (size == 0 || size + tailSize >= WIDE_ROOM)
+    if (size == 0 || size + tailSize >= WHOLE_ROOM)
         return;
     if (wcsncmp(whole, L"\\\\.\\", 4) == 0) {
         // "NUL" is a device, and so it is in every directory, where a file is meant.

@@ -60,7 +60,8 @@ class TreeDamage : public TreeTest {
         good_ = ReadFileBytes(path());
     }
 
-    // Opens the file with one word of a node overwritten.
+    // Opens the file with one word of a node overwritten. What was opened before is closed first:
+    // not every system lets others write to a file that is read in place.
     std::unique_ptr<IndexFixture> Open(uint32_t tNode, uint32_t offset, uint32_t value)
     {
         std::string bytes = good_;
@@ -186,8 +187,10 @@ TEST_F(TreeDamage, AnEmptyLeafOrBranchInTheTreeIsNoEndOfTheIndex)
     auto index = Open(leaves_[3], COUNT, 0);
     ASSERT_EQ(index->Find(24, Name(48)), INDX_RESULT_FOUND);
     NoKey(IndxNextKey, *index, INDX_AT_END);
+    index.reset();
     index = Open(leaves_[0], COUNT, 0);
     NoKey(IndxFirstKey, *index, INDX_AT_END);
+    index.reset();
     index = Open(branches_[1], COUNT, 0);
     NotFound(*index, 2 * 70);
     Refuses(*index, true, 2 * 70 + 1);
@@ -201,6 +204,7 @@ TEST_F(TreeDamage, ALeafTakenForABranchAndABranchForALeafEndInAnOrdinaryFailure)
     index->Delete(27, Name(54));
     index->Insert(9000, Name(55));
     index->Backout();
+    index.reset();
     index = Open(branches_[1], LEAF, 1);
     EXPECT_NE(index->Find(70, Name(141)), INDX_RESULT_FOUND);
     index->Delete(70, Name(140));
@@ -248,11 +252,13 @@ TEST_F(TreeDamage, HeapOffsetsThatAreNoRunningSumsAreNotMoved)
         RefusesEntry(*index, position);
     // The entry before the last: without the last one it would say where the heap ends.
     for (const uint32_t value : {2020u * 8 - 1, 0x7FFFFF00u, 0u, 16353u}) {
+        index.reset();
         index = Open(leaves_[3], HeapOffset(6), value);
         RefusesEntry(*index, 7);
         RefusesEntry(*index, 6);
     }
     // A split at the end of the node moves nothing, and is right.
+    index.reset();
     index = Open(leaves_.back(), HeapOffset(2), 2020 * 3 + 7);
     EXPECT_TRUE(index->Insert(9000, Name(401)));
     index->Backout();
@@ -382,6 +388,7 @@ TEST_F(TreeDamage, ANeighbourThatDoesNotLinkBackIsNotEntered)
         NoKey(IndxNextKey, *index, INDX_AT_END);
         NotFound(*index, 65);
         Refuses(*index, true, 63); // the new neighbour would have to be linked in
+        index.reset();
         index = Open(leaves_[3], PREVIOUS, value == leaves_[2] ? leaves_[4] : value);
         ASSERT_EQ(index->Find(25, Name(50)), INDX_RESULT_FOUND);
         NoKey(IndxPreviousKey, *index, INDX_AT_BEGINNING);
@@ -401,8 +408,10 @@ TEST_F(TreeDamage, ALinkThatEndsTooEarlyIsNotTakenForTheEndOfTheIndex)
     EXPECT_EQ(IndxError(), 13u);
     Refuses(*index, true, 63);
     EXPECT_EQ(index->field()->roots.tLastLeaf, leaves_.back());
+    index.reset();
     index = Open(leaves_[0], PREVIOUS, leaves_[5]);
     NoKey(IndxFirstKey, *index, INDX_AT_END);
+    index.reset();
     index = Open(leaves_.back(), NEXT, leaves_[5]);
     NoKey(IndxLastKey, *index, INDX_AT_BEGINNING);
 }
@@ -414,6 +423,7 @@ TEST_F(TreeDamage, AnEmptiedLeafWhoseNeighboursDoNotKnowItStays)
         for (uint32_t n = 32; n > 25; --n)
             ASSERT_TRUE(index->Remove(n, Name(2 * n)));
         Refuses(*index, false, 50);
+        index.reset();
         index = Open(leaves_[3], link, 0xFFFFFFFF);
         for (uint32_t n = 32; n > 25; --n)
             ASSERT_TRUE(index->Remove(n, Name(2 * n)));
