@@ -318,7 +318,7 @@ def count_instructions(programs, results, surroundings):
 def check_instructions(options, programs):
     """0; 1 when a count grew, or two runs differ."""
     results = pathlib.Path(options.results).resolve()
-    say("counting twice, the second time with the stack elsewhere: about two minutes")
+    say("counting twice, the second time with the stack elsewhere: a minute")
     counts = count_instructions(programs, results, {})
     again = count_instructions(programs, results, {"MOVE_THE_STACK": "x" * 1000})
     difference = figures.largest_difference(counts, again)
