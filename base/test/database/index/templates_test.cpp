@@ -15,8 +15,9 @@ namespace {
 
 // Runs the first call, which answers whether it succeeded, with the n-th allocation failing, for
 // every n. Ends the process: 0 when each failure was one, and the first run without one succeeded.
+// What a run has made before its failure is there for the next, so that few runs meet them all.
 template <class FirstCall>
-void SweepFirst(FirstCall call)
+void SweepFirst(FirstCall call, bool bMayDoWithout = false)
 {
     TraceRecorder quiet(-1);
     for (uint32_t nth = 1; nth < 100; ++nth) {
@@ -27,10 +28,11 @@ void SweepFirst(FirstCall call)
             bGood = call();
             bStruck = fault.hits() != 0;
         }
-        if (bGood == bStruck || ObjLiveCount(0) != 0 || MemLiveCount() != 0)
+        const bool bExpected = bStruck ? !bGood || (bMayDoWithout && nth > 1) : bGood;
+        if (!bExpected || ObjLiveCount(0) != 0 || MemLiveCount() != 0)
             std::exit(2);
         if (!bStruck)
-            std::exit(nth > 6 ? 0 : 3); // there are six templates
+            std::exit(nth > 3 ? 0 : 3);
     }
     std::exit(4);
 }
@@ -74,7 +76,8 @@ bool MakeBlob()
 TEST(TemplatesDeathTest, WithoutMemoryForThemTheFirstDatabaseFailsAndTheNextIsOpened)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(SweepFirst(OpenDatabase), testing::ExitedWithCode(0), "");
+    // A directory that cannot be scanned is no failure.
+    EXPECT_EXIT(SweepFirst(OpenDatabase, true), testing::ExitedWithCode(0), "");
 }
 
 TEST(TemplatesDeathTest, WithoutMemoryForThemThereIsNoKey)
