@@ -18,7 +18,6 @@ struct NameList {
     uint32_t size;  // bytes used
     uint32_t room;  // bytes there are
     uint32_t count; // names
-    bool broken;    // out of memory
 };
 } // namespace
 
@@ -44,10 +43,8 @@ static bool DirTakeName(void* context, const char* name)
 {
     NameList* list = static_cast<NameList*>(context);
     const size_t size = strlen(name) + 1;
-    if (!DirMakeRoom(list, size)) {
-        list->broken = true;
-        return false;
-    }
+    if (!DirMakeRoom(list, size))
+        return false; // which fails the scan
     memcpy(list->text + list->size, name, size);
     list->size += static_cast<uint32_t>(size);
     ++list->count;
@@ -78,7 +75,7 @@ NimBool DirScan(const char* directory, DirScanCallback callback, void* context)
         return FALSE;
     NameList list = {};
     const char** names = nullptr;
-    bool good = SysScan(directory, DirTakeName, &list) && !list.broken;
+    bool good = SysScan(directory, DirTakeName, &list);
     if (good) {
         names = DirSortNames(&list);
         good = names != nullptr;

@@ -31,7 +31,7 @@ char* PathBuild(const char* directory, const char* name, uint32_t)
     char* path = static_cast<char*>(MemAllocateWideUncleared(uint64_t{first} + second + 2));
     if (!path)
         return nullptr;
-    memcpy(path, directory, first);
+    MemCopy(path, directory, static_cast<uint32_t>(first));
     char* end = path + first;
     if (!SysIsSeparator(end[-1]))
         *end++ = SysSeparator();

@@ -173,7 +173,7 @@ static bool StnzReplaceFile(const char* path, const Output* output)
     char* temporary = static_cast<char*>(MemAllocateWideUncleared(uint64_t{length} + 5));
     if (!temporary)
         return false;
-    memcpy(temporary, path, length);
+    MemCopy(temporary, path, static_cast<uint32_t>(length));
     memcpy(temporary + length, ".tmp", 5);
     const bool good = StnzWriteFile(temporary, output) && SysReplaceFile(temporary, path);
     if (!good)

@@ -163,6 +163,37 @@ TEST_F(FilesPosix, WithoutMappingsFilesAreRead)
     }));
 }
 
+TEST_F(FilesPosix, ACloseThatTheSystemRefusesLetsGoOfTheFileAllTheSame)
+{
+    void* file = nullptr;
+    ASSERT_EQ(FileSysOpen(&file, path_.c_str(), FILE_MODE_READ), 1u);
+    const int64_t struck = WithStruckCall({SYS_close, EIO, 1, 1}, [&] {
+        EXPECT_EQ(FileSysClose(&file), 0u);
+        EXPECT_EQ(file, FILE_NONE);
+    });
+    if (struck < 0)
+        FileSysClose(&file);
+    SKIP_UNLESS(struck >= 0);
+    EXPECT_EQ(struck, 1);
+}
+
+TEST_F(FilesPosix, WhatCannotBeReservedIsRefusedHoweverLargeItIs)
+{
+    void* file = nullptr;
+    ASSERT_EQ(FileSysOpen(&file, path_.c_str(), FILE_MODE_UPDATE), 1u);
+    {
+        // More and less than what is reserved ahead, and where there is no room for that.
+        Limited limit(RLIMIT_FSIZE, 300000);
+        EXPECT_EQ(FileSysReserve(file, 0, 1 << 20), 0u);
+        EXPECT_EQ(FileSysReserve(file, 290000, 20000), 0u);
+        EXPECT_EQ(FileSysReserve(file, INT64_MAX - 100, 50), 0u);
+        EXPECT_EQ(FileSysReserve(file, 290000, 10000), 1u);
+    }
+    EXPECT_EQ(FileSysReserve(file, INT64_MAX - 100, 50), 0u); // longer than any file
+    EXPECT_EQ(FileSysClose(&file), 1u);
+    EXPECT_EQ(ReadFileBytes(path_), BYTES);
+}
+
 TEST_F(FilesPosix, NamesStayRelativeWhereTheProgramsDirectoryIsNotTold)
 {
     unsetenv("NIM_HOME");

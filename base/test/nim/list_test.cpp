@@ -86,6 +86,9 @@ TEST(List, IsAnObjectOfItsOwnMagic)
     EXPECT_EQ(ListGetCount(list.get()), 0u);
     EXPECT_EQ(RefCount(list.get()), 1);
     EXPECT_EQ(ListGetItemType(NewList().get()), 0u);
+    EXPECT_EQ(ListGetItemType(nullptr), 0u);
+    Ref other = NewObject(MAGIC, "i;");
+    EXPECT_EQ(ListGetItemType(other.get()), 0u);
 }
 
 TEST(List, CannotBeMadeWithoutMemoryOrInAnUnknownPool)

@@ -104,3 +104,22 @@ TEST_F(ProcChild, WhatAHostsSinkLeftWithTheCLibraryIsWritten)
         "NIM ends the process");
     EXPECT_EQ(ReadFileBytes(path), "buffered\n");
 }
+
+#if defined(__linux__)
+TEST_F(ProcChild, ACrashOnTheWayDownDoesNotBeginItAllAgain)
+{
+    // What a host's own stream does when it is flushed may crash, too.
+    EXPECT_DEATH(
+        {
+            cookie_io_functions_t calls = {};
+            calls.write = [](void*, const char*, size_t) -> ssize_t {
+                ProcCrash(2);
+                return 0;
+            };
+            FILE* file = fopencookie(nullptr, "w", calls);
+            std::fputs("buffered", file);
+            ProcCrash(1);
+        },
+        "^NIM ends the process \\(1\\), recent trace:\n$");
+}
+#endif

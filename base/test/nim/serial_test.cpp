@@ -301,6 +301,15 @@ TEST(Serial, DepthEndsAt64)
     }
 }
 
+TEST(Serial, TheSizeNeedNotBeAskedFor)
+{
+    Ref object = NewObject(MAGIC, "i;");
+    const std::string form = Serialised(object.get());
+    std::string again(form.size(), '\xAA');
+    EXPECT_EQ(ObjSerializeToMemory(object.get(), again.data(), nullptr), 1u);
+    EXPECT_EQ(again, form);
+}
+
 TEST(Serial, NullsMapsAndLostTemplatesCannotBeWritten)
 {
     char dest[64];

@@ -377,7 +377,7 @@ TEST_F(TraceChild, TheEnvironmentRaisesTheLevel)
 
 TEST_F(TraceChild, ALevelThatIsNoNumberIsIgnored)
 {
-    for (const char* level : {"", "4x", "verbose", "99999999999999999999"}) {
+    for (const char* level : {"", "4x", "verbose", "99999999999999999999", "32768", "-32769"}) {
         EXPECT_EXIT(
             {
                 SetEnvironment("NIM_TRACE_LEVEL", level);

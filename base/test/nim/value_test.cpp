@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstdlib>
 #include <string>
 
 #include "nim/list.h"
@@ -220,4 +221,52 @@ TEST(Value, EveryConstructorSurvivesEveryAllocationFailure)
         }
         EXPECT_GE(n, 2u);
     }
+}
+
+namespace {
+
+// Makes one object of each type as the first of the process, without memory and then with it.
+void MakeTheFirstOfEachType()
+{
+    const UniqueId id = SomeId();
+    const auto make = [&](int type) -> void* {
+        void* object = nullptr;
+        switch (type) {
+        case 0:
+            return ObjIntegerNew(1);
+        case 1:
+            return ObjInt64New(1);
+        case 2:
+            return ObjStringNew("text");
+        case 3:
+            return ObjUniqueNew(&id);
+        default:
+            ObjDataFieldCreate(&object, "bytes", 5);
+            return object;
+        }
+    };
+    for (int type = 0; type < 5; ++type) {
+        bool bStruck = true;
+        for (uint32_t nth = 1; bStruck; ++nth) {
+            const FaultRule rule = {FAULT_ALLOC, nullptr, nth, 1, FAULT_FAIL, 0};
+            const uint32_t fault = FaultArm(&rule);
+            void* object = make(type);
+            bStruck = FaultHits(fault) != 0;
+            FaultDisarmAll();
+            if ((object == nullptr) != bStruck || (!bStruck && nth < 2))
+                std::exit(1 + type);
+            ObjReleaseInternal(&object);
+            if (MemLiveCount() != 0)
+                std::exit(10 + type);
+        }
+    }
+    std::exit(0);
+}
+
+} // namespace
+
+TEST(ValueDeathTest, TheFirstObjectOfEachTypeNeedsMemoryForItsTypeToo)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(MakeTheFirstOfEachType(), testing::ExitedWithCode(0), "");
 }
