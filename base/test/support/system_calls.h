@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <string>
 #include <thread>
@@ -126,6 +127,9 @@ inline int64_t WithStruckCall(const StruckCall& call, const std::function<void()
     std::thread([&] {
         struck::State state = {call};
         struck::sState = &state;
+        // The heap of a thread is made with its first piece, by calls that may be those to be struck.
+        void* volatile first = std::malloc(1);
+        std::free(first);
         if (!struck::Install(call.number))
             return;
         work();
