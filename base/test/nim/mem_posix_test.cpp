@@ -19,8 +19,6 @@ bool PassesThrough()
     return MemWaitingBytes() == 0;
 }
 
-constexpr rlim_t NO_MORE = 1 << 20; // of addresses: less than there are already
-
 } // namespace
 
 #ifndef NIM_SANITIZE // whose own heap ends the program instead
@@ -31,7 +29,7 @@ TEST(MemPosix, AnAllocationThatTheHeapRefusesGivesNullAndCountsNothing)
     void* cleared;
     void* uncleared;
     {
-        Limited limit(RLIMIT_AS, NO_MORE);
+        Limited limit(RLIMIT_AS, AddressesInUse());
         cleared = MemAllocateFromPool(0xFFFFFFFF, MemGetDefaultPoolId());
         uncleared = MemAllocateUncleared(0xFFFFFFFF, MemGetDefaultPoolId());
     }
@@ -45,10 +43,10 @@ TEST(MemPosix, WaitingPiecesGoBeforeAnAllocationFails)
 {
     if (PassesThrough())
         GTEST_SKIP() << "memory passes through to the heap";
-    // A few pieces of one class wait, each as long as one of the class below with all around it.
+    // A few pieces of one class wait, each longer than one of the class below.
     constexpr uint32_t WAITING = 65664;
     constexpr uint32_t WANTED = 57472;
-    constexpr uint32_t AROUND = 64;
+    constexpr uint32_t AHEAD = 16; // of a body; together what the heap is asked for
     MemTrim();
     std::vector<void*> pieces(10);
     for (void*& p : pieces)
@@ -64,8 +62,8 @@ TEST(MemPosix, WaitingPiecesGoBeforeAnAllocationFails)
     void* uncleared;
     uint64_t waiting;
     {
-        Limited limit(RLIMIT_AS, NO_MORE);
-        while (void* p = malloc(WANTED + AROUND))
+        Limited limit(RLIMIT_AS, AddressesInUse());
+        while (void* p = malloc(AHEAD + WANTED))
             taken.push_back(p);
         uncleared = MemAllocateUncleared(WANTED, MemGetDefaultPoolId());
         waiting = MemWaitingBytes();

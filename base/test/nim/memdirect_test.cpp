@@ -123,7 +123,7 @@ TEST(MemDirect, TrimmingLeavesATableWithPiecesInIt)
 // The sanitizers' own heap ends the program instead.
 TEST(MemDirect, WithoutMemoryForThePieceThereIsNone)
 {
-    Limited limit(RLIMIT_AS, 1 << 20);
+    Limited limit(RLIMIT_AS, AddressesInUse());
     void* cleared = MemDirectAllocate(0xFFFFFFFF, true);
     void* uncleared = MemDirectAllocate(0xFFFFFFFF, false);
     EXPECT_EQ(cleared, nullptr);
@@ -140,7 +140,7 @@ TEST(MemDirect, WithoutMemoryForTheTableThereIsNoPieceAndNothingIsLost)
     free(malloc(16)); // room for the piece itself
     void* piece;
     {
-        Limited limit(RLIMIT_AS, 1 << 20);
+        Limited limit(RLIMIT_AS, AddressesInUse());
         while (void* p = malloc(8000)) // less than the table takes
             taken.push_back(p);
         piece = MemDirectAllocate(16, false);

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -165,6 +166,15 @@ constexpr long SYS_LINK = SYS_readlink;
 #else
 constexpr long SYS_LINK = SYS_readlinkat;
 #endif
+
+// The bytes of addresses that the process has now, for a limit that lets it have no more of them
+// (what it gives back it may take again).
+inline rlim_t AddressesInUse()
+{
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
+}
 
 // A limit of the process, as long as this lives.
 class Limited {
