@@ -21,8 +21,8 @@
 
 /* The items of the format, in order, as they lie in memory. */
 typedef struct Book {
-    int32_t id;   /* "Id": issued by the table */
-    char* title;  /* texts belong to the object and come from the pool */
+    int32_t id;  /* "Id": issued by the table */
+    char* title; /* texts belong to the object and come from the pool */
     char* author;
     int32_t year;
     int32_t lent;
@@ -76,8 +76,9 @@ static uint32_t PrintBook(void* object, void* context)
     const Book* book = object;
     uint32_t* count = context;
     ++*count;
-    printf("  %d  %s: %s%s\n", (int)book->year, book->author, book->title,
-           book->lent ? " (lent)" : "");
+    printf(
+        "  %d  %s: %s%s\n", (int)book->year, book->author, book->title,
+        book->lent ? " (lent)" : "");
     return 1; /* go on */
 }
 
@@ -156,8 +157,9 @@ int main(int argc, char** argv)
     AddBook(table, "A Treatise on Nodes", "Ash", 1994);
     AddBook(table, "Blocks and Chains", "Birch", 1987);
     AddBook(table, "Cursors at Rest", "Ash", 2003);
-    printf("%u books, %u of them by Ash\n", (unsigned)PrintByYear(table),
-           (unsigned)CountBooksOf(table, "ash"));
+    printf(
+        "%u books, %u of them by Ash\n", (unsigned)PrintByYear(table),
+        (unsigned)CountBooksOf(table, "ash"));
     /* guide: end */
 
     /* guide: close */

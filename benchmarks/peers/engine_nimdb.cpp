@@ -166,9 +166,11 @@ class NimdbEngine : public Engine {
 };
 
 Registrar r1("nimdb", [] { return std::unique_ptr<Engine>(new NimdbEngine(true, false)); });
-Registrar r2(
-    "nimdb-unmapped", [] { return std::unique_ptr<Engine>(new NimdbEngine(false, false)); });
-Registrar r3(
-    "nimdb-mapped-writes", [] { return std::unique_ptr<Engine>(new NimdbEngine(true, true)); });
+Registrar r2("nimdb-unmapped", [] {
+    return std::unique_ptr<Engine>(new NimdbEngine(false, false));
+});
+Registrar r3("nimdb-mapped-writes", [] {
+    return std::unique_ptr<Engine>(new NimdbEngine(true, true));
+});
 
 } // namespace

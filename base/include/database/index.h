@@ -15,20 +15,20 @@ NIM_BEGIN
 
 /* Result codes of the cursor operations. */
 enum {
-    INDX_RESULT_EMPTY_KEY = 1,     /* the text key is empty                                       */
-    INDX_RESULT_LONG_KEY = 2,      /* the text key is longer than the field allows                */
-    INDX_RESULT_BAD_LENGTH = 3,    /* a stored text has a negative length: damaged record         */
-    INDX_RESULT_KEY_TYPE = 5,      /* this kind of index cannot be searched or keyed              */
-    INDX_RESULT_FOUND = 6,         /* the cursor is on a key                                      */
-    INDX_RESULT_NOT_FOUND = 7,     /* not found, or no further matching key                       */
-    INDX_RESULT_NO_KEY = 8,        /* no key in that direction: at the beginning or the end       */
-    INDX_RESULT_STATUS = 9,        /* the cursor has no valid status                              */
-    INDX_RESULT_CURSOR = 11,       /* not a cursor                                                */
-    INDX_RESULT_KEY_OBJECT = 12    /* the key object is of the wrong type for the index           */
+    INDX_RESULT_EMPTY_KEY = 1,  /* the text key is empty                                       */
+    INDX_RESULT_LONG_KEY = 2,   /* the text key is longer than the field allows                */
+    INDX_RESULT_BAD_LENGTH = 3, /* a stored text has a negative length: damaged record         */
+    INDX_RESULT_KEY_TYPE = 5,   /* this kind of index cannot be searched or keyed              */
+    INDX_RESULT_FOUND = 6,      /* the cursor is on a key                                      */
+    INDX_RESULT_NOT_FOUND = 7,  /* not found, or no further matching key                       */
+    INDX_RESULT_NO_KEY = 8,     /* no key in that direction: at the beginning or the end       */
+    INDX_RESULT_STATUS = 9,     /* the cursor has no valid status                              */
+    INDX_RESULT_CURSOR = 11,    /* not a cursor                                                */
+    INDX_RESULT_KEY_OBJECT = 12 /* the key object is of the wrong type for the index           */
 };
 
 /* Reserved table versions. */
-#define INDX_VERSION_ABSENT 0xFFFFFFFDu /* read: the table does not exist                         */
+#define INDX_VERSION_ABSENT 0xFFFFFFFDu /* read: the table does not exist */
 #define INDX_VERSION_NONE 0xFFFFFFFEu   /* read: no version file; asked: make no version file     */
 #define INDX_VERSION_ANY 0xFFFFFFFFu    /* asked: accept whatever version is stored               */
 
@@ -45,18 +45,17 @@ enum {
  * TRUE or FALSE. Last error 28: the home or database directory cannot be made or is no directory;
  * 29: one of its subdirectories; other failures (unusable argument, no memory) set none. A table
  * that cannot be loaded does not fail the open; it is missing from the list of tables. */
-NIMDB_API NimBool IndxOpenDatabase(
-    void** ppDatabase, const char* name, void* tableNames, const char* homeDir);
+NIMDB_API NimBool
+IndxOpenDatabase(void** ppDatabase, const char* name, void* tableNames, const char* homeDir);
 
 /* Closes every table of the database and drops the caller's reference; *ppDatabase becomes null.
  * TRUE, or FALSE when ppDatabase or *ppDatabase is null. */
 NIMDB_API NimBool IndxCloseDatabase(void** ppDatabase);
 
 /* Opens the table `name`, creating it when it does not exist.
- *   ppTable    out: a new reference, given back with IndxReleaseTable (or IndxCloseTable when nobody
- *              else uses the table); null on failure, but for a new table whose description could
- *              not be stored: it is handed out all the same. May be null: the table then stays with
- *              the database only.
+ *   ppTable    out: a new reference, given back with IndxReleaseTable (or IndxCloseTable when
+ * nobody else uses the table); null on failure, but for a new table whose description could not be
+ * stored: it is handed out all the same. May be null: the table then stays with the database only.
  *   oDatabase  in: an open database.
  *   name       in: the table's name, matched without regard to case. Not null.
  *   fileName   in: name of the table's files. Normally the same as `name`. Not null.
@@ -72,8 +71,8 @@ NIMDB_API NimBool IndxCloseDatabase(void** ppDatabase);
  * 19 to 24, 30, 31: `format` or `fields` is refused (see IndxError). Unchanged when the version is
  * wrong or cannot be read or written, the format is refused by the object services, names and
  * format differ in number, there is no field "Id", the description is too large, or the table's
- * block file is there but cannot be loaded or holds a table of another name; the trace tells which. A failed creation leaves the
- * files that were made; a table on disk is never created over. */
+ * block file is there but cannot be loaded or holds a table of another name; the trace tells which.
+ * A failed creation leaves the files that were made; a table on disk is never created over. */
 NIMDB_API NimBool IndxOpenTableInternal(
     void** ppTable, void* oDatabase, const char* name, const char* fileName, uint32_t magic,
     const char* format, const char* fields, uint32_t flag, uint32_t version);
@@ -85,8 +84,8 @@ NIMDB_API NimBool IndxOpenTableInternal(
  *   name       in: the name under which the list is searched first. Not null.
  * TRUE, or FALSE: the database has a table of this name already, or the block file cannot be
  * opened or holds no sound description. Sets no error code. */
-NIMDB_API NimBool IndxLoadTable(
-    void** ppTable, void* oDatabase, const char* fileName, const char* name);
+NIMDB_API NimBool
+IndxLoadTable(void** ppTable, void* oDatabase, const char* fileName, const char* name);
 
 /* Opens the table's records file, creating it when absent, into the table. TRUE also when the file
  * could not be opened: the operations on records meet a closed file instead. FALSE for a bad
@@ -127,9 +126,9 @@ NIMDB_API NimBool IndxUpdateTable(void* oTable);
 
 /* The last error of the table and record operations; process-wide, 0 before the first. Codes:
  * 5 no such field, 6 field not indexed, 12 seek failed, 13 read failed, 14 index update or write
- * failed, 15 invalid argument, 18 record of another type than the table's, 19 empty format, 20 empty
- * fields text, 21 empty field name, 23 duplicate field name, 24 kind of field not allowed or "Id"
- * not of kind "i", 25 table shape changed, 28 home or database directory unusable, 29 database
+ * failed, 15 invalid argument, 18 record of another type than the table's, 19 empty format, 20
+ * empty fields text, 21 empty field name, 23 duplicate field name, 24 kind of field not allowed or
+ * "Id" not of kind "i", 25 table shape changed, 28 home or database directory unusable, 29 database
  * subdirectory unusable, 30 empty field flag, 31 unknown field flag, 33 id of a modified record
  * differs from the stored one. */
 NIMDB_API uint32_t IndxError(void);
@@ -195,9 +194,9 @@ NIMDB_API uint32_t IndxCursorGetId(uint32_t* pId, void* oCursor);
  *   pId      out: the new id; untouched on failure; may be null.
  *   oTable   in: the table.
  *   oObject  in: an object of the table's record type; another type ends the process.
- * TRUE or FALSE. Last error 12: the records file cannot be positioned or would pass 2 GiB; 14: a key
- * was refused (duplicate, empty or too long) or the record could not be written. After a failure
- * nothing was added; the id is not issued again. */
+ * TRUE or FALSE. Last error 12: the records file cannot be positioned or would pass 2 GiB; 14: a
+ * key was refused (duplicate, empty or too long) or the record could not be written. After a
+ * failure nothing was added; the id is not issued again. */
 NIMDB_API NimBool IndxAddObjectToTable(uint32_t* pId, void* oTable, void* oObject);
 
 /* The same with an encoded record (a database BLOB, dbrecord.h); its length and id are stamped into
@@ -246,23 +245,23 @@ NIMDB_API NimBool IndxGetRecordAtCursor(void** ppRecord, void* oCursor);
  *              themselves are not looked at: a selection brings every variable field.
  * TRUE or FALSE. Last error 12: seek failed; 13: the record cannot be read or is damaged (log
  * messages 1307 fixed part, 1306 a field); unchanged when a field has no known type. */
-NIMDB_API NimBool IndxRetrivePartialRecord(
-    void* pData, void* oTable, uint32_t offset, const uint32_t* pSelected);
+NIMDB_API NimBool
+IndxRetrivePartialRecord(void* pData, void* oTable, uint32_t offset, const uint32_t* pSelected);
 
 /* The same as a new database BLOB, given back with ObjRelease; null on failure. Last error 15: an
  * argument is unusable. */
-NIMDB_API NimBool IndxGetPartialRecord(
-    void** ppRecord, void* oTable, uint32_t offset, const uint32_t* pSelected);
+NIMDB_API NimBool
+IndxGetPartialRecord(void** ppRecord, void* oTable, uint32_t offset, const uint32_t* pSelected);
 
 /* The same for the record of a cursor's key, which may be an untrusted one. Last error 15: an
  * argument is unusable, or the cursor holds no key. */
-NIMDB_API NimBool IndxGetPartialRecordAtCursor(
-    void** ppRecord, void* oCursor, const uint32_t* pSelected);
+NIMDB_API NimBool
+IndxGetPartialRecordAtCursor(void** ppRecord, void* oCursor, const uint32_t* pSelected);
 
 /* The same decoded into a new object, given back with ObjRelease; null on failure. Without a
  * selection the variable fields come out absent. The id is not compared with the key's. */
-NIMDB_API NimBool IndxGetPartialObjectAtCursor(
-    void** ppObject, void* oCursor, const uint32_t* pSelected);
+NIMDB_API NimBool
+IndxGetPartialObjectAtCursor(void** ppObject, void* oCursor, const uint32_t* pSelected);
 
 /* Makes a selection: one 32-bit flag for each field of the table, in the order of its fields, 1 for
  * those that are named.
@@ -272,8 +271,8 @@ NIMDB_API NimBool IndxGetPartialObjectAtCursor(
 NIMDB_API NimBool IndxGetSelected(uint32_t** ppSelected, void* oTable, void* oNames);
 
 /* The same for a table that the database has in its list, by its name. */
-NIMDB_API NimBool IndxGetSelectedByName(
-    uint32_t** ppSelected, void* oDatabase, const char* tableName, void* oNames);
+NIMDB_API NimBool
+IndxGetSelectedByName(uint32_t** ppSelected, void* oDatabase, const char* tableName, void* oNames);
 
 /* *pNumber = the position of a field, from 0, by its name without regard to case. TRUE, or FALSE
  * with *pNumber untouched: no such field, an empty name, or no table. Sets no error code. */
@@ -294,12 +293,12 @@ NIMDB_API NimBool IndxGetFieldTypeByNumber(int32_t* pType, void* oTable, uint32_
  * TRUE or FALSE. Last error 12, 13: the old record cannot be read; 15: not a record of this table;
  * 18: the record's type is not the table's; 33: another id than the old record's; 14: the write
  * failed (log message 1308). Refused keys and a disk without room for a longer record set none.
- * After a failure the indexes are as before. Kept: a write that fails before it has moved everything
- * is not noticed; this one record is lost then, its keys stay. */
+ * After a failure the indexes are as before. Kept: a write that fails before it has moved
+ * everything is not noticed; this one record is lost then, its keys stay. */
 NIMDB_API NimBool IndxModifyRecordInTable(void* oTable, uint32_t offset, void* oRecord);
 
-/* Encodes an object and replaces the record of a cursor's key by it. Results as above; FALSE without
- * an error code when the cursor holds no key or the object cannot be encoded. */
+/* Encodes an object and replaces the record of a cursor's key by it. Results as above; FALSE
+ * without an error code when the cursor holds no key or the object cannot be encoded. */
 NIMDB_API NimBool IndxModifyObjectAtCursor(void* oCursor, void* oObject);
 
 /* Deletes the record of a cursor's key: takes its keys out of every index. Its bytes and its

@@ -35,8 +35,8 @@ NIMDB_API NimBool IndxGetObjectFromTable(
 
 /* Deletes the record with a key (IndxDeleteRecord). TRUE, or FALSE with a failure trace: no such
  * field or key, or the deletion failed. */
-NIMDB_API NimBool IndxDeleteObjectFromTable(
-    void* oTable, const char* fieldName, uint32_t id, void* oKeyObject);
+NIMDB_API NimBool
+IndxDeleteObjectFromTable(void* oTable, const char* fieldName, uint32_t id, void* oKeyObject);
 
 /* Encodes an object, finds its record by the id in it, and replaces that record
  * (IndxModifyRecordInTable). TRUE, or FALSE: an argument is unusable, there is no record with this
@@ -49,8 +49,8 @@ NIMDB_API NimBool IndxModifyObject(void* oTable, void* oObject);
  * 1 when the end was reached (also of an empty table), the callback's value when it stopped the
  * walk, 0 for an unusable argument or field, and 0 with last error 13 and a failure trace when a
  * damaged index ended the walk. */
-NIMDB_API uint32_t IndxWalkTable(
-    void* oTable, const char* fieldName, IndxWalkCallback callback, void* context);
+NIMDB_API uint32_t
+IndxWalkTable(void* oTable, const char* fieldName, IndxWalkCallback callback, void* context);
 
 /* The same with each record's id. Skipped records and failures are traced. */
 NIMDB_API uint32_t IndxWalkTableWithRecordId(

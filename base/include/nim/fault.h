@@ -68,11 +68,9 @@ void FaultResetCalls(void);
 void FaultStopCalls(void);
 
 /* Operations as the observer of file calls sees them. */
-enum {
-    FILE_OP_OPEN = 1, FILE_OP_CLOSE, FILE_OP_READ, FILE_OP_WRITE, FILE_OP_RESERVE
-};
-typedef void (*FileSysObserver)(void* context, uint32_t op, const char* path, int64_t offset,
-                                uint32_t size, uint32_t moved);
+enum { FILE_OP_OPEN = 1, FILE_OP_CLOSE, FILE_OP_READ, FILE_OP_WRITE, FILE_OP_RESERVE };
+typedef void (*FileSysObserver)(
+    void* context, uint32_t op, const char* path, int64_t offset, uint32_t size, uint32_t moved);
 /* Calls `observer` after every open, close, read, write and reservation; null ends it. */
 void FileSysSetObserver(FileSysObserver observer, void* context);
 
@@ -92,14 +90,20 @@ struct FaultStrike {
 };
 #if defined(NIM_NO_FAULTS)
 /* Shipped libraries: nothing can strike and nothing is tested. */
-static inline bool FaultStrikes(uint32_t, const char*, FaultStrike*) { return false; }
-static inline bool FaultFails(uint32_t, const char* = nullptr) { return false; }
+static inline bool FaultStrikes(uint32_t, const char*, FaultStrike*)
+{
+    return false;
+}
+static inline bool FaultFails(uint32_t, const char* = nullptr)
+{
+    return false;
+}
 static inline void FileSysObserve(uint32_t, const char*, int64_t, uint32_t, uint32_t) {}
 #else
 extern bool gFaultActive; /* a rule is armed, or calls are counted */
 bool FaultMatch(uint32_t point, const char* path, FaultStrike* strike);
-void FileSysObserveSlow(uint32_t op, const char* path, int64_t offset, uint32_t size,
-                        uint32_t moved);
+void FileSysObserveSlow(
+    uint32_t op, const char* path, int64_t offset, uint32_t size, uint32_t moved);
 extern FileSysObserver gFileSysObserver;
 
 static inline bool FaultStrikes(uint32_t point, const char* path, FaultStrike* strike)
@@ -112,8 +116,8 @@ static inline bool FaultFails(uint32_t point, const char* path = nullptr)
     FaultStrike strike;
     return gFaultActive && FaultMatch(point, path, &strike);
 }
-static inline void FileSysObserve(uint32_t op, const char* path, int64_t offset, uint32_t size,
-                                  uint32_t moved)
+static inline void
+FileSysObserve(uint32_t op, const char* path, int64_t offset, uint32_t size, uint32_t moved)
 {
     if (gFileSysObserver)
         FileSysObserveSlow(op, path, offset, size, moved);

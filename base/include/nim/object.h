@@ -245,13 +245,11 @@ NIM_API uint32_t ObjSerializedSize(const void* handle);
 NIM_API NimBool ObjSerializeToMemory(const void* handle, void* dest, uint32_t* size);
 
 /* The same in one go, without measuring first, for a form that is written again and again.
- * scratch  [out] the form. After a failure its bytes mean nothing, so it is no place for a form that
- *                is still needed.
- * room     bytes of scratch; never written past.
- * size     [out] bytes written, 0 on failure; may be null.
- * Result: 1; 0 as for ObjSerializeToMemory, or when the form is longer than the room. */
-NIM_API NimBool
-ObjSerializeInto(const void* handle, void* scratch, uint32_t room, uint32_t* size);
+ * scratch  [out] the form. After a failure its bytes mean nothing, so it is no place for a form
+ * that is still needed. room     bytes of scratch; never written past. size     [out] bytes
+ * written, 0 on failure; may be null. Result: 1; 0 as for ObjSerializeToMemory, or when the form is
+ * longer than the room. */
+NIM_API NimBool ObjSerializeInto(const void* handle, void* scratch, uint32_t room, uint32_t* size);
 
 /* Rebuilds an object. `src` must be readable as far as its own envelope says (16 bytes at least);
  * where the caller knows how much there is, the sized form is the one to use.

@@ -6,7 +6,8 @@
 #include "nim/object.h"
 
 // Holds one reference on an object.
-template <class T = void> class HeldObject {
+template <class T = void>
+class HeldObject {
   public:
     HeldObject() = default;
     explicit HeldObject(T* object) : p_(object) {}
@@ -58,7 +59,8 @@ template <class T = void> class HeldObject {
 };
 
 // Holds a block of pool memory: a text, a path, a buffer.
-template <class T = char> class HeldMemory {
+template <class T = char>
+class HeldMemory {
   public:
     HeldMemory() = default;
     explicit HeldMemory(T* memory) : p_(memory) {}

@@ -42,7 +42,10 @@ class SmallDisk {
     SmallDisk(const SmallDisk&) = delete;
     SmallDisk& operator=(const SmallDisk&) = delete;
 
-    Kind kind() const { return kind_; }
+    Kind kind() const
+    {
+        return kind_;
+    }
     std::string description() const
     {
         return kind_ == MOUNTED   ? "a file system of its own"

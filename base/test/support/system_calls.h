@@ -128,7 +128,8 @@ inline int64_t WithStruckCall(const StruckCall& call, const std::function<void()
     std::thread([&] {
         struck::State state = {call};
         struck::sState = &state;
-        // The heap of a thread is made with its first piece, by calls that may be those to be struck.
+        // The heap of a thread is made with its first piece, by calls that may be those to be
+        // struck.
         void* volatile first = std::malloc(1);
         std::free(first);
         if (!struck::Install(call.number))
