@@ -113,7 +113,8 @@ inline bool Install(long number)
 } // namespace struck
 
 // Runs `work` on a thread whose calls are struck. Result: how many were; -1 where there are no such
-// filters: then nothing has run.
+// filters: then nothing has run. A call of six arguments (mmap) cannot be passed on, so that work
+// whose mappings are struck should take no memory.
 inline int64_t WithStruckCall(const StruckCall& call, const std::function<void()>& work)
 {
     if (!struck::POSSIBLE)
