@@ -150,7 +150,6 @@ TEST_F(FilesPosix, AFileWithoutALengthIsNotOpened)
 
 TEST_F(FilesPosix, WithoutMappingsFilesAreRead)
 {
-    // Nothing is checked before the end: the heap of the thread has no mappings, either.
     char bytes[64] = {};
     uint32_t counts[2] = {};
     NimBool good[2] = {};

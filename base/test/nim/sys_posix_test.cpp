@@ -145,9 +145,8 @@ TEST_F(SysPosix, ARefusedMappingIsNone)
 {
     void* address = &address;
     bool mapped = true;
-    STRUCK(1, (StruckCall{SYS_mmap, ENOMEM, 1, 1}), [&] {
-        mapped = SysMap(&address, file_, 4096, false);
-    });
+    STRUCK(
+        1, (StruckCall{SYS_mmap, ENOMEM}), [&] { mapped = SysMap(&address, file_, 4096, false); });
     EXPECT_FALSE(mapped);
     EXPECT_EQ(address, nullptr);
     ASSERT_TRUE(SysMap(&address, file_, 4096, false));
