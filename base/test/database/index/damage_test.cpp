@@ -275,9 +275,10 @@ TEST_F(TreeDamage, ANodeIsNotSplitBehindAnEntryWhoseHeapPassesItsEnd)
     auto index = Open(bytes);
     TraceRecorder trace;
     Refuses(*index, true, 127);
-    auto splits = Open(good_);
-    EXPECT_TRUE(splits->Insert(9000, Name(127)));
-    splits->Backout();
+    index.reset();
+    index = Open(good_);
+    EXPECT_TRUE(index->Insert(9000, Name(127)));
+    index->Backout();
 }
 
 TEST_F(TreeDamage, EveryHeapOffsetOverwrittenWithEveryLimitIsRefusedOrHarmless)
