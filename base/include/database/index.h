@@ -54,8 +54,9 @@ NIMDB_API NimBool IndxCloseDatabase(void** ppDatabase);
 
 /* Opens the table `name`, creating it when it does not exist.
  *   ppTable    out: a new reference, given back with IndxReleaseTable (or IndxCloseTable when
- * nobody else uses the table); null on failure, but for a new table whose description could not be
- * stored: it is handed out all the same. May be null: the table then stays with the database only.
+ *              nobody else uses the table); null on failure, but for a new table whose description
+ *              could not be stored: it is handed out all the same. May be null: the table then
+ *              stays with the database only.
  *   oDatabase  in: an open database.
  *   name       in: the table's name, matched without regard to case. Not null.
  *   fileName   in: name of the table's files. Normally the same as `name`. Not null.

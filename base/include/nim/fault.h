@@ -101,6 +101,7 @@ static inline bool FaultFails(uint32_t, const char* = nullptr)
 static inline void FileSysObserve(uint32_t, const char*, int64_t, uint32_t, uint32_t) {}
 #else
 extern bool gFaultActive; /* a rule is armed, or calls are counted */
+extern bool gFaultReads;  /* one for reads and the seeks ahead of them is, or calls are counted */
 bool FaultMatch(uint32_t point, const char* path, FaultStrike* strike);
 void FileSysObserveSlow(
     uint32_t op, const char* path, int64_t offset, uint32_t size, uint32_t moved);

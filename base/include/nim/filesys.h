@@ -104,11 +104,12 @@ NIM_API NimBool FileSysWrite(uint32_t* count, void* handle, const void* buffer, 
 /* Shows bytes of the file in place, without a copy. The position is neither used nor changed.
  *   view    out: the first of `size` bytes inside the mapping, read-only, aligned like `offset`;
  *           null on failure. Valid until the next FileSysRead, FileSysView or FileSysClose with
- * this handle; a write to these bytes of the file shows through at once. offset  in: bytes from the
- * start of the file. size    in: bytes wanted, at least 1; all of them must lie inside the file.
+ *           this handle; a write to these bytes of the file shows through at once.
+ *   offset  in: bytes from the start of the file.
+ *   size    in: bytes wanted, at least 1; all of them must lie inside the file.
  * Returns TRUE; FALSE when they cannot be shown (no mapping, past the end or the mapped part, a bad
- * handle): the caller then reads. Always FALSE while a test has armed faults or observes file
- * calls, so that it meets ordinary reads. */
+ * handle): the caller then reads. Always FALSE while a test has armed faults of reads or
+ * observes file calls, so that it meets ordinary reads. */
 NIM_API NimBool FileSysView(const void** view, void* handle, int64_t offset, uint32_t size);
 
 /* Makes sure that the disk has room for `size` bytes at `offset`, without changing the length of

@@ -49,6 +49,10 @@ NIM_API void ObjMapSetIntegerKey(void* map, uint32_t bodyOffset);
  * reference could not be taken). */
 NIM_API NimBool ObjMapFind(void** found, void* map, const void* key);
 
+/* The same without a reference: the entry is borrowed, as long as the map holds it. Null when there
+ * is none. */
+NIM_API void* ObjMapPeek(void* map, const void* key);
+
 /* Puts an object in; the map takes a reference of its own.
  * Result: 1; 0 when an equal entry is there already, for an object that is null or of another magic
  * than the map's, for anything but a map, or without memory: then nothing has changed. */

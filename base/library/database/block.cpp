@@ -441,11 +441,10 @@ const uint8_t* BlckPeekBlock(bool* pInMemory, void* oBlck, int32_t tId)
     const BlckControl* pControl = AsControl(oBlck);
     if (!pControl || tId < 0 || tId >= pControl->blockCount || NIM_TRACES(DETAIL))
         return nullptr;
-    HeldObject<BlckBlock> block;
-    if (ObjMapFind(block.OutVoid(), pControl->oMap, &tId)) {
+    if (const void* oBlock = ObjMapPeek(pControl->oMap, &tId)) {
         if (pInMemory)
             *pInMemory = true;
-        return block->data; // the map holds it
+        return static_cast<const BlckBlock*>(oBlock)->data;
     }
     const void* pView = nullptr;
     FileSysView(&pView, pControl->hFile, OffsetOf(tId), BLCK_BLOCK_SIZE);

@@ -10,6 +10,7 @@
 #include "spinlock.h"
 
 bool gFaultActive = false;
+bool gFaultReads = false;
 FileSysObserver gFileSysObserver = nullptr;
 
 namespace {
@@ -42,6 +43,12 @@ uint32_t gFaultCounterCount = 0;
 
 void* gFileSysObserverContext = nullptr;
 
+// Whether a point lies on the way to bytes of a file.
+bool IsOfReads(uint32_t point)
+{
+    return point == FAULT_READ || point == FAULT_SEEK;
+}
+
 } // namespace
 
 uint32_t FaultArm(const FaultRule* rule)
@@ -64,6 +71,7 @@ uint32_t FaultArm(const FaultRule* rule)
         armed.rule.pathPart = armed.pathPart;
     }
     gFaultActive = true;
+    gFaultReads = gFaultReads || IsOfReads(rule->point);
     return ++gFaultRuleCount;
 }
 
@@ -71,7 +79,7 @@ void FaultDisarmAll(void)
 {
     SpinLockGuard guard(gFaultLock);
     gFaultRuleCount = 0;
-    gFaultActive = gFaultCounting;
+    gFaultActive = gFaultReads = gFaultCounting;
 }
 
 uint32_t FaultHits(uint32_t ruleId)
@@ -101,7 +109,7 @@ void FaultResetCalls(void)
     memset(gFaultTotals, 0, sizeof gFaultTotals);
     gFaultCounterCount = 0;
     gFaultCounting = true;
-    gFaultActive = true;
+    gFaultActive = gFaultReads = true;
 }
 
 void FaultStopCalls(void)
@@ -109,6 +117,9 @@ void FaultStopCalls(void)
     SpinLockGuard guard(gFaultLock);
     gFaultCounting = false;
     gFaultActive = gFaultRuleCount != 0;
+    gFaultReads = false;
+    for (uint32_t i = 0; i < gFaultRuleCount; ++i)
+        gFaultReads |= IsOfReads(gFaultRules[i].rule.point);
 }
 
 static void FaultCount(uint32_t point, const char* path)

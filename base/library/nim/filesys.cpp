@@ -72,7 +72,7 @@ static inline bool FileIsWatched()
 #if defined(NIM_NO_FAULTS)
     return false;
 #else
-    return gFaultActive || gFileSysObserver;
+    return gFaultReads || gFileSysObserver;
 #endif
 }
 

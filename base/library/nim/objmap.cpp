@@ -331,6 +331,15 @@ NimBool ObjMapFind(void** found, void* map, const void* key)
     return *found ? TRUE : FALSE;
 }
 
+void* ObjMapPeek(void* map, const void* key)
+{
+    const Map* self = MapOf(map);
+    if (!self || !key || self->count == 0)
+        return nullptr;
+    const Place place = PlaceOfKey(self, key);
+    return place.equal ? self->chunks[place.chunk]->objects[place.entry] : nullptr;
+}
+
 NimBool ObjMapInsert(void* map, void* object)
 {
     Map* self = MapOf(map);

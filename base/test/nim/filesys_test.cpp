@@ -553,9 +553,18 @@ TEST_P(Files, ViewsAreRefusedWhileATestWatches)
     WriteFileBytes(path_, Pattern(1000, 3));
     Handle file(path_);
     const void* view;
-    FaultRule rule = {FAULT_MKDIR, "nowhere", 1, 1, FAULT_FAIL, 0};
-    ASSERT_NE(FaultArm(&rule), 0u);
-    EXPECT_EQ(FileSysView(&view, file.h, 0, 1), 0u);
+    for (const uint32_t point : {FAULT_READ, FAULT_SEEK}) {
+        FaultRule rule = {point, "nowhere", 1, 1, FAULT_FAIL, 0};
+        ASSERT_NE(FaultArm(&rule), 0u);
+        EXPECT_EQ(FileSysView(&view, file.h, 0, 1), 0u);
+        FaultResetCalls();
+        FaultStopCalls(); // the rule is still armed
+        EXPECT_EQ(FileSysView(&view, file.h, 0, 1), 0u);
+        FaultDisarmAll();
+    }
+    FaultRule other = {FAULT_ALLOC, nullptr, 1000, 1, FAULT_FAIL, 0};
+    ASSERT_NE(FaultArm(&other), 0u); // looks at no read
+    EXPECT_EQ(FileSysView(&view, file.h, 0, 1), mapped() ? 1u : 0u);
     FaultDisarmAll();
     FileSysSetObserver([](void*, uint32_t, const char*, int64_t, uint32_t, uint32_t) {}, nullptr);
     EXPECT_EQ(FileSysView(&view, file.h, 0, 1), 0u);

@@ -98,6 +98,7 @@ class ObjMap : public testing::TestWithParam<bool> {
         Ref found;
         NimBool there = ObjMapFind(found.out(), map(), &key);
         EXPECT_EQ(there, found.get() ? 1u : 0u);
+        EXPECT_EQ(ObjMapPeek(map(), &key), found.get());
         return found;
     }
     NimBool Walk(const std::function<NimBool(Entry*)>& visit)
@@ -197,6 +198,7 @@ TEST_P(ObjMap, RefusesOtherMagicsNullsAndWhatIsNoMap)
         EXPECT_EQ(ObjMapInsert(wrong, entry.get()), 0u);
         EXPECT_EQ(ObjMapFind(&found, wrong, &key), 0u);
         EXPECT_EQ(found, nullptr);
+        EXPECT_EQ(ObjMapPeek(wrong, &key), nullptr);
         EXPECT_EQ(
             ObjMapWalk(
                 wrong, [](void*, void*) -> NimBool { return 1; }, nullptr),
@@ -208,6 +210,13 @@ TEST_P(ObjMap, RefusesOtherMagicsNullsAndWhatIsNoMap)
     ASSERT_EQ(ObjMapInsert(map(), entry.get()), 1u);
     EXPECT_EQ(ObjMapFind(&found, map(), nullptr), 0u);
     EXPECT_EQ(ObjMapFind(nullptr, map(), &key), 0u);
+    EXPECT_EQ(ObjMapPeek(map(), nullptr), nullptr);
+    FaultRule rule = {FAULT_INCREF, nullptr, 1, 0, FAULT_FAIL, 0};
+    FaultArm(&rule);
+    EXPECT_EQ(ObjMapFind(&found, map(), &key), 0u);
+    EXPECT_EQ(ObjMapPeek(map(), &key), entry.get()) << "takes no reference";
+    FaultDisarmAll();
+    EXPECT_EQ(OBJ_HEADER(entry.get())->refCount, 2u);
     EXPECT_EQ(ObjMapWalk(map(), nullptr, nullptr), 0u);
     EXPECT_EQ(ObjGetInteger(integer.get()), 1);
 }

@@ -184,4 +184,59 @@ TEST_F(RepointTest, AKeyThatAnotherRecordHoldsIsNotTakenForTheRecordsOwn)
     EXPECT_EQ(Modify(7, person), 0u);
 }
 
+// What the short way meets on its way down is judged, and told, by the long one.
+TEST_F(RepointTest, ADamagedTreeEndsInTheFailureOfTheLongWay)
+{
+    People model;
+    AddPeople(table_, &model, 1, 1500, 40);
+    ASSERT_GE(Field(table_, 1)->levels, 2);
+    const size_t root = (size_t{Field(table_, 1)->roots.tRoot} + 1) * 16384;
+    Close();
+    const std::string good = ReadFileBytes(BlocksPath());
+    const auto Reopened = [&](const std::string& bytes) {
+        Close();
+        WriteFileBytes(BlocksPath(), bytes);
+        EXPECT_TRUE(Open());
+        table_ = OpenPeople();
+        return table_ != nullptr;
+    };
+    Person person = model[700];
+    person.alive = !person.alive;
+    constexpr uint32_t HEAP_OFFSET = 12;
+    constexpr uint32_t POINTER = 16;
+    const std::pair<uint32_t, uint32_t> damages[] = {
+        {HEAP_OFFSET, 0xFFFF},                              // outside the heap
+        {POINTER, static_cast<uint32_t>(root / 16384) - 1}, // the branch itself: a ring
+        {POINTER, 0x7FFFFFFF},                              // no block
+    };
+    for (const auto& [word, value] : damages) {
+        std::string bytes = good;
+        const uint32_t count = U32At(bytes, root + 20);
+        for (uint32_t n = 0; n + 1 < count; ++n) // the last one tells how much heap there is
+            PutU32At(bytes, root + 32 + size_t{24} * n + word, value);
+        ASSERT_TRUE(Reopened(bytes));
+        const QuietTrace quiet;
+        EXPECT_EQ(Modify(700, person), 0u) << word << " " << value;
+        EXPECT_EQ(IndxError(), INDX_ERROR_READ) << word << " " << value;
+    }
+    ASSERT_TRUE(Reopened(good));
+    ExpectHolds(table_, model);
+}
+
+TEST_F(RepointTest, RecordsTooShortForAKeyAndFieldsWithoutOneHaveNoKeyInCommon)
+{
+    const Held blob = BlobOf(MakePerson(1));
+    const ObjData whole = static_cast<DbBlob*>(blob.get())->data;
+    ObjData cut = whole;
+    for (uint32_t position = 1; position < 6; ++position) {
+        IndxField field = *Field(table_, position);
+        EXPECT_TRUE(IndxHaveSameKey(&field, &whole, &whole)) << position;
+        cut.size = static_cast<uint32_t>(field.recordOffset) + 3;
+        EXPECT_FALSE(IndxHaveSameKey(&field, &whole, &cut)) << position;
+        EXPECT_FALSE(IndxHaveSameKey(&field, &cut, &whole)) << position;
+        field.keyType = INDX_KEY_FORBIDDEN;
+        EXPECT_FALSE(IndxHaveSameKey(&field, &whole, &whole)) << position;
+    }
+}
+
 } // namespace
