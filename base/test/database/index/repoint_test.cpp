@@ -1,6 +1,7 @@
 // repoint_test.cpp: keys that a modification leaves as they are. The short way must leave what the
-// long one leaves, byte for byte; the long way is gone while every step is traced, so the same
-// modifications are made once silently and once traced, and the files are compared.
+// long one leaves, but for words that mean nothing; the long way is gone while every step is
+// traced, so the same modifications are made once silently and once traced, and the files are
+// compared.
 
 #include <gtest/gtest.h>
 
@@ -59,6 +60,21 @@ class RepointTest : public PeopleTest {
         table_ = OpenPeople();
         ASSERT_NE(table_, nullptr);
     }
+    // Clears the two words of every entry that no key has a use for: where a heap has been, they
+    // keep bytes of it, and an entry that is entered again has those of its neighbour.
+    void ForgetUnusedWords(const char* name)
+    {
+        const std::string path = CopyPath(name) + "/Indexes/" + TABLE;
+        std::string bytes = ReadFileBytes(path);
+        for (size_t node = 16384; node + 16384 <= bytes.size(); node += 16384) {
+            const uint32_t count = U32At(bytes, node + 20);
+            for (uint32_t n = 0; U32At(bytes, node + 16) == 1 && n < count && count <= 681; ++n) {
+                PutU32At(bytes, node + 32 + size_t{24} * n + 4, 0);
+                PutU32At(bytes, node + 32 + size_t{24} * n + 20, 0);
+            }
+        }
+        WriteFileBytes(path, bytes);
+    }
     // Changes some of a person's fields, shorter, equal or longer.
     static Person Changed(Person person, std::mt19937_64& random)
     {
@@ -113,6 +129,8 @@ TEST_F(RepointTest, TheShortWayLeavesTheSameBytesAsTheLongOne)
     }
     CopyDatabase("long");
 
+    ForgetUnusedWords("short");
+    ForgetUnusedWords("long");
     EXPECT_EQ(Differences(CopyPath("short"), CopyPath("long")), std::vector<std::string>());
 }
 
