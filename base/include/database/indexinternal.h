@@ -104,8 +104,10 @@ struct IndxTable {
     uint32_t bTextIndex; // an indexed field has a text kind
     uint32_t bChanged;   // the description must be stored by the next IndxUpdateTable
     uint32_t bCompanionFiles;
-    uint32_t padding;
-    void* oFields; // list of fields; field and table hold each other
+    // Not stored: see store.cpp.
+    uint16_t idPlace;        // where the stored description has the highest id; 0: not known
+    uint16_t bOnlyIdChanged; // and nothing else, since the description was stored
+    void* oFields;           // list of fields; field and table hold each other
 };
 static_assert(offsetof(IndxTable, format) == 32 && offsetof(IndxTable, recordMagic) == 48);
 static_assert(offsetof(IndxTable, indexedFlags) == 64 && offsetof(IndxTable, bTextIndex) == 80);
@@ -306,14 +308,23 @@ void IndxGetNode(uint8_t** ppNode, IndxCursor* pCursor, uint32_t tId);
 // touches the file. *pInMemory (null allowed) tells whether the node is in memory. IndxEndReading
 // gives a node up; null is allowed.
 const uint8_t* IndxReadNode(bool* pInMemory, IndxCursor* pCursor, uint32_t tId);
+// The same on the way to a change: a leaf comes into memory before it is searched. Brought over in
+// one go it costs less than line by line in the order of a search, and it is needed whole anyway.
+const uint8_t* IndxReadNodeToChange(bool* pInMemory, IndxCursor* pCursor, uint32_t tId);
 // The node that IndxReadNode gave, brought into memory to be changed; null: it cannot be had.
 uint8_t* IndxNodeToChange(IndxCursor* pCursor, uint32_t tId, const uint8_t* pNode, bool bInMemory);
 void IndxEndReading(const uint8_t** ppNode, IndxCursor* pCursor);
 // A fresh node, marked modified; its id, or -1 with *ppNode untouched: callers start from null.
 int32_t IndxNewNode(uint8_t** ppNode, IndxCursor* pCursor);
 void IndxReleaseNode(uint8_t** ppNode, IndxCursor* pCursor, NimBool bModified);
+// The same for a change of the header, and of the entries from a position on (of the node as it is
+// now) with their values: the values of the entries before are not written again.
+void IndxReleaseNodeFrom(
+    uint8_t** ppNode, IndxCursor* pCursor, NimBool bModified, int32_t position);
 void IndxDiscardNode(uint8_t** ppNode, IndxCursor* pCursor);
+// The description has changed; the second: in the highest id, and nowhere else by this call.
 void IndxSetTableModified(IndxCursor* pCursor);
+void IndxSetHighestIdModified(IndxTable* pTable);
 NimBool IndxIndexOpen(void** ppBlck, IndxTable* pTable, const char* name);
 // Bytes between the last entry and the heap.
 uint32_t IndxFreeSpace(const uint8_t* pNode);

@@ -246,10 +246,26 @@ NIM_API NimBool ObjSerializeToMemory(const void* handle, void* dest, uint32_t* s
 
 /* The same in one go, without measuring first, for a form that is written again and again.
  * scratch  [out] the form. After a failure its bytes mean nothing, so it is no place for a form
- * that is still needed. room     bytes of scratch; never written past. size     [out] bytes
- * written, 0 on failure; may be null. Result: 1; 0 as for ObjSerializeToMemory, or when the form is
- * longer than the room. */
-NIM_API NimBool ObjSerializeInto(const void* handle, void* scratch, uint32_t room, uint32_t* size);
+ *          that is still needed.
+ * room     bytes of scratch; never written past.
+ * size     [out] bytes written, 0 on failure; may be null.
+ * number   address of an item `i` or `b` of the object or of one it holds; may be null.
+ * place    [out] where the form has that item, 0 when it does not have it; may be null.
+ * Result: 1; 0 as for ObjSerializeToMemory, or when the form is longer than the room. */
+NIM_API NimBool ObjSerializeInto(
+    const void* handle, void* scratch, uint32_t room, uint32_t* size, const void* number,
+    uint32_t* place);
+
+/* Puts another value in the place of an item `i` or `b` of a form, and seals it again: what the
+ * object would be serialised to if it differed in this number alone. Costs the same for a form of
+ * any size.
+ * form   a sound form, whose contents are not checked again.
+ * room   bytes that it may take; never written past.
+ * place  as ObjSerializeInto has told it of this form, or of one of the same object.
+ * Result: 1; 0 when the form has no four bytes there or claims more than the room, and then nothing
+ * has been written. */
+NIM_API NimBool
+ObjSerializedPutNumber(void* form, uint32_t room, uint32_t place, uint32_t value);
 
 /* Rebuilds an object. `src` must be readable as far as its own envelope says (16 bytes at least);
  * where the caller knows how much there is, the sized form is the one to use.

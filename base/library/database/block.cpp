@@ -76,18 +76,25 @@ int64_t OffsetOf(int32_t tId)
     return static_cast<int64_t>(place) * BLCK_BLOCK_SIZE;
 }
 
-// Writes a block's data to its place. A failed seek is a failed write, with no message of its own:
-// written all the same, the block would overwrite whatever lies at the file's present position.
-bool WriteBlock(BlckControl* pOwner, const BlckBlock* pBlock)
+// What has changed reaches at least so far.
+void ChangeTo(BlckBlock* pBlock, uint32_t size)
+{
+    pBlock->changedTo = std::max(pBlock->changedTo, static_cast<uint16_t>(size));
+}
+
+// Writes the start of a block's data to its place. A failed seek is a failed write, with no message
+// of its own: written all the same, the block would overwrite whatever lies at the file's present
+// position.
+bool WriteBlock(BlckControl* pOwner, const BlckBlock* pBlock, uint32_t size)
 {
     const int64_t offset = OffsetOf(pBlock->tId);
     BLCK_TRACE(
-        DETAIL, "Write out block %ld, %ld bytes at offset %ld", pBlock->tId, BLCK_BLOCK_SIZE,
+        DETAIL, "Write out block %ld, %ld bytes at offset %ld", pBlock->tId, size,
         static_cast<uint32_t>(offset));
     uint32_t moved = 0;
     if (!FileSysSeek(pOwner->hFile, offset))
         return false;
-    return FileSysWrite(&moved, pOwner->hFile, pBlock->data, BLCK_BLOCK_SIZE) != 0;
+    return FileSysWrite(&moved, pOwner->hFile, pBlock->data, size) != 0;
 }
 
 // Runs when the map gives a block up, which is the end of an operation or of the file. The owner's
@@ -101,11 +108,12 @@ void BlkBlockDestructor(void* oBlock)
     if (pBlock->bDiscarded) {
         BLCK_TRACE(DETAIL, "Add Block %ld to free chain", pBlock->tId);
         pBlock->bModified = TRUE;
+        ChangeTo(pBlock, LINK_SIZE);
         PutU32(pBlock->data, tFormerHead);
         pOwner->tFreeChain = static_cast<uint32_t>(pBlock->tId);
         pOwner->bModified = TRUE;
     }
-    if (!pBlock->bModified || WriteBlock(pOwner, pBlock))
+    if (!pBlock->bModified || WriteBlock(pOwner, pBlock, pBlock->changedTo))
         return;
     // One text for every failed write here, discarded or not: operators know it.
     LogMessage(LOG_BLOCK_DISCARD, LOG_CLASS, 0, "Failed to discard database block");
@@ -190,6 +198,7 @@ BlckControl* ReadControl(void* hFile)
         BLCK_TRACE(DETAIL, "Read '%ld' of '%ld' byte header", count, BLCK_CONTROL_SIZE);
         bSound = AdoptHeader(control.get(), count) && (count > 0 || ReserveControl(hFile));
     }
+    control->changedTo = BLCK_CONTROL_SIZE;
     const uint32_t bModified = control->bModified;
     DisarmControl(control.get());
     if (!bSound || !ObjMapCreateInternal(
@@ -284,8 +293,10 @@ int32_t BlckNewBlock(void** ppData, void* oBlck)
             tId = ExtendFile(pControl, &bReserved);
         BLCK_TRACE(DETAIL, "tFreeChain %ld", pControl->tFreeChain);
         void* pData = nullptr;
-        if (bReserved && BlckGetBlock(&pData, oBlck, tId))
+        if (bReserved && BlckGetBlock(&pData, oBlck, tId)) {
             memset(pData, 0, BLCK_BLOCK_SIZE);
+            ChangeTo(BlockOf(pData), BLCK_BLOCK_SIZE);
+        }
         if (ppData)
             *ppData = pData;
     }
@@ -327,9 +338,18 @@ uint32_t BlckUserDataLength(const void* oBlck)
 
 void BlckUserDataModified(void* oBlck)
 {
+    BlckUserDataModifiedStart(oBlck, BLCK_USER_DATA_SIZE);
+}
+
+void BlckUserDataModifiedStart(void* oBlck, uint32_t size)
+{
     if (BlckControl* pControl = AsControl(oBlck)) {
         BLCK_TRACE(DETAIL, "Mark user data modified");
         pControl->bModified = TRUE;
+        const uint32_t end = size < BLCK_USER_DATA_SIZE && !NIM_TRACES(DETAIL)
+                                 ? static_cast<uint32_t>(offsetof(BlckControl, userData)) + size
+                                 : BLCK_CONTROL_SIZE;
+        pControl->changedTo = std::max(pControl->changedTo, end);
     }
 }
 
@@ -354,10 +374,11 @@ void BlckFlushControlBlock(BlckControl* pControl)
         BLCK_TRACE(ALWAYS, "Modified control block has no handle");
     } else if (!FileSysSeekStart(pControl->hFile)) {
         BLCK_TRACE(ALWAYS, "Failed to seek to begining of file");
-    } else if (!FileSysWrite(&moved, pControl->hFile, pControl, BLCK_CONTROL_SIZE)) {
+    } else if (!FileSysWrite(&moved, pControl->hFile, pControl, pControl->changedTo)) {
         BLCK_TRACE(ALWAYS, "Failed to write control block to file");
     } else {
         pControl->bModified = FALSE; // after the write: the image on disk carries 1
+        pControl->changedTo = offsetof(BlckControl, userData);
         return;
     }
     HeldMemory<char> dump;
@@ -385,28 +406,59 @@ bool CanGetBlock(void** ppData, void* oBlck, int32_t tId)
     return false;
 }
 
-// Reads a block into a new block object and puts it into the map, which then holds it.
-bool LoadBlock(void** ppData, BlckControl* pControl, int32_t tId)
+// An object for a block that is not in memory, with one reference; null without memory. Its data is
+// undefined.
+BlckBlock* NewBlockObject(BlckControl* pControl, int32_t tId)
 {
-    const int64_t offset = OffsetOf(tId);
-    BLCK_TRACE(DETAIL, "Seek to read position %ld", static_cast<uint32_t>(offset));
-    if (!FileSysSeek(pControl->hFile, offset))
-        return false;
     HeldObject<BlckBlock> block;
     if (!ObjTemplateCreateInstanceUncleared(block.OutVoid(), BlockTemplate(), Pool()))
-        return false;
+        return nullptr;
     block->pOwner = pControl;
     block->tId = tId;
-    uint32_t count = 0;
-    if (!FileSysRead(&count, pControl->hFile, block->data, BLCK_BLOCK_SIZE))
-        return false;
-    if (count < BLCK_BLOCK_SIZE)
-        memset(block->data + count, 0, BLCK_BLOCK_SIZE - count);
+    block->changedTo = 0;
+    block->loadedTo = 0;
+    return block.Take();
+}
+
+// Puts a block whose data is there into the map, which then holds it.
+bool KeepBlock(void** ppData, BlckControl* pControl, BlckBlock* pBlock)
+{
     BLCK_TRACE(DETAIL, "Insert into map");
-    if (!ObjMapInsert(pControl->oMap, block.get()))
+    if (!ObjMapInsert(pControl->oMap, pBlock))
         return false;
-    *ppData = block->data;
+    *ppData = pBlock->data;
     return true;
+}
+
+// Reads what is not yet there of a block.
+bool LoadRest(BlckControl* pControl, BlckBlock* pBlock)
+{
+    const uint32_t from = std::max(pBlock->loadedTo, pBlock->changedTo);
+    const int64_t offset = OffsetOf(pBlock->tId);
+    BLCK_TRACE(DETAIL, "Seek to read position %ld", static_cast<uint32_t>(offset));
+    uint32_t count = 0;
+    if (!FileSysSeek(pControl->hFile, offset + from) ||
+        !FileSysRead(&count, pControl->hFile, pBlock->data + from, BLCK_BLOCK_SIZE - from))
+        return false;
+    if (from + count < BLCK_BLOCK_SIZE) {
+        memset(pBlock->data + from + count, 0, BLCK_BLOCK_SIZE - from - count);
+        ChangeTo(pBlock, BLCK_BLOCK_SIZE); // what the file does not have
+    }
+    pBlock->loadedTo = BLCK_BLOCK_SIZE;
+    return true;
+}
+
+// Reads a block into a new block object and puts it into the map.
+bool LoadBlock(void** ppData, BlckControl* pControl, int32_t tId)
+{
+    const HeldObject<BlckBlock> block(NewBlockObject(pControl, tId));
+    return block && LoadRest(pControl, block.get()) && KeepBlock(ppData, pControl, block.get());
+}
+
+// Whether all of a block in memory is there, after reading what was not.
+bool IsWhole(BlckBlock* pBlock)
+{
+    return pBlock->loadedTo == BLCK_BLOCK_SIZE || LoadRest(pBlock->pOwner, pBlock);
 }
 
 } // namespace
@@ -422,8 +474,9 @@ NimBool BlckGetBlock(void** ppData, void* oBlck, int32_t tId)
             BLCK_TRACE(DETAIL, "Block already in memory");
             BLCK_TRACE(
                 DETAIL, "Block %ld (%ld) at %p", tId, block->tId, static_cast<void*>(block->data));
-            *ppData = block->data;
-            bGot = TRUE;
+            bGot = IsWhole(block.get()) ? TRUE : FALSE;
+            if (bGot)
+                *ppData = block->data;
         } else {
             bGot = LoadBlock(ppData, pControl, tId) ? TRUE : FALSE;
         }
@@ -432,6 +485,19 @@ NimBool BlckGetBlock(void** ppData, void* oBlck, int32_t tId)
         DETAIL, "%s = BlckGetBlock(%p, %p, %ld) %p", Truth(bGot), static_cast<void*>(ppData), oBlck,
         tId, ppData ? *ppData : nullptr);
     return bGot;
+}
+
+void* BlckTakeBlock(void* oBlck, int32_t tId, const uint8_t* pView, uint32_t size)
+{
+    BlckControl* pControl = AsControl(oBlck);
+    const HeldObject<BlckBlock> block(pControl ? NewBlockObject(pControl, tId) : nullptr);
+    if (!block)
+        return nullptr;
+    size = std::min(size, BLCK_BLOCK_SIZE);
+    memcpy(block->data, pView, size);
+    block->loadedTo = static_cast<uint16_t>(size);
+    void* pData = nullptr;
+    return KeepBlock(&pData, pControl, block.get()) ? pData : nullptr;
 }
 
 const uint8_t* BlckPeekBlock(bool* pInMemory, void* oBlck, int32_t tId)
@@ -452,6 +518,13 @@ const uint8_t* BlckPeekBlock(bool* pInMemory, void* oBlck, int32_t tId)
 }
 
 namespace {
+
+// All of a block may have changed. Where the rest of it cannot be had, it has not.
+void ChangeToEnd(BlckBlock* pBlock)
+{
+    if (IsWhole(pBlock))
+        ChangeTo(pBlock, BLCK_BLOCK_SIZE);
+}
 
 // The block to be marked, or null with the trace that says what is wrong.
 BlckBlock* BlockToMark(void* pData, void* oBlck)
@@ -475,17 +548,31 @@ NimBool BlckModifiedBlock(void* pData, void* oBlck)
         BLCK_TRACE(
             DETAIL, "Block %ld ref count %ld Modified", pBlock->tId, OBJ_HEADER(pBlock)->refCount);
         pBlock->bModified = TRUE;
+        ChangeToEnd(pBlock);
     }
     const NimBool bMarked = pBlock ? TRUE : FALSE;
     BLCK_TRACE(DETAIL, "%s = BlckModifiedBlock(%p, %p)", Truth(bMarked), pData, oBlck);
     return bMarked;
 }
 
+void BlckModifiedStart(void* pData, void* oBlck, uint32_t size)
+{
+    BlckBlock* pBlock = NIM_TRACES(DETAIL) ? nullptr : AsBlock(pData);
+    if (!pBlock) {
+        BlckModifiedBlock(pData, oBlck); // which has the messages
+        return;
+    }
+    pBlock->bModified = TRUE;
+    ChangeTo(pBlock, std::min(size, BLCK_BLOCK_SIZE));
+}
+
 NimBool BlckDiscardBlock(void* pData, void* oBlck)
 {
     BlckBlock* pBlock = BlockToMark(pData, oBlck);
-    if (pBlock)
+    if (pBlock) {
         pBlock->bDiscarded = TRUE;
+        ChangeToEnd(pBlock); // its data may be written to until it leaves memory
+    }
     return pBlock ? TRUE : FALSE;
 }
 
@@ -499,8 +586,9 @@ NimBool BlckFlushBlock(void* oBlck, void* pData)
     BlckBlock* pBlock = AsBlock(pData);
     if (!pBlock)
         return FALSE;
-    if (WriteBlock(pControl, pBlock)) {
+    if (IsWhole(pBlock) && WriteBlock(pControl, pBlock, BLCK_BLOCK_SIZE)) {
         pBlock->bModified = FALSE;
+        pBlock->changedTo = 0;
         return TRUE;
     }
     BLCK_TRACE(ALWAYS, "Failed to flush database block");

@@ -44,11 +44,14 @@ struct BlckControl {
     void* hFile;
     void* oMap;
     uint8_t userData[BLCK_USER_DATA_SIZE];
+    // Behind the image: how many of its bytes, from its start on, may differ from the file's.
+    uint32_t changedTo;
+    uint32_t reserved;
 };
 static_assert(offsetof(BlckControl, blockCount) == 8 && offsetof(BlckControl, tFreeChain) == 12);
 static_assert(offsetof(BlckControl, bModified) == 16 && offsetof(BlckControl, hFile) == 24);
 static_assert(offsetof(BlckControl, oMap) == 32 && offsetof(BlckControl, userData) == 40);
-static_assert(sizeof(BlckControl) == BLCK_CONTROL_SIZE);
+static_assert(offsetof(BlckControl, changedTo) == BLCK_CONTROL_SIZE);
 
 // The block object, template "p;n16384;i;b;b;". A block's pData is the address of `data`.
 struct BlckBlock {
@@ -57,7 +60,8 @@ struct BlckBlock {
     int32_t tId;
     uint32_t bModified;
     uint32_t bDiscarded;
-    uint32_t padding;
+    uint16_t changedTo; // how many bytes of the data, from their start on, may differ from the file's
+    uint16_t loadedTo;  // how many are there at all; the others are undefined
 };
 static_assert(offsetof(BlckBlock, data) == 8 && offsetof(BlckBlock, tId) == 16392);
 static_assert(offsetof(BlckBlock, bDiscarded) == 16400 && sizeof(BlckBlock) == 16408);
@@ -83,6 +87,18 @@ uint32_t BlckBlockLimit(const void* oBlck);
 // BlckGetBlock, which also says what is wrong with it. That is so, too, while every step is traced,
 // since the trace tells of fetched blocks.
 const uint8_t* BlckPeekBlock(bool* pInMemory, void* oBlck, int32_t tId);
+
+// Brings the first `size` bytes of a block into memory, of which BlckPeekBlock has just given an
+// address in the file, for a caller that neither reads nor marks as modified what lies behind them
+// before it has written to it. Everybody else gets whole blocks: who asks for this one later, marks
+// it whole or discards it, makes the rest follow. Null: no memory.
+void* BlckTakeBlock(void* oBlck, int32_t tId, const uint8_t* pView, uint32_t size);
+
+// BlckModifiedBlock and BlckUserDataModified for a caller that has changed nothing behind the first
+// `size` bytes: the rest is the file's already and is not written again. While every step is traced
+// all of it is written, as the trace says.
+void BlckModifiedStart(void* pData, void* oBlck, uint32_t size);
+void BlckUserDataModifiedStart(void* oBlck, uint32_t size);
 
 // BlckNewBlock for a caller whose blocks in memory are all in use. A free chain that leads to one
 // of them is damaged: it is given up (its blocks stay unused) and a fresh block is handed out.

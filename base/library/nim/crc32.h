@@ -54,4 +54,51 @@ inline uint32_t Of(const void* bytes, size_t size)
     return ~crc;
 }
 
+// ---- the effect of a change ---------------------------------------------------------------------
+//
+// The sums of two messages of one length differ by what their difference alone would sum up to,
+// started from 0: a remainder, which every byte behind the difference multiplies by x^8. So a sum
+// can follow a change of four bytes without the message.
+
+constexpr uint32_t ONE = 0x80000000u; // the polynomial 1, bits reflected
+
+// The product of two remainders.
+constexpr uint32_t Product(uint32_t left, uint32_t right)
+{
+    uint32_t product = 0;
+    for (uint32_t bit = ONE; left != 0; bit >>= 1) {
+        if (left & bit) {
+            product ^= right;
+            left ^= bit;
+        }
+        right = right >> 1 ^ (right & 1 ? 0xEDB88320u : 0);
+    }
+    return product;
+}
+
+// Entry k is x^(8 * 2^k): the effect of 2^k bytes of 0.
+constexpr std::array<uint32_t, 32> MakeZeros()
+{
+    std::array<uint32_t, 32> zeros{};
+    zeros[0] = ONE >> 8;
+    for (size_t k = 1; k < zeros.size(); ++k)
+        zeros[k] = Product(zeros[k - 1], zeros[k - 1]);
+    return zeros;
+}
+
+inline constexpr std::array<uint32_t, 32> ZEROS = MakeZeros();
+
+// What a sum changes by when four bytes with `behind` more bytes behind them change by `change`
+// (old exclusive-or new, little-endian).
+inline uint32_t OfChange(uint32_t change, uint32_t behind)
+{
+    uint32_t effect = TABLES[3][change & 255] ^ TABLES[2][change >> 8 & 255] ^
+                      TABLES[1][change >> 16 & 255] ^ TABLES[0][change >> 24];
+    for (size_t k = 0; behind != 0; ++k, behind >>= 1) {
+        if (behind & 1)
+            effect = Product(effect, ZEROS[k]);
+    }
+    return effect;
+}
+
 } // namespace crc32

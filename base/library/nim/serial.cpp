@@ -173,9 +173,14 @@ class Numbering {
 class Writer {
   public:
     Writer() = default;
-    Writer(uint8_t* dest, uint64_t room) : dest_(dest), room_(room) {}
+    // `number` (null allowed): the item whose place in the form is wanted.
+    Writer(uint8_t* dest, uint64_t room, const void* number)
+        : dest_(dest), room_(room), number_(number)
+    {}
 
     uint64_t length() const { return length_; }
+    // Where the form has the number that was asked for; 0: it has not.
+    uint64_t place() const { return place_; }
     // With a destination: whether all of it found room there.
     bool fits() const { return length_ <= room_; }
 
@@ -214,7 +219,21 @@ class Writer {
             memcpy(dest_ + length_, bytes, size);
         length_ += size;
     }
-    void PutByte(uint8_t value) { Put(&value, 1); }
+    // Of a size that the compiler knows.
+    template <size_t SIZE>
+    void PutFixed(const void* bytes)
+    {
+        if (dest_ && length_ <= room_ && SIZE <= room_ - length_)
+            memcpy(dest_ + length_, bytes, SIZE);
+        length_ += SIZE;
+    }
+    void PutByte(uint8_t value) { PutFixed<1>(&value); }
+    void PutNumber(const void* at)
+    {
+        if (at == number_)
+            place_ = length_ + ENVELOPE;
+        PutFixed<4>(at);
+    }
     void PutLeb(uint64_t value)
     {
         for (; value >= 0x80; value >>= 7)
@@ -243,7 +262,7 @@ class Writer {
             PutLeb(number);
         } else {
             PutByte(TAG_NEW);
-            Put(&tmpl->magic, sizeof tmpl->magic);
+            PutFixed<sizeof tmpl->magic>(&tmpl->magic);
             PutText(tmpl->db.format);
         }
         return met != Templates::NO_MEMORY;
@@ -257,13 +276,13 @@ class Writer {
             switch (field->kind) {
             case OBJ_KIND_BOOLEAN:
             case OBJ_KIND_INTEGER:
-                Put(at, 4);
+                PutNumber(at);
                 break;
             case OBJ_KIND_INT64:
-                Put(at, 8);
+                PutFixed<8>(at);
                 break;
             case OBJ_KIND_UNIQUE:
-                Put(at, sizeof(UniqueId));
+                PutFixed<sizeof(UniqueId)>(at);
                 break;
             case OBJ_KIND_ARRAY:
                 Put(at, static_cast<uint32_t>(field->arrayLength));
@@ -289,7 +308,7 @@ class Writer {
     {
         uint32_t head[2] = {ListGetItemType(list), ListGetCount(list)};
         static_assert(sizeof head == LIST_HEAD);
-        Put(head, sizeof head);
+        PutFixed<sizeof head>(head);
         const ListNode* node = ListNextNode(list, nullptr);
         for (; node; node = ListNextNode(list, node)) {
             if (!WriteValue(ListNodeObject(node), depth + 1))
@@ -301,6 +320,8 @@ class Writer {
     uint8_t* dest_ = nullptr;
     uint64_t room_ = 0;
     uint64_t length_ = 0;
+    const void* number_ = nullptr;
+    uint64_t place_ = 0;
     Objects objects_;
     Templates templates_;
 };
@@ -654,12 +675,14 @@ uint32_t Measure(const void* handle)
     return static_cast<uint32_t>(writer.length()) + ENVELOPE;
 }
 
-// Writes the whole form; its bytes, 0 when there can be none or it does not fit.
-uint32_t Write(const void* handle, uint8_t* dest, uint32_t room)
+// Writes the whole form; its bytes, 0 when there can be none or it does not fit. *place: see
+// Writer::place.
+uint32_t
+Write(const void* handle, uint8_t* dest, uint32_t room, const void* number, uint32_t* place)
 {
     if (room < ENVELOPE)
         return 0;
-    Writer writer(dest + ENVELOPE, room - ENVELOPE);
+    Writer writer(dest + ENVELOPE, room - ENVELOPE, number);
     if (!writer.WriteValue(handle, 1) || !writer.fits())
         return 0;
     const uint32_t length = static_cast<uint32_t>(writer.length()) + ENVELOPE;
@@ -667,6 +690,8 @@ uint32_t Write(const void* handle, uint8_t* dest, uint32_t room)
     Put32(dest + AT_VERSION, VERSION);
     Put32(dest + AT_LENGTH, length);
     Put32(dest + AT_CRC, crc32::Of(dest + ENVELOPE, length - ENVELOPE));
+    if (place)
+        *place = static_cast<uint32_t>(writer.place());
     return length;
 }
 
@@ -685,20 +710,40 @@ NimBool ObjSerializeToMemory(const void* handle, void* dest, uint32_t* size)
         return FALSE;
     // Sized first: what cannot be written must not have been written halfway.
     const uint32_t length = Measure(handle);
-    if (!length || !Write(handle, static_cast<uint8_t*>(dest), length))
+    if (!length || !Write(handle, static_cast<uint8_t*>(dest), length, nullptr, nullptr))
         return FALSE;
     if (size)
         *size = length;
     return TRUE;
 }
 
-NimBool ObjSerializeInto(const void* handle, void* scratch, uint32_t room, uint32_t* size)
+NimBool ObjSerializeInto(
+    const void* handle, void* scratch, uint32_t room, uint32_t* size, const void* number,
+    uint32_t* place)
 {
+    if (place)
+        *place = 0;
     const bool good = handle && scratch && !FaultFails(FAULT_SERIALIZE);
-    const uint32_t length = good ? Write(handle, static_cast<uint8_t*>(scratch), room) : 0;
+    const uint32_t length =
+        good ? Write(handle, static_cast<uint8_t*>(scratch), room, number, place) : 0;
     if (size)
         *size = length;
     return length ? TRUE : FALSE;
+}
+
+NimBool ObjSerializedPutNumber(void* form, uint32_t room, uint32_t place, uint32_t value)
+{
+    if (!form || room < ENVELOPE || FaultFails(FAULT_SERIALIZE))
+        return FALSE;
+    auto* bytes = static_cast<uint8_t*>(form);
+    const uint32_t length = Get32(bytes + AT_LENGTH);
+    constexpr uint32_t WIDTH = sizeof value;
+    if (length > room || length < ENVELOPE + WIDTH || place < ENVELOPE || place > length - WIDTH)
+        return FALSE;
+    const uint32_t change = Get32(bytes + place) ^ value;
+    Put32(bytes + place, value);
+    Put32(bytes + AT_CRC, Get32(bytes + AT_CRC) ^ crc32::OfChange(change, length - WIDTH - place));
+    return TRUE;
 }
 
 NimBool ObjReconstructFromMemory(void** out, const void* src)

@@ -29,7 +29,117 @@ TEST_F(BlockRelease, NothingIsWrittenBeforeThenBlocksAscendingThenTheControlBloc
     EXPECT_EQ(
         calls.offsets(FILE_OP_WRITE),
         (Offsets{1 * 16384, 2 * 16384, 3 * 16384, 4 * 16384, 5 * 16384, 6 * 16384, 0}));
-    EXPECT_EQ(calls.sizes(FILE_OP_WRITE).back(), 16168u);
+    const std::string image(static_cast<const char*>(oBlck_), 16168);
+    std::string stored = ReadFileBytes(path()).substr(0, 16168);
+    EXPECT_EQ(stored[16], 1); // cleared in memory once it was written
+    stored[16] = 0;
+    EXPECT_TRUE(stored == image);
+}
+
+// What nobody can have changed since it was read or written is in the file already.
+TEST_F(BlockRelease, WritesEndWhereTheChangesEnd)
+{
+    MakeBlocks(3);
+    Release();
+    memset(Get(0), 'a', 100);
+    BlckModifiedStart(Get(0), oBlck_, 100);
+    memset(Get(1), 'b', 200);
+    BlckModifiedStart(Get(1), oBlck_, 200);
+    BlckModifiedStart(Get(1), oBlck_, 50); // the longer one counts
+    BlckModifiedStart(Get(2), oBlck_, 300);
+    Fill(Get(2), 'c'); // marked whole
+    auto* pUserData = static_cast<char*>(BlckUserData(oBlck_));
+    memset(pUserData, 'u', 60);
+    BlckUserDataModifiedStart(oBlck_, 60);
+    const std::string before = ReadFileBytes(path());
+    FileCalls calls;
+    Release();
+    EXPECT_EQ(calls.sizes(FILE_OP_WRITE), (std::vector<uint32_t>{100, 200, 16384, 100}));
+    const std::string after = ReadFileBytes(path());
+    ASSERT_EQ(after.size(), before.size());
+    EXPECT_EQ(after.substr(16384, 100), std::string(100, 'a'));
+    EXPECT_EQ(after.substr(16384 + 100, 16284), before.substr(16384 + 100, 16284));
+    EXPECT_EQ(after.substr(2 * 16384, 200), std::string(200, 'b'));
+    EXPECT_EQ(after.substr(3 * 16384, 16384), std::string(16384, 'c'));
+    EXPECT_EQ(after.substr(40, 60), std::string(60, 'u'));
+    EXPECT_EQ(after.substr(100, 16068), before.substr(100, 16068));
+    // The user data that a host marks is written whole, and so is what failed to be written before.
+    BlckUserDataModifiedStart(oBlck_, 60);
+    {
+        const ArmedFault fault(FAULT_WRITE);
+        Release();
+    }
+    BlckUserDataModified(oBlck_);
+    Release();
+    BlckUserDataModifiedStart(oBlck_, 10);
+    Release();
+    EXPECT_EQ(
+        calls.sizes(FILE_OP_WRITE),
+        (std::vector<uint32_t>{100, 200, 16384, 100, 100, 16168, 50}));
+}
+
+// A block of which only the start was brought into memory is a whole one to everybody who does not
+// know that.
+TEST_F(BlockRelease, TheRestOfABlockFollowsWhereItIsNeeded)
+{
+    Open();
+    for (const char* use : {"get", "mark", "discard", "flush", "release"}) {
+        New('x');
+        const int tId = New('y');
+        Release();
+        const uint8_t* pView = BlckPeekBlock(nullptr, oBlck_, tId);
+        if (!pView)
+            GTEST_SKIP() << "nothing is mapped";
+        auto* pData = static_cast<uint8_t*>(BlckTakeBlock(oBlck_, tId, pView, 500));
+        ASSERT_NE(pData, nullptr);
+        ASSERT_EQ(BlckPeekBlock(nullptr, oBlck_, tId), pData);
+        memset(pData + 400, 'z', 200); // past what was there
+        BlckModifiedStart(pData, oBlck_, 600);
+        std::string expected(16384, 'y');
+        expected.replace(400, 200, 200, 'z');
+        if (use == std::string("get")) {
+            EXPECT_EQ(Get(tId), pData);
+            EXPECT_TRUE(std::string(reinterpret_cast<char*>(pData), 16384) == expected);
+        } else if (use == std::string("mark")) {
+            BlckModifiedBlock(pData, oBlck_);
+        } else if (use == std::string("discard")) {
+            BlckDiscardBlock(pData, oBlck_);
+            expected.replace(0, 4, 4, '\xff');
+        } else if (use == std::string("flush")) {
+            EXPECT_EQ(BlckFlushBlock(oBlck_, pData), 1u);
+        }
+        Release();
+        const size_t place = (static_cast<size_t>(tId) + 1) * 16384;
+        EXPECT_TRUE(ReadFileBytes(path()).substr(place, 16384) == expected) << use;
+        if (use == std::string("discard"))
+            New('x'); // the chain is empty again
+    }
+}
+
+// Where the rest cannot be read, nothing is made up: what is there is written, or nothing.
+TEST_F(BlockRelease, ARestThatCannotBeReadStaysAsItIsInTheFile)
+{
+    Open();
+    const int tId = New('y');
+    Release();
+    const uint8_t* pView = BlckPeekBlock(nullptr, oBlck_, tId);
+    if (!pView)
+        GTEST_SKIP() << "nothing is mapped";
+    void* pData = BlckTakeBlock(oBlck_, tId, pView, 500);
+    {
+        const ArmedFault fault(FAULT_READ, 1, 0);
+        memset(pData, 'z', 10);
+        void* pAgain = nullptr;
+        EXPECT_EQ(BlckGetBlock(&pAgain, oBlck_, tId), 0u);
+        EXPECT_EQ(BlckFlushBlock(oBlck_, pData), 0u);
+        EXPECT_EQ(BlckModifiedBlock(pData, oBlck_), 1u);
+        EXPECT_EQ(BlckDiscardBlock(pData, oBlck_), 1u);
+        Release();
+    }
+    std::string expected(16384, 'y');
+    expected.replace(0, 4, 4, '\xff');
+    const size_t place = (static_cast<size_t>(tId) + 1) * 16384;
+    EXPECT_TRUE(ReadFileBytes(path()).substr(place, 16384) == expected);
 }
 
 TEST_F(BlockRelease, OnlyChangedBlocksAreWrittenAndNoControlBlockThatIsUnchanged)

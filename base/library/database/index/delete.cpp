@@ -98,7 +98,7 @@ NimBool DeleteEntry(IndxClimb& climb, uint8_t* pNode, int32_t position)
     if (!IndxRemoveEntry(pCursor, pNode, position))
         return FALSE;
     uint8_t* pChanged = pNode;
-    IndxReleaseNode(&pChanged, pCursor, TRUE);
+    IndxReleaseNodeFrom(&pChanged, pCursor, TRUE, position);
     const bool bRoot = IsRoot(pCursor, pNode);
     if (NodeCount(pNode) == 0) {
         if (!bRoot)
@@ -158,7 +158,8 @@ NimBool DescendAndDelete(IndxCursor* pCursor, const IndxKeyInfo* pKey)
     uint32_t tNode = pCursor->oField->roots.tRoot;
     const uint32_t limit = BlckBlockLimit(pCursor->oField->oTable->oBlck);
     for (uint32_t levels = 1; levels <= limit; ++levels) {
-        const uint8_t* pNode = IndxReadNode(nullptr, pCursor, tNode);
+        bool bInMemory = false;
+        const uint8_t* pNode = IndxReadNodeToChange(&bInMemory, pCursor, tNode);
         if (!pNode)
             break;
         int32_t index = 0;

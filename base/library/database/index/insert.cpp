@@ -122,7 +122,7 @@ NimBool IndxAddKeyIntoExistingNode(
     if (bResult) {
         SetNodeCount(pNode, count + 1);
         uint8_t* pChanged = pNode;
-        IndxReleaseNode(&pChanged, pCursor, TRUE);
+        IndxReleaseNodeFrom(&pChanged, pCursor, TRUE, position);
         const bool bGoesUp = position == 0 && !IsRoot(pCursor, pNode);
         bResult = !bGoesUp || climb.Push(FinishAdd, nullptr, nullptr);
         if (bResult)
@@ -355,7 +355,7 @@ NimBool DescendAndInsert(IndxCursor* pCursor, const IndxKeyInfo* pKey)
     const uint32_t limit = BlckBlockLimit(pCursor->oField->oTable->oBlck);
     for (uint32_t levels = 1; levels <= limit; ++levels) {
         bool bInMemory = false;
-        const uint8_t* pNode = IndxReadNode(&bInMemory, pCursor, tNode);
+        const uint8_t* pNode = IndxReadNodeToChange(&bInMemory, pCursor, tNode);
         if (!pNode)
             break;
         int32_t index = 0;
@@ -372,7 +372,8 @@ NimBool DescendAndInsert(IndxCursor* pCursor, const IndxKeyInfo* pKey)
             if (!pLeaf)
                 break;
             const NimBool bInserted = InsertIntoLeaf(pCursor, pLeaf, index, pKey, levels);
-            IndxReleaseNode(&pLeaf, pCursor, bInserted);
+            // The steps have released what they changed.
+            IndxReleaseNodeFrom(&pLeaf, pCursor, bInserted, NodeCount(pLeaf));
             return bInserted;
         }
         tNode = IndxChildAt(pNode, index - 1);

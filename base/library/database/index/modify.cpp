@@ -9,6 +9,7 @@
 #include "../scope.h"
 #include "database/dbrecord.h"
 #include "database/indexinternal.h"
+#include "keycursor.h"
 
 namespace {
 
@@ -54,28 +55,21 @@ NimBool MoveKey(IndxCursor* pCursor, const KeyChange* pChange)
 // flag is not 0; deletion tests for exactly 1. Kept: tables with other flags exist.
 NimBool IndxModifyKey(void* context, void* oField)
 {
-    const auto* pChange = static_cast<const KeyChange*>(context);
-    if (!static_cast<const IndxField*>(oField)->bIndexed)
+    auto* pField = static_cast<IndxField*>(oField);
+    if (!pField->bIndexed)
         return TRUE;
-    void* oCursor = nullptr;
-    if (!IndxGetCursor(&oCursor, oField))
-        return FALSE;
-    const NimBool bModified = MoveKey(static_cast<IndxCursor*>(oCursor), pChange);
-    IndxReleaseCursor(&oCursor);
-    return bModified;
+    IndxKeyCursor cursor(pField);
+    return cursor.get() ? MoveKey(cursor.get(), static_cast<const KeyChange*>(context)) : FALSE;
 }
 
 NimBool IndxDeleteOldKey(void* context, void* oField)
 {
-    if (static_cast<const IndxField*>(oField)->bIndexed != 1)
+    auto* pField = static_cast<IndxField*>(oField);
+    if (pField->bIndexed != 1)
         return TRUE;
-    void* oCursor = nullptr;
-    NimBool bDeleted = FALSE;
-    if (IndxGetCursor(&oCursor, oField)) {
-        bDeleted =
-            IndxDeleteKey(static_cast<IndxCursor*>(oCursor), static_cast<const ObjData*>(context));
-        IndxReleaseCursor(&oCursor);
-    }
+    IndxKeyCursor cursor(pField);
+    const NimBool bDeleted =
+        cursor.get() && IndxDeleteKey(cursor.get(), static_cast<const ObjData*>(context));
     if (!bDeleted)
         INDX_TRACE(INDX_ALWAYS, "Failed to delete key");
     return bDeleted;

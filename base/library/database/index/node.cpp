@@ -1,6 +1,5 @@
 // node.cpp: one block as a node: header, entries, heap. Getting, making, releasing and discarding
-// nodes, the room left in them, putting, moving and removing entries; and storing the table's
-// description when an operation ends.
+// nodes, the room left in them, putting, moving and removing entries.
 //
 // Invariants of a node: at most 681 entries; every heap offset is the sum of the lengths up to its
 // entry; entries and heap do not touch. IndxGetNode checks what can be checked in constant time
@@ -9,14 +8,12 @@
 #include "node.h"
 
 #include <cassert>
+#include <cstring>
 
 #include "../block_internal.h"
 #include "../scope.h"
 
 namespace {
-
-constexpr uint32_t LOG_CLASS = 96;
-constexpr uint32_t LOG_UPDATE_TABLE = 1301;
 
 IndxTable* TableOf(const IndxCursor* pCursor)
 {
@@ -57,6 +54,15 @@ bool NodeIsSound(const uint8_t* pNode, uint32_t heapFlag)
     return HeapUsed(pNode) <= INDX_NODE_ROOM - entries;
 }
 
+// Behind which byte of a node nothing has changed when header and entries from a position on, with
+// their values, are all that has.
+uint32_t ChangedTo(const uint8_t* pNode, int32_t position)
+{
+    return NodeHasHeap(pNode)
+               ? INDX_NODE_SIZE - IndxHeapBefore(pNode, position)
+               : INDX_NODE_HEADER + INDX_ENTRY_SIZE * static_cast<uint32_t>(NodeCount(pNode));
+}
+
 } // namespace
 
 NimBool IndxIndexOpen(void** ppBlck, IndxTable* pTable, const char* name)
@@ -73,14 +79,36 @@ NimBool IndxIndexOpen(void** ppBlck, IndxTable* pTable, const char* name)
     return TRUE;
 }
 
+namespace {
+
+// Bytes of a node from its start on that an operation can come to use. Where there is no heap, that
+// is header, entries, and more room than any operation fills.
+uint32_t UsedStart(const uint8_t* pNode)
+{
+    constexpr uint32_t MORE = 8;
+    const uint32_t entries = static_cast<uint32_t>(NodeCount(pNode)) + MORE;
+    return NodeHasHeap(pNode) ? INDX_NODE_SIZE : INDX_NODE_HEADER + INDX_ENTRY_SIZE * entries;
+}
+
+} // namespace
+
 void IndxGetNode(uint8_t** ppNode, IndxCursor* pCursor, uint32_t tId)
 {
     INDX_TRACE(
         INDX_DETAIL, "IndxGetNode(%p, %p, %ld)", static_cast<void*>(ppNode),
         static_cast<void*>(pCursor), tId);
     *ppNode = nullptr;
+    void* oBlck = BlckOf(pCursor);
+    bool bInMemory = false;
+    const uint8_t* pFound = BlckPeekBlock(&bInMemory, oBlck, static_cast<int32_t>(tId));
     void* pData = nullptr;
-    if (!BlckGetBlock(&pData, BlckOf(pCursor), static_cast<int32_t>(tId)))
+    if (bInMemory)
+        pData = const_cast<uint8_t*>(pFound); // handed out by the block store as such
+    else if (pFound && NodeIsSound(pFound, HeapFlag(pCursor)))
+        pData = BlckTakeBlock(oBlck, static_cast<int32_t>(tId), pFound, UsedStart(pFound));
+    else
+        BlckGetBlock(&pData, oBlck, static_cast<int32_t>(tId));
+    if (!pData)
         return;
     auto* pNode = static_cast<uint8_t*>(pData);
     if (!NodeIsSound(pNode, HeapFlag(pCursor))) {
@@ -103,6 +131,19 @@ const uint8_t* IndxReadNode(bool* pInMemory, IndxCursor* pCursor, uint32_t tId)
     if (pInMemory)
         *pInMemory = pFetched != nullptr;
     return pFetched;
+}
+
+const uint8_t* IndxReadNodeToChange(bool* pInMemory, IndxCursor* pCursor, uint32_t tId)
+{
+    const uint8_t* pNode = IndxReadNode(pInMemory, pCursor, tId);
+    if (!pNode || *pInMemory || !NodeIsLeaf(pNode))
+        return pNode;
+    void* pTaken =
+        BlckTakeBlock(BlckOf(pCursor), static_cast<int32_t>(tId), pNode, UsedStart(pNode));
+    *pInMemory = pTaken != nullptr;
+    if (pTaken)
+        SetNodeEnd(static_cast<uint8_t*>(pTaken));
+    return static_cast<uint8_t*>(pTaken);
 }
 
 uint8_t* IndxNodeToChange(IndxCursor* pCursor, uint32_t tId, const uint8_t* pNode, bool bInMemory)
@@ -145,12 +186,18 @@ int32_t IndxNewNode(uint8_t** ppNode, IndxCursor* pCursor)
 
 void IndxReleaseNode(uint8_t** ppNode, IndxCursor* pCursor, NimBool bModified)
 {
+    IndxReleaseNodeFrom(ppNode, pCursor, bModified, 0);
+}
+
+void IndxReleaseNodeFrom(
+    uint8_t** ppNode, IndxCursor* pCursor, NimBool bModified, int32_t position)
+{
     INDX_TRACE(
         INDX_DETAIL, "IndxReleaseNode(%p, %p, %s)", static_cast<void*>(ppNode),
         static_cast<void*>(pCursor), IndxTruth(bModified));
     if (bModified && *ppNode) {
         assert(NodeIsSound(*ppNode, HeapFlag(pCursor)));
-        BlckModifiedBlock(*ppNode, BlckOf(pCursor));
+        BlckModifiedStart(*ppNode, BlckOf(pCursor), ChangedTo(*ppNode, position));
     }
     *ppNode = nullptr;
 }
@@ -161,52 +208,6 @@ void IndxDiscardNode(uint8_t** ppNode, IndxCursor* pCursor)
         INDX_DETAIL, "IndxDiscardNode(%p, %p)", static_cast<void*>(ppNode),
         static_cast<void*>(pCursor));
     BlckDiscardBlock(*ppNode, BlckOf(pCursor));
-}
-
-void IndxSetTableModified(IndxCursor* pCursor)
-{
-    TableOf(pCursor)->bChanged = TRUE;
-}
-
-namespace {
-
-// Serialises the table into its block file's user data: what is there stays when the form cannot be
-// made or does not fit. The room is kept to all the same: the form does not grow with the values it
-// holds, but a write behind the control block could not be mended.
-bool StoreDescription(IndxTable* pTable)
-{
-    uint8_t form[BLCK_USER_DATA_SIZE];
-    uint32_t size = 0;
-    void* pUserData = BlckUserData(pTable->oBlck);
-    if (!pUserData || !ObjSerializeInto(pTable, form, sizeof form, &size))
-        return false;
-    MemCopy(pUserData, form, size);
-    return true;
-}
-
-} // namespace
-
-NimBool IndxUpdateTable(void* oTable)
-{
-    INDX_TRACE(INDX_DETAIL, "IndxUpdateTable(%p)", oTable);
-    IndxTable* pTable = IndxAsTable(oTable);
-    if (!pTable)
-        return FALSE;
-    NimBool bStored = TRUE;
-    if (pTable->bChanged) {
-        // Cleared first, so that the description on disk says unchanged, and left clear on failure.
-        pTable->bChanged = FALSE;
-        if (StoreDescription(pTable)) {
-            BlckUserDataModified(pTable->oBlck);
-        } else {
-            INDX_TRACE_ERROR(INDX_ALWAYS, "Failed to update table");
-            LogMessage(LOG_UPDATE_TABLE, LOG_CLASS, 0, "Failed to update table '%s'", pTable->name);
-            bStored = FALSE;
-        }
-    }
-    BlckReleaseAll(pTable->oBlck);
-    IndxCommitRoots(pTable);
-    return bStored;
 }
 
 uint32_t IndxHeapBefore(const uint8_t* pNode, int32_t position)
@@ -234,15 +235,18 @@ namespace {
 // entry before it on, inside the heap. Only such a run can be moved without leaving the node.
 bool RunIsSound(const uint8_t* pNode, int32_t position, int32_t count)
 {
+    static_assert(INDX_ENTRY_HEAP_OFFSET == INDX_ENTRY_LENGTH + 4);
     uint64_t sum = IndxHeapBefore(pNode, position);
-    const uint32_t used = HeapUsed(pNode);
-    for (int32_t i = position; i < position + count; ++i) {
-        const uint8_t* pEntry = NodeEntry(pNode, i);
-        sum += EntryLength(pEntry);
-        if (sum != EntryHeapOffset(pEntry) || sum > used)
-            return false;
+    uint64_t wrong = 0; // collected, not jumped at: this is walked for every key that moves
+    const uint8_t* pEnd = NodeEntry(pNode, position + count);
+    for (const uint8_t* pEntry = NodeEntry(pNode, position); pEntry < pEnd;
+         pEntry += INDX_ENTRY_SIZE) {
+        const uint64_t both = GetU64(pEntry + INDX_ENTRY_LENGTH);
+        sum += static_cast<uint32_t>(both);
+        wrong |= sum ^ (both >> 32);
     }
-    return true;
+    // The offsets rise, so that the last one bounds them all.
+    return wrong == 0 && sum <= HeapUsed(pNode);
 }
 
 // Makes a node the parent of one of its children.
@@ -272,7 +276,15 @@ NimBool ChangeParent(IndxCursor* pCursor, uint32_t tChild, uint32_t tFrom, uint3
     return TRUE;
 }
 
-// Moves entries whose values lie in the heap: the entries, their heap offsets, the heap bytes.
+void TraceFixups(const uint8_t* pEntries, int32_t count)
+{
+    for (int32_t i = 0; i < count; ++i) {
+        const uint8_t* pEntry = pEntries + size_t{INDX_ENTRY_SIZE} * static_cast<uint32_t>(i);
+        INDX_TRACE(INDX_DETAIL, " fixup entry %ld offset %ld", i, EntryHeapOffset(pEntry));
+    }
+}
+
+// Moves a sound run of entries whose values lie in the heap: the entries, their heap offsets, the heap bytes.
 void MoveWithHeap(
     uint8_t* pDest, int32_t destPosition, const uint8_t* pSource, int32_t sourcePosition,
     int32_t count, int32_t lOffsetCorrection)
@@ -286,21 +298,21 @@ void MoveWithHeap(
     INDX_TRACE(
         INDX_DETAIL, "Move entries %p, %p, %ld", static_cast<void*>(pSlots),
         static_cast<void*>(const_cast<uint8_t*>(NodeEntry(pSource, sourcePosition))), size);
-    MemCopy(pSlots, NodeEntry(pSource, sourcePosition), size);
-    uint32_t total = 0;
-    for (int32_t i = 0; i < count; ++i) {
-        uint8_t* pEntry = NodeEntry(pDest, destPosition + i);
-        const uint32_t offset = EntryHeapOffset(pEntry);
-        INDX_TRACE(INDX_DETAIL, " fixup entry %ld offset %ld", i, offset);
-        PutU32(pEntry + INDX_ENTRY_HEAP_OFFSET, offset + static_cast<uint32_t>(correction));
-        total += EntryLength(pEntry);
-    }
+    const uint32_t total = lowest - IndxHeapBefore(pSource, sourcePosition);
     const uint8_t* pFrom = pSource + INDX_NODE_SIZE - lowest;
+    memmove(pSlots, NodeEntry(pSource, sourcePosition), size);
+    if (NIM_TRACES(INDX_DETAIL))
+        TraceFixups(pSlots, count);
+    for (uint8_t* pEntry = pSlots; pEntry < pSlots + size; pEntry += INDX_ENTRY_SIZE) {
+        PutU32(
+            pEntry + INDX_ENTRY_HEAP_OFFSET,
+            EntryHeapOffset(pEntry) + static_cast<uint32_t>(correction));
+    }
     uint8_t* pTo = pDest + INDX_NODE_SIZE - (lowest + static_cast<uint32_t>(correction));
     INDX_TRACE(
         INDX_DETAIL, "Move the heap data %p, %p, %ld", static_cast<void*>(pTo),
         static_cast<void*>(const_cast<uint8_t*>(pFrom)), total);
-    MemCopy(pTo, pFrom, total);
+    memmove(pTo, pFrom, total);
 }
 
 } // namespace

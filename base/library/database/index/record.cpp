@@ -16,6 +16,7 @@
 #include "database/block.h"
 #include "database/dbrecord.h"
 #include "database/indexinternal.h"
+#include "keycursor.h"
 
 namespace {
 
@@ -69,15 +70,12 @@ struct KeyUpdate {
 NimBool IndxUpdateIndex(void* context, void* oField)
 {
     const auto* pUpdate = static_cast<const KeyUpdate*>(context);
-    if (!static_cast<const IndxField*>(oField)->bIndexed)
+    auto* pField = static_cast<IndxField*>(oField);
+    if (!pField->bIndexed)
         return TRUE;
-    void* oCursor = nullptr;
-    NimBool bInserted = FALSE;
-    if (IndxGetCursor(&oCursor, oField)) {
-        bInserted =
-            IndxInsertKey(static_cast<IndxCursor*>(oCursor), pUpdate->offset, pUpdate->pRecord);
-        IndxReleaseCursor(&oCursor);
-    }
+    IndxKeyCursor cursor(pField);
+    const NimBool bInserted =
+        cursor.get() && IndxInsertKey(cursor.get(), pUpdate->offset, pUpdate->pRecord);
     if (!bInserted)
         INDX_TRACE(INDX_ALWAYS, "Failed to insert key");
     return bInserted;
@@ -175,7 +173,7 @@ namespace {
 NimBool AddUnderNextId(uint32_t* pId, IndxTable* pTable, ObjData* pData)
 {
     const uint32_t id = ++pTable->highestId;
-    pTable->bChanged = TRUE;
+    IndxSetHighestIdModified(pTable);
     INDX_TRACE(INDX_DETAIL, "New record id is %ld", id);
     if (!IndxAddRecord(id, pTable, pData)) {
         IndxBackout(pTable);
@@ -213,7 +211,7 @@ namespace {
 
 NimBool AddUnderGivenId(uint32_t id, IndxTable* pTable, ObjData* pData)
 {
-    pTable->bChanged = TRUE;
+    IndxSetHighestIdModified(pTable);
     if (!IndxAddRecord(id, pTable, pData)) {
         IndxBackout(pTable);
         return FALSE;

@@ -69,7 +69,7 @@ bool IndxRepointKey(
         if (!pLeaf)
             return false;
         PutU32(NodeEntry(pLeaf, place.position) + INDX_ENTRY_POINTER, newOffset);
-        IndxReleaseNode(&pLeaf, pCursor, TRUE);
+        IndxReleaseNodeFrom(&pLeaf, pCursor, TRUE, NodeCount(pLeaf));
     }
     IndxInvalidateCursors(pCursor); // as they are after the long way
     return true;
