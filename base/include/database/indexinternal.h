@@ -153,8 +153,13 @@ struct IndxKeyInfo {
     void* oValue;        // integer, 64-bit integer or data field; null for keys of record ids
     uint32_t fileOffset; // of the record; for leaf entries
     uint32_t tChild;     // for branch entries
+    // Behind the template's items: the bytes of the value where they lie in a record or in a host's
+    // object that outlives the key; then oValue is null. Only keys on the stack borrow: see key.h.
+    const void* pBorrowed;
+    uint32_t borrowedSize;
+    uint32_t padding;
 };
-static_assert(offsetof(IndxKeyInfo, oValue) == 8 && sizeof(IndxKeyInfo) == 24);
+static_assert(offsetof(IndxKeyInfo, oValue) == 8 && offsetof(IndxKeyInfo, pBorrowed) == 24);
 
 // Cursor, template "i;i;i;i;o;o;".
 struct IndxCursor {
@@ -349,6 +354,8 @@ NimBool IndxNewKeyInfo(IndxKeyInfo** ppKey, int32_t keyType, uint32_t recordId);
 // The key of the cursor's index, taken from an encoded record. The result codes 1, 2, 3 and 5 may
 // be left in the cursor.
 NimBool IndxGetKeyInfoFromRecord(IndxKeyInfo** ppKey, IndxCursor* pCursor, const ObjData* pRecord);
+// The same for a key that borrows its value from the record; *pKey is cleared first.
+NimBool IndxBorrowKeyFromRecord(IndxKeyInfo* pKey, IndxCursor* pCursor, const ObjData* pRecord);
 // The lowest key of a node, with the node as its child.
 NimBool IndxGetKeyInfoFromNode(IndxKeyInfo** ppKey, IndxCursor* pCursor, const uint8_t* pNode);
 // The value of an entry as an object; a key of record ids has none. FALSE: damaged, no memory.
@@ -360,6 +367,7 @@ bool IndxHeapValue(
     const uint8_t** ppBytes, uint32_t* pLength, const uint8_t* pNode, int32_t position);
 // Whether two values of a key type (as objects) are equal.
 bool IndxSameValue(int32_t keyType, void* oLeft, void* oRight);
+bool IndxSameKeyValue(int32_t keyType, const IndxKeyInfo* pLeft, const IndxKeyInfo* pRight);
 
 // Whether two records have a key of this field that is the same byte for byte. False when in doubt.
 bool IndxHaveSameKey(const IndxField* pField, const ObjData* pLeft, const ObjData* pRight);

@@ -9,6 +9,7 @@
 #include "../block_internal.h"
 #include "../scope.h"
 #include "climb.h"
+#include "key.h"
 #include "node.h"
 
 namespace {
@@ -197,8 +198,8 @@ NimBool IndxDeleteKey(IndxCursor* pCursor, const ObjData* pRecord)
         INDX_DETAIL, "IndxDeletetKey(%p, %p)", static_cast<void*>(pCursor),
         static_cast<void*>(const_cast<ObjData*>(pRecord)));
     NimBool bDeleted = FALSE;
-    HeldObject<IndxKeyInfo> key;
-    if (IndxGetKeyInfoFromRecord(key.Out(), pCursor, pRecord)) {
+    IndxRecordKey key;
+    if (key.Take(pCursor, pRecord)) {
         if (pCursor->oField->roots.tRoot == INDX_NO_NODE)
             pCursor->result = INDX_RESULT_NOT_FOUND;
         else

@@ -15,6 +15,7 @@
 #include "../block_internal.h"
 #include "../scope.h"
 #include "climb.h"
+#include "key.h"
 #include "node.h"
 
 namespace {
@@ -390,14 +391,14 @@ NimBool IndxInsertKey(IndxCursor* pCursor, uint32_t fileOffset, const ObjData* p
     INDX_TRACE(
         INDX_DETAIL, "IndxInsertKey(%p, %ld, %p)", static_cast<void*>(pCursor), fileOffset,
         static_cast<void*>(const_cast<ObjData*>(pRecord)));
-    HeldObject<IndxKeyInfo> key;
-    if (!IndxGetKeyInfoFromRecord(key.Out(), pCursor, pRecord)) {
+    IndxRecordKey key;
+    if (!key.Take(pCursor, pRecord)) {
         INDX_TRACE_ERROR(INDX_ALWAYS, "Failed to fill in key info");
         return FALSE;
     }
     const uint32_t tRoot = pCursor->oField->roots.tRoot;
     INDX_TRACE(INDX_DETAIL, "Root node is %ld set file offset to %ld", tRoot, fileOffset);
-    key->fileOffset = fileOffset;
+    key.get()->fileOffset = fileOffset;
     const NimBool bInserted = tRoot == INDX_NO_NODE ? CreateRoot(pCursor, key.get())
                                                     : DescendAndInsert(pCursor, key.get());
     if (bInserted)

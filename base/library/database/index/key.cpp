@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "../scope.h"
+#include "key.h"
 #include "node.h"
 
 NimBool IndxNewKeyInfo(IndxKeyInfo** ppKey, int32_t keyType, uint32_t recordId)
@@ -45,23 +46,28 @@ uint32_t SlotWidth(int32_t keyType)
     }
 }
 
-// The value of a text slot: length, offset, and the bytes in the variable part. A length that
+// Bytes of a value that stand somewhere else.
+struct Bytes {
+    const uint8_t* p;
+    uint32_t size;
+};
+
+// The bytes of a text slot: length and offset lead to them in the variable part. A length that
 // passes the end of the record is damage like a negative one.
-NimBool
-TextFromRecord(void** ppValue, IndxCursor* pCursor, const ObjData* pRecord, const uint8_t* pSlot)
+bool FindText(Bytes* pText, IndxCursor* pCursor, const ObjData* pRecord, const uint8_t* pSlot)
 {
     const int32_t length = GetI32(pSlot);
     if (length < 0) {
         pCursor->result = INDX_RESULT_BAD_LENGTH;
-        return FALSE;
+        return false;
     }
     if (length == 0) {
         pCursor->result = INDX_RESULT_EMPTY_KEY;
-        return FALSE;
+        return false;
     }
     if (static_cast<uint32_t>(length) > pCursor->oField->maximumKey) {
         pCursor->result = INDX_RESULT_LONG_KEY;
-        return FALSE;
+        return false;
     }
     const uint32_t offset = GetU32(pSlot + 4);
     if (!BytesInside(offset, static_cast<uint32_t>(length), pRecord->size)) {
@@ -69,47 +75,86 @@ TextFromRecord(void** ppValue, IndxCursor* pCursor, const ObjData* pRecord, cons
             INDX_ALWAYS, "Text of %ld bytes at %ld passes the end of a record of %ld bytes", length,
             offset, pRecord->size);
         pCursor->result = INDX_RESULT_BAD_LENGTH;
-        return FALSE;
+        return false;
     }
-    return ObjDataFieldCreate(
-        ppValue, static_cast<const uint8_t*>(pRecord->data) + offset,
-        static_cast<uint32_t>(length));
+    *pText = {static_cast<const uint8_t*>(pRecord->data) + offset, static_cast<uint32_t>(length)};
+    return true;
 }
 
-// The value in a record's slot, by the type of the index.
-NimBool ValueFromRecord(
-    void** ppValue, IndxCursor* pCursor, uint32_t id, const ObjData* pRecord, const uint8_t* pSlot)
+// The record's id and the bytes of its key, none where the id is the key. False: the record has no
+// such key, with the cursor's result code where there is one for it.
+bool FindKey(uint32_t* pId, Bytes* pValue, IndxCursor* pCursor, const ObjData* pRecord)
 {
-    switch (pCursor->oField->keyType) {
-    case INDX_KEY_RECORD_ID:
-        INDX_TRACE(INDX_DETAIL, "Id = %ld", id);
-        return TRUE;
-    case INDX_KEY_INTEGER:
-        INDX_TRACE(INDX_DETAIL, "Id = %ld, value = %ld", id, GetI32(pSlot));
-        return ObjIntegerCreate(ppValue, GetI32(pSlot));
-    case INDX_KEY_INT64:
-        INDX_TRACE(INDX_DETAIL, "Id = %ld, value = %I64d", id, GetI64(pSlot));
-        return ObjInt64Create(ppValue, GetI64(pSlot));
-    case INDX_KEY_TEXT:
-    case INDX_KEY_TEXT_NO_CASE: {
-        const NimBool bTaken = TextFromRecord(ppValue, pCursor, pRecord, pSlot);
-        if (bTaken) {
-            // The data field keeps a NUL behind its bytes.
-            INDX_TRACE(
-                INDX_DETAIL, "Id = %ld, value = %s", id,
-                static_cast<const char*>(ObjGetDataFieldData(*ppValue)));
-        }
-        return bTaken;
+    const IndxField* pField = pCursor->oField;
+    const uint32_t idOffset = pField->oTable->idOffset;
+    const auto slotOffset = static_cast<uint32_t>(pField->recordOffset);
+    const uint32_t width = SlotWidth(pField->keyType);
+    if (!BytesInside(idOffset, 4, pRecord->size) ||
+        !BytesInside(slotOffset, width, pRecord->size)) {
+        INDX_TRACE(
+            INDX_ALWAYS, "A record of %ld bytes is too short for field '%s' of table '%s'",
+            pRecord->size, pField->name, pField->oTable->name);
+        return false;
     }
+    const auto* pBytes = static_cast<const uint8_t*>(pRecord->data);
+    *pId = GetU32(pBytes + idOffset);
+    *pValue = {nullptr, 0};
+    switch (pField->keyType) {
+    case INDX_KEY_RECORD_ID:
+        return true;
+    case INDX_KEY_INTEGER:
+    case INDX_KEY_INT64:
     case INDX_KEY_UNIQUE_ID:
-        INDX_TRACE(INDX_DETAIL, "Id = %ld, value = %s", id, UniqueToString(pSlot));
-        return ObjDataFieldCreate(ppValue, pSlot, INDX_UNIQUE_ID_SIZE);
+        *pValue = {pBytes + slotOffset, width};
+        return true;
+    case INDX_KEY_TEXT:
+    case INDX_KEY_TEXT_NO_CASE:
+        return FindText(pValue, pCursor, pRecord, pBytes + slotOffset);
     case INDX_KEY_FORBIDDEN:
         pCursor->result = INDX_RESULT_KEY_TYPE;
         ProcCrash(0);
-        return FALSE;
+        return false;
     default:
-        return FALSE;
+        return false;
+    }
+}
+
+// An object of a value's bytes; none for a key type that has no value.
+NimBool MakeValue(void** ppValue, int32_t keyType, const Bytes& value)
+{
+    switch (keyType) {
+    case INDX_KEY_INTEGER:
+        return ObjIntegerCreate(ppValue, GetI32(value.p));
+    case INDX_KEY_INT64:
+        return ObjInt64Create(ppValue, GetI64(value.p));
+    case INDX_KEY_TEXT:
+    case INDX_KEY_TEXT_NO_CASE:
+    case INDX_KEY_UNIQUE_ID:
+        return ObjDataFieldCreate(ppValue, value.p, value.size);
+    default:
+        return TRUE;
+    }
+}
+
+void TraceKey(const IndxKeyInfo* pKey)
+{
+    switch (pKey->keyType) {
+    case INDX_KEY_RECORD_ID:
+        INDX_TRACE(INDX_DETAIL, "Id = %ld", pKey->recordId);
+        break;
+    case INDX_KEY_INTEGER:
+        INDX_TRACE(INDX_DETAIL, "Id = %ld, value = %ld", pKey->recordId, KeyInteger(pKey));
+        break;
+    case INDX_KEY_INT64:
+        INDX_TRACE(INDX_DETAIL, "Id = %ld, value = %I64d", pKey->recordId, KeyInt64(pKey));
+        break;
+    case INDX_KEY_UNIQUE_ID:
+        INDX_TRACE(
+            INDX_DETAIL, "Id = %ld, value = %s", pKey->recordId, UniqueToString(KeyBytes(pKey)));
+        break;
+    default: // the data field keeps a NUL behind a text's bytes
+        INDX_TRACE(INDX_DETAIL, "Id = %ld, value = %s", pKey->recordId, KeyBytes(pKey));
+        break;
     }
 }
 
@@ -121,23 +166,30 @@ NimBool IndxGetKeyInfoFromRecord(IndxKeyInfo** ppKey, IndxCursor* pCursor, const
         INDX_DETAIL, "IndxGetKeyInfoFromRecord(%p, %p, %p)", static_cast<void*>(ppKey),
         static_cast<void*>(pCursor), static_cast<void*>(const_cast<ObjData*>(pRecord)));
     *ppKey = nullptr;
-    const IndxField* pField = pCursor->oField;
-    const uint32_t idOffset = pField->oTable->idOffset;
-    const auto slotOffset = static_cast<uint32_t>(pField->recordOffset);
-    if (!BytesInside(idOffset, 4, pRecord->size) ||
-        !BytesInside(slotOffset, SlotWidth(pField->keyType), pRecord->size)) {
-        INDX_TRACE(
-            INDX_ALWAYS, "A record of %ld bytes is too short for field '%s' of table '%s'",
-            pRecord->size, pField->name, pField->oTable->name);
-        return FALSE;
-    }
-    const auto* pBytes = static_cast<const uint8_t*>(pRecord->data);
-    const uint32_t id = GetU32(pBytes + idOffset);
+    const int32_t keyType = pCursor->oField->keyType;
+    uint32_t id = 0;
+    Bytes value = {};
     HeldObject<IndxKeyInfo> key;
-    if (!IndxNewKeyInfo(key.Out(), pField->keyType, id) ||
-        !ValueFromRecord(&key->oValue, pCursor, id, pRecord, pBytes + slotOffset))
+    if (!FindKey(&id, &value, pCursor, pRecord) || !IndxNewKeyInfo(key.Out(), keyType, id) ||
+        !MakeValue(&key->oValue, keyType, value))
         return FALSE;
+    if (NIM_TRACES(INDX_DETAIL))
+        TraceKey(key.get());
     *ppKey = key.Take();
+    return TRUE;
+}
+
+NimBool IndxBorrowKeyFromRecord(IndxKeyInfo* pKey, IndxCursor* pCursor, const ObjData* pRecord)
+{
+    *pKey = {};
+    uint32_t id = 0;
+    Bytes value = {};
+    if (!FindKey(&id, &value, pCursor, pRecord))
+        return FALSE;
+    pKey->keyType = pCursor->oField->keyType;
+    pKey->recordId = id;
+    pKey->pBorrowed = value.p;
+    pKey->borrowedSize = value.size;
     return TRUE;
 }
 
@@ -178,24 +230,10 @@ NimBool IndxGetEntryValue(void** ppValue, int32_t keyType, const uint8_t* pNode,
 {
     *ppValue = nullptr;
     assert(position >= 0 && position < NodeCount(pNode));
-    const uint8_t* pEntry = NodeEntry(pNode, position);
-    switch (keyType) {
-    case INDX_KEY_INTEGER:
-        return ObjIntegerCreate(ppValue, GetI32(pEntry + INDX_ENTRY_VALUE));
-    case INDX_KEY_INT64:
-        return ObjInt64Create(ppValue, GetI64(pEntry + INDX_ENTRY_VALUE));
-    case INDX_KEY_TEXT:
-    case INDX_KEY_TEXT_NO_CASE:
-    case INDX_KEY_UNIQUE_ID: {
-        const uint8_t* pBytes = nullptr;
-        uint32_t length = 0;
-        if (!IndxHeapValue(&pBytes, &length, pNode, position))
-            return FALSE;
-        return ObjDataFieldCreate(ppValue, pBytes, length);
-    }
-    default:
-        return TRUE;
-    }
+    Bytes value = {NodeEntry(pNode, position) + INDX_ENTRY_VALUE, 0};
+    if (keyType & INDX_KEY_HEAP_BIT && !IndxHeapValue(&value.p, &value.size, pNode, position))
+        return FALSE;
+    return MakeValue(ppValue, keyType, value);
 }
 
 NimBool IndxGetKeyInfoFromNode(IndxKeyInfo** ppKey, IndxCursor* pCursor, const uint8_t* pNode)
@@ -221,28 +259,35 @@ NimBool IndxGetKeyInfoFromNode(IndxKeyInfo** ppKey, IndxCursor* pCursor, const u
 
 uint32_t IndxKeyLength(const IndxKeyInfo* pKey)
 {
-    return pKey->keyType & INDX_KEY_HEAP_BIT ? ObjGetDataFieldSize(pKey->oValue) : 0;
+    return pKey->keyType & INDX_KEY_HEAP_BIT ? KeySize(pKey) : 0;
+}
+
+bool IndxSameKeyValue(int32_t keyType, const IndxKeyInfo* pLeft, const IndxKeyInfo* pRight)
+{
+    switch (keyType) {
+    case INDX_KEY_INTEGER:
+        return KeyInteger(pLeft) == KeyInteger(pRight);
+    case INDX_KEY_INT64:
+        return KeyInt64(pLeft) == KeyInt64(pRight);
+    case INDX_KEY_TEXT:
+        return StrCompareBounded(
+                   KeyBytes(pLeft), KeySize(pLeft), KeyBytes(pRight), KeySize(pRight)) == 0;
+    case INDX_KEY_TEXT_NO_CASE:
+        return StrCompareBoundedNoCase(
+                   KeyBytes(pLeft), KeySize(pLeft), KeyBytes(pRight), KeySize(pRight)) == 0;
+    case INDX_KEY_UNIQUE_ID:
+        return KeySize(pLeft) == INDX_UNIQUE_ID_SIZE && KeySize(pRight) == INDX_UNIQUE_ID_SIZE &&
+               UniqueEqual(KeyBytes(pLeft), KeyBytes(pRight));
+    default:
+        return false;
+    }
 }
 
 bool IndxSameValue(int32_t keyType, void* oLeft, void* oRight)
 {
-    const auto* pLeft = static_cast<const char*>(ObjGetDataFieldData(oLeft));
-    const auto* pRight = static_cast<const char*>(ObjGetDataFieldData(oRight));
-    const uint32_t leftSize = ObjGetDataFieldSize(oLeft);
-    const uint32_t rightSize = ObjGetDataFieldSize(oRight);
-    switch (keyType) {
-    case INDX_KEY_INTEGER:
-        return ObjGetInteger(oLeft) == ObjGetInteger(oRight);
-    case INDX_KEY_INT64:
-        return ObjGetInt64(oLeft) == ObjGetInt64(oRight);
-    case INDX_KEY_TEXT:
-        return StrCompareBounded(pLeft, leftSize, pRight, rightSize) == 0;
-    case INDX_KEY_TEXT_NO_CASE:
-        return StrCompareBoundedNoCase(pLeft, leftSize, pRight, rightSize) == 0;
-    case INDX_KEY_UNIQUE_ID:
-        return leftSize == INDX_UNIQUE_ID_SIZE && rightSize == INDX_UNIQUE_ID_SIZE &&
-               UniqueEqual(pLeft, pRight);
-    default:
-        return false;
-    }
+    IndxKeyInfo left = {};
+    IndxKeyInfo right = {};
+    left.oValue = oLeft;
+    right.oValue = oRight;
+    return IndxSameKeyValue(keyType, &left, &right);
 }

@@ -12,6 +12,7 @@
 
 #include "../block_internal.h"
 #include "../scope.h"
+#include "key.h"
 
 namespace {
 
@@ -366,15 +367,15 @@ IndxPutKeyIntoNode(IndxCursor* pCursor, uint8_t* pNode, int32_t position, const 
         ProcCrash(0);
         return FALSE;
     case INDX_KEY_INTEGER:
-        PutI32(pEntry + INDX_ENTRY_VALUE, ObjGetInteger(pKey->oValue));
+        PutI32(pEntry + INDX_ENTRY_VALUE, KeyInteger(pKey));
         break;
     case INDX_KEY_INT64:
-        PutI64(pEntry + INDX_ENTRY_VALUE, ObjGetInt64(pKey->oValue));
+        PutI64(pEntry + INDX_ENTRY_VALUE, KeyInt64(pKey));
         break;
     case INDX_KEY_TEXT:
     case INDX_KEY_TEXT_NO_CASE:
     case INDX_KEY_UNIQUE_ID: {
-        const uint32_t length = ObjGetDataFieldSize(pKey->oValue);
+        const uint32_t length = KeySize(pKey);
         const uint32_t offset = IndxHeapBefore(pNode, position) + length;
         assert(offset <= INDX_NODE_ROOM);
         PutU32(pEntry + INDX_ENTRY_LENGTH, length);
@@ -382,8 +383,8 @@ IndxPutKeyIntoNode(IndxCursor* pCursor, uint8_t* pNode, int32_t position, const 
         uint8_t* pTo = pNode + INDX_NODE_SIZE - offset;
         INDX_TRACE(
             INDX_DETAIL, "Insert heap data %p, %p, %ld", static_cast<void*>(pTo),
-            ObjGetDataFieldData(pKey->oValue), length);
-        MemCopy(pTo, ObjGetDataFieldData(pKey->oValue), length);
+            static_cast<void*>(const_cast<char*>(KeyBytes(pKey))), length);
+        MemCopy(pTo, KeyBytes(pKey), length);
         break;
     }
     default:

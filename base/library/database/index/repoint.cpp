@@ -9,6 +9,7 @@
 
 #include "../block_internal.h"
 #include "../scope.h"
+#include "key.h"
 #include "node.h"
 
 namespace {
@@ -57,11 +58,11 @@ bool FindPlace(Place* pPlace, IndxCursor* pCursor, const IndxKeyInfo* pKey)
 bool IndxRepointKey(
     IndxCursor* pCursor, const ObjData* pOld, const ObjData* pNew, uint32_t newOffset)
 {
-    HeldObject<IndxKeyInfo> key;
+    IndxRecordKey key;
     Place place = {};
     if (NIM_TRACES(INDX_DETAIL) || pCursor->oField->roots.tRoot == INDX_NO_NODE ||
         !IndxHaveSameKey(pCursor->oField, pOld, pNew) ||
-        !IndxGetKeyInfoFromRecord(key.Out(), pCursor, pOld) ||
+        !key.Take(pCursor, pOld) ||
         !FindPlace(&place, pCursor, key.get()))
         return false;
     if (EntryPointer(NodeEntry(place.pLeaf, place.position)) != newOffset) {

@@ -10,6 +10,7 @@
 
 #include "../block_internal.h"
 #include "../scope.h"
+#include "key.h"
 #include "node.h"
 
 namespace {
@@ -122,8 +123,7 @@ template <HeapOrder order>
 NimBool HeapSearch(int32_t* pIndex, const uint8_t* pNode, const IndxKeyInfo* pKey, bool bUnique)
 {
     const CompareHeap<order> compare{
-        static_cast<const char*>(ObjGetDataFieldData(pKey->oValue)),
-        ObjGetDataFieldSize(pKey->oValue), pNode + INDX_NODE_SIZE,
+        KeyBytes(pKey), KeySize(pKey), pNode + INDX_NODE_SIZE,
         IndxHeapBefore(pNode, NodeCount(pNode))};
     return BinarySearch(pIndex, pNode, pKey, bUnique, compare);
 }
@@ -146,9 +146,9 @@ IndxSearchNode(int32_t* pIndex, IndxCursor* pCursor, const uint8_t* pNode, const
     case INDX_KEY_INTEGER:
         return BinarySearch(
             pIndex, pNode, pKey, bUnique,
-            CompareInteger{static_cast<uint32_t>(ObjGetInteger(pKey->oValue))});
+            CompareInteger{static_cast<uint32_t>(KeyInteger(pKey))});
     case INDX_KEY_INT64:
-        return BinarySearch(pIndex, pNode, pKey, bUnique, CompareInt64{ObjGetInt64(pKey->oValue)});
+        return BinarySearch(pIndex, pNode, pKey, bUnique, CompareInt64{KeyInt64(pKey)});
     case INDX_KEY_TEXT:
         return HeapSearch<HeapOrder::Text>(pIndex, pNode, pKey, bUnique);
     case INDX_KEY_TEXT_NO_CASE:
@@ -198,7 +198,7 @@ bool PlaceBehindMiss(
     }
     // A search for any record with the value has found the first of them.
     if (pCursor->status == INDX_ON_KEY && pKey->recordId == 0 && pCursor->oKey &&
-        IndxSameValue(pCursor->oField->keyType, pCursor->oKey->oValue, pKey->oValue))
+        IndxSameKeyValue(pCursor->oField->keyType, pCursor->oKey, pKey))
         pCursor->result = INDX_RESULT_FOUND;
     return true;
 }
@@ -318,7 +318,7 @@ void IndxUpdateCursor(IndxCursor* pCursor, const uint8_t* pNode, int32_t status)
 namespace {
 
 // The value of a text search key, its NUL included as in the heap. FALSE with the result code set.
-NimBool TextValue(void** ppValue, IndxCursor* pCursor, void* oKeyObject)
+NimBool BorrowText(IndxKeyInfo* pKey, IndxCursor* pCursor, void* oKeyObject)
 {
     if (ObjGetMagic(oKeyObject) != OBJ_MAGIC_STRING)
         return FALSE;
@@ -332,11 +332,14 @@ NimBool TextValue(void** ppValue, IndxCursor* pCursor, void* oKeyObject)
         pCursor->result = INDX_RESULT_LONG_KEY;
         return FALSE;
     }
-    return ObjDataFieldCreate(ppValue, text, size);
+    pKey->pBorrowed = text;
+    pKey->borrowedSize = size;
+    return TRUE;
 }
 
-// The value of a search key, from the host's key object. FALSE with the result code set.
-NimBool ValueFromKeyObject(void** ppValue, IndxCursor* pCursor, void* oKeyObject)
+// The value of a search key, from the host's key object, which keeps it. FALSE with the result code
+// set.
+NimBool BorrowFromKeyObject(IndxKeyInfo* pKey, IndxCursor* pCursor, void* oKeyObject)
 {
     const uint32_t magic = ObjGetMagic(oKeyObject);
     switch (pCursor->oField->keyType) {
@@ -347,16 +350,18 @@ NimBool ValueFromKeyObject(void** ppValue, IndxCursor* pCursor, void* oKeyObject
         const bool bInteger = pCursor->oField->keyType == INDX_KEY_INTEGER;
         if (magic != (bInteger ? OBJ_MAGIC_INTEGER : OBJ_MAGIC_INT64))
             return FALSE;
-        *ppValue = ObjIncRefCount(oKeyObject);
-        return *ppValue ? TRUE : FALSE;
+        pKey->oValue = oKeyObject;
+        return TRUE;
     }
     case INDX_KEY_TEXT:
     case INDX_KEY_TEXT_NO_CASE:
-        return TextValue(ppValue, pCursor, oKeyObject);
+        return BorrowText(pKey, pCursor, oKeyObject);
     case INDX_KEY_UNIQUE_ID:
         if (magic != OBJ_MAGIC_UNIQUE)
             return FALSE;
-        return ObjDataFieldCreate(ppValue, ObjGetUnique(oKeyObject), INDX_UNIQUE_ID_SIZE);
+        pKey->pBorrowed = ObjGetUnique(oKeyObject);
+        pKey->borrowedSize = INDX_UNIQUE_ID_SIZE;
+        return TRUE;
     default:
         pCursor->result = INDX_RESULT_KEY_TYPE;
         return FALSE;
@@ -372,15 +377,16 @@ int32_t IndxFindKey(void* oCursor, uint32_t id, void* oKeyObject)
     if (!pCursor)
         return INDX_RESULT_CURSOR;
     pCursor->result = INDX_RESULT_KEY_OBJECT;
-    HeldObject<IndxKeyInfo> key;
-    if (!IndxNewKeyInfo(key.Out(), pCursor->oField->keyType, id) ||
-        !ValueFromKeyObject(&key->oValue, pCursor, oKeyObject))
+    IndxKeyInfo key = {}; // needed no longer than the key object, whose value it borrows
+    key.keyType = pCursor->oField->keyType;
+    key.recordId = id;
+    if (!BorrowFromKeyObject(&key, pCursor, oKeyObject))
         return pCursor->result;
     if (pCursor->oField->roots.tRoot == INDX_NO_NODE) {
         pCursor->result = INDX_RESULT_NOT_FOUND;
         IndxUpdateCursor(pCursor, nullptr, INDX_AT_END);
     } else {
-        IndxFind(pCursor, key.get(), nullptr);
+        IndxFind(pCursor, &key, nullptr);
     }
     return pCursor->result;
 }
