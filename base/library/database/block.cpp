@@ -82,19 +82,29 @@ void ChangeTo(BlckBlock* pBlock, uint32_t size)
     pBlock->changedTo = std::max(pBlock->changedTo, static_cast<uint16_t>(size));
 }
 
-// Writes the start of a block's data to its place. A failed seek is a failed write, with no message
-// of its own: written all the same, the block would overwrite whatever lies at the file's present
-// position.
-bool WriteBlock(BlckControl* pOwner, const BlckBlock* pBlock, uint32_t size)
+// Writes bytes [from, to) of a block's data to their place. A failed seek is a failed write, with no
+// message of its own: written all the same, the block would overwrite whatever lies at the file's
+// present position.
+bool WriteBytes(BlckControl* pOwner, const BlckBlock* pBlock, uint32_t from, uint32_t to)
 {
-    const int64_t offset = OffsetOf(pBlock->tId);
+    const int64_t offset = OffsetOf(pBlock->tId) + from;
     BLCK_TRACE(
-        DETAIL, "Write out block %ld, %ld bytes at offset %ld", pBlock->tId, size,
+        DETAIL, "Write out block %ld, %ld bytes at offset %ld", pBlock->tId, to - from,
         static_cast<uint32_t>(offset));
     uint32_t moved = 0;
     if (!FileSysSeek(pOwner->hFile, offset))
         return false;
-    return FileSysWrite(&moved, pOwner->hFile, pBlock->data, size) != 0;
+    return FileSysWrite(&moved, pOwner->hFile, pBlock->data + from, to - from) != 0;
+}
+
+// Writes what may have changed of a block.
+bool WriteChanges(BlckControl* pOwner, const BlckBlock* pBlock)
+{
+    const uint32_t end = pBlock->changedTo;
+    if (pBlock->holeFrom >= pBlock->holeTo || end <= pBlock->holeFrom)
+        return WriteBytes(pOwner, pBlock, 0, end);
+    return WriteBytes(pOwner, pBlock, 0, pBlock->holeFrom) &&
+           (end <= pBlock->holeTo || WriteBytes(pOwner, pBlock, pBlock->holeTo, end));
 }
 
 // Runs when the map gives a block up, which is the end of an operation or of the file. The owner's
@@ -113,7 +123,7 @@ void BlkBlockDestructor(void* oBlock)
         pOwner->tFreeChain = static_cast<uint32_t>(pBlock->tId);
         pOwner->bModified = TRUE;
     }
-    if (!pBlock->bModified || WriteBlock(pOwner, pBlock, pBlock->changedTo))
+    if (!pBlock->bModified || WriteChanges(pOwner, pBlock))
         return;
     // One text for every failed write here, discarded or not: operators know it.
     LogMessage(LOG_BLOCK_DISCARD, LOG_CLASS, 0, "Failed to discard database block");
@@ -416,7 +426,8 @@ BlckBlock* NewBlockObject(BlckControl* pControl, int32_t tId)
     block->pOwner = pControl;
     block->tId = tId;
     block->changedTo = 0;
-    block->loadedTo = 0;
+    block->holeFrom = 0;
+    block->holeTo = BLCK_BLOCK_SIZE;
     return block.Take();
 }
 
@@ -430,21 +441,22 @@ bool KeepBlock(void** ppData, BlckControl* pControl, BlckBlock* pBlock)
     return true;
 }
 
-// Reads what is not yet there of a block.
-bool LoadRest(BlckControl* pControl, BlckBlock* pBlock)
+// Reads what is not there of a block.
+bool FillHole(BlckControl* pControl, BlckBlock* pBlock)
 {
-    const uint32_t from = std::max(pBlock->loadedTo, pBlock->changedTo);
-    const int64_t offset = OffsetOf(pBlock->tId);
+    const int64_t offset = OffsetOf(pBlock->tId) + pBlock->holeFrom;
+    const uint32_t wanted = pBlock->holeTo - pBlock->holeFrom;
+    uint8_t* pHole = pBlock->data + pBlock->holeFrom;
     BLCK_TRACE(DETAIL, "Seek to read position %ld", static_cast<uint32_t>(offset));
     uint32_t count = 0;
-    if (!FileSysSeek(pControl->hFile, offset + from) ||
-        !FileSysRead(&count, pControl->hFile, pBlock->data + from, BLCK_BLOCK_SIZE - from))
+    if (!FileSysSeek(pControl->hFile, offset) ||
+        !FileSysRead(&count, pControl->hFile, pHole, wanted))
         return false;
-    if (from + count < BLCK_BLOCK_SIZE) {
-        memset(pBlock->data + from + count, 0, BLCK_BLOCK_SIZE - from - count);
+    if (count < wanted) {
+        memset(pHole + count, 0, wanted - count);
         ChangeTo(pBlock, BLCK_BLOCK_SIZE); // what the file does not have
     }
-    pBlock->loadedTo = BLCK_BLOCK_SIZE;
+    pBlock->holeFrom = pBlock->holeTo;
     return true;
 }
 
@@ -452,13 +464,13 @@ bool LoadRest(BlckControl* pControl, BlckBlock* pBlock)
 bool LoadBlock(void** ppData, BlckControl* pControl, int32_t tId)
 {
     const HeldObject<BlckBlock> block(NewBlockObject(pControl, tId));
-    return block && LoadRest(pControl, block.get()) && KeepBlock(ppData, pControl, block.get());
+    return block && FillHole(pControl, block.get()) && KeepBlock(ppData, pControl, block.get());
 }
 
 // Whether all of a block in memory is there, after reading what was not.
 bool IsWhole(BlckBlock* pBlock)
 {
-    return pBlock->loadedTo == BLCK_BLOCK_SIZE || LoadRest(pBlock->pOwner, pBlock);
+    return pBlock->holeFrom >= pBlock->holeTo || FillHole(pBlock->pOwner, pBlock);
 }
 
 } // namespace
@@ -487,15 +499,18 @@ NimBool BlckGetBlock(void** ppData, void* oBlck, int32_t tId)
     return bGot;
 }
 
-void* BlckTakeBlock(void* oBlck, int32_t tId, const uint8_t* pView, uint32_t size)
+void* BlckTakeBlock(void* oBlck, int32_t tId, const uint8_t* pView, uint32_t front, uint32_t back)
 {
     BlckControl* pControl = AsControl(oBlck);
     const HeldObject<BlckBlock> block(pControl ? NewBlockObject(pControl, tId) : nullptr);
     if (!block)
         return nullptr;
-    size = std::min(size, BLCK_BLOCK_SIZE);
-    memcpy(block->data, pView, size);
-    block->loadedTo = static_cast<uint16_t>(size);
+    const uint32_t from = std::min(front, BLCK_BLOCK_SIZE);
+    const uint32_t to = BLCK_BLOCK_SIZE - std::min(back, BLCK_BLOCK_SIZE - from);
+    memcpy(block->data, pView, from);
+    memcpy(block->data + to, pView + to, BLCK_BLOCK_SIZE - to);
+    block->holeFrom = static_cast<uint16_t>(from);
+    block->holeTo = static_cast<uint16_t>(to);
     void* pData = nullptr;
     return KeepBlock(&pData, pControl, block.get()) ? pData : nullptr;
 }
@@ -555,13 +570,15 @@ NimBool BlckModifiedBlock(void* pData, void* oBlck)
     return bMarked;
 }
 
-void BlckModifiedStart(void* pData, void* oBlck, uint32_t size)
+void BlckModifiedStart(void* pData, void* oBlck, uint32_t size, uint32_t back)
 {
     BlckBlock* pBlock = NIM_TRACES(DETAIL) ? nullptr : AsBlock(pData);
     if (!pBlock) {
         BlckModifiedBlock(pData, oBlck); // which has the messages
         return;
     }
+    const uint32_t backFrom = BLCK_BLOCK_SIZE - std::min(back, BLCK_BLOCK_SIZE);
+    pBlock->holeTo = std::min(pBlock->holeTo, static_cast<uint16_t>(backFrom));
     pBlock->bModified = TRUE;
     ChangeTo(pBlock, std::min(size, BLCK_BLOCK_SIZE));
 }
@@ -586,7 +603,7 @@ NimBool BlckFlushBlock(void* oBlck, void* pData)
     BlckBlock* pBlock = AsBlock(pData);
     if (!pBlock)
         return FALSE;
-    if (IsWhole(pBlock) && WriteBlock(pControl, pBlock, BLCK_BLOCK_SIZE)) {
+    if (IsWhole(pBlock) && WriteBytes(pControl, pBlock, 0, BLCK_BLOCK_SIZE)) {
         pBlock->bModified = FALSE;
         pBlock->changedTo = 0;
         return TRUE;

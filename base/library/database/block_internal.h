@@ -60,11 +60,15 @@ struct BlckBlock {
     int32_t tId;
     uint32_t bModified;
     uint32_t bDiscarded;
-    uint16_t changedTo; // how many bytes of the data, from their start on, may differ from the file's
-    uint16_t loadedTo;  // how many are there at all; the others are undefined
+    // Behind the template's items. What may differ from the file is what lies before changedTo and
+    // outside the hole; the hole was never read and is undefined.
+    uint16_t changedTo;
+    uint16_t holeFrom;
+    uint16_t holeTo;
+    uint16_t reserved[3];
 };
 static_assert(offsetof(BlckBlock, data) == 8 && offsetof(BlckBlock, tId) == 16392);
-static_assert(offsetof(BlckBlock, bDiscarded) == 16400 && sizeof(BlckBlock) == 16408);
+static_assert(offsetof(BlckBlock, bDiscarded) == 16400 && sizeof(BlckBlock) == 16416);
 
 // The order of the blocks in memory: by id. The map keeps the ids beside the blocks and calls
 // neither; they are what it is told to order by (see ObjMapSetIntegerKey). The first takes two
@@ -88,16 +92,19 @@ uint32_t BlckBlockLimit(const void* oBlck);
 // since the trace tells of fetched blocks.
 const uint8_t* BlckPeekBlock(bool* pInMemory, void* oBlck, int32_t tId);
 
-// Brings the first `size` bytes of a block into memory, of which BlckPeekBlock has just given an
-// address in the file, for a caller that neither reads nor marks as modified what lies behind them
-// before it has written to it. Everybody else gets whole blocks: who asks for this one later, marks
-// it whole or discards it, makes the rest follow. Null: no memory.
-void* BlckTakeBlock(void* oBlck, int32_t tId, const uint8_t* pView, uint32_t size);
+// Brings the first `front` and the last `back` bytes of a block into memory, of which BlckPeekBlock
+// has just given an address in the file, for a caller that uses nothing between them before it has
+// written to it. Everybody else gets whole blocks: who asks for this one later, marks it whole or
+// discards it, makes the rest follow. Null: no memory.
+void* BlckTakeBlock(
+    void* oBlck, int32_t tId, const uint8_t* pView, uint32_t front, uint32_t back);
 
-// BlckModifiedBlock and BlckUserDataModified for a caller that has changed nothing behind the first
-// `size` bytes: the rest is the file's already and is not written again. While every step is traced
-// all of it is written, as the trace says.
-void BlckModifiedStart(void* pData, void* oBlck, uint32_t size);
+// BlckModifiedBlock for a caller that has changed nothing behind the first `size` bytes: the rest is
+// the file's already and is not written again. `back`: how many bytes at the end are in use by now;
+// they may reach into what was not read before. While every step is traced all of it is written, as
+// the trace says.
+void BlckModifiedStart(void* pData, void* oBlck, uint32_t size, uint32_t back);
+// BlckUserDataModified for a caller that has changed nothing behind the first `size` bytes.
 void BlckUserDataModifiedStart(void* oBlck, uint32_t size);
 
 // BlckNewBlock for a caller whose blocks in memory are all in use. A free chain that leads to one

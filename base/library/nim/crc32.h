@@ -62,31 +62,35 @@ inline uint32_t Of(const void* bytes, size_t size)
 
 constexpr uint32_t ONE = 0x80000000u; // the polynomial 1, bits reflected
 
-// The product of two remainders.
+// The product of two remainders. No jumps: they would go either way every other time.
 constexpr uint32_t Product(uint32_t left, uint32_t right)
 {
     uint32_t product = 0;
-    for (uint32_t bit = ONE; left != 0; bit >>= 1) {
-        if (left & bit) {
-            product ^= right;
-            left ^= bit;
-        }
-        right = right >> 1 ^ (right & 1 ? 0xEDB88320u : 0);
+    for (int bit = 0; bit < 32; ++bit) {
+        product ^= right & (0u - (left >> 31));
+        left <<= 1;
+        right = right >> 1 ^ (0xEDB88320u & (0u - (right & 1)));
     }
     return product;
 }
 
-// Entry k is x^(8 * 2^k): the effect of 2^k bytes of 0.
-constexpr std::array<uint32_t, 32> MakeZeros()
+using Zeros = std::array<std::array<uint32_t, 256>, 4>;
+
+// Entry [k][n] is x^(8 * n * 256^k): the effect of n * 256^k bytes of 0.
+constexpr Zeros MakeZeros()
 {
-    std::array<uint32_t, 32> zeros{};
-    zeros[0] = ONE >> 8;
-    for (size_t k = 1; k < zeros.size(); ++k)
-        zeros[k] = Product(zeros[k - 1], zeros[k - 1]);
+    Zeros zeros{};
+    uint32_t one = ONE >> 8; // one step of the level
+    for (auto& level : zeros) {
+        level[0] = ONE;
+        for (size_t n = 1; n < level.size(); ++n)
+            level[n] = Product(level[n - 1], one);
+        one = Product(level[255], one);
+    }
     return zeros;
 }
 
-inline constexpr std::array<uint32_t, 32> ZEROS = MakeZeros();
+inline constexpr Zeros ZEROS = MakeZeros();
 
 // What a sum changes by when four bytes with `behind` more bytes behind them change by `change`
 // (old exclusive-or new, little-endian).
@@ -94,10 +98,8 @@ inline uint32_t OfChange(uint32_t change, uint32_t behind)
 {
     uint32_t effect = TABLES[3][change & 255] ^ TABLES[2][change >> 8 & 255] ^
                       TABLES[1][change >> 16 & 255] ^ TABLES[0][change >> 24];
-    for (size_t k = 0; behind != 0; ++k, behind >>= 1) {
-        if (behind & 1)
-            effect = Product(effect, ZEROS[k]);
-    }
+    for (size_t level = 0; behind != 0; ++level, behind >>= 8)
+        effect = Product(effect, ZEROS[level][behind & 255]);
     return effect;
 }
 

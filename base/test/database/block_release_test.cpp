@@ -42,11 +42,11 @@ TEST_F(BlockRelease, WritesEndWhereTheChangesEnd)
     MakeBlocks(3);
     Release();
     memset(Get(0), 'a', 100);
-    BlckModifiedStart(Get(0), oBlck_, 100);
+    BlckModifiedStart(Get(0), oBlck_, 100, 0);
     memset(Get(1), 'b', 200);
-    BlckModifiedStart(Get(1), oBlck_, 200);
-    BlckModifiedStart(Get(1), oBlck_, 50); // the longer one counts
-    BlckModifiedStart(Get(2), oBlck_, 300);
+    BlckModifiedStart(Get(1), oBlck_, 200, 0);
+    BlckModifiedStart(Get(1), oBlck_, 50, 0); // the longer one counts
+    BlckModifiedStart(Get(2), oBlck_, 300, 0);
     Fill(Get(2), 'c'); // marked whole
     auto* pUserData = static_cast<char*>(BlckUserData(oBlck_));
     memset(pUserData, 'u', 60);
@@ -90,13 +90,15 @@ TEST_F(BlockRelease, TheRestOfABlockFollowsWhereItIsNeeded)
         const uint8_t* pView = BlckPeekBlock(nullptr, oBlck_, tId);
         if (!pView)
             GTEST_SKIP() << "nothing is mapped";
-        auto* pData = static_cast<uint8_t*>(BlckTakeBlock(oBlck_, tId, pView, 500));
+        auto* pData = static_cast<uint8_t*>(BlckTakeBlock(oBlck_, tId, pView, 500, 1000));
         ASSERT_NE(pData, nullptr);
         ASSERT_EQ(BlckPeekBlock(nullptr, oBlck_, tId), pData);
-        memset(pData + 400, 'z', 200); // past what was there
-        BlckModifiedStart(pData, oBlck_, 600);
+        memset(pData + 400, 'z', 100);
+        memset(pData + 16384 - 1200, 'w', 300); // past what was there
+        BlckModifiedStart(pData, oBlck_, 16384 - 900, 1200);
         std::string expected(16384, 'y');
-        expected.replace(400, 200, 200, 'z');
+        expected.replace(400, 100, 100, 'z');
+        expected.replace(16384 - 1200, 300, 300, 'w');
         if (use == std::string("get")) {
             EXPECT_EQ(Get(tId), pData);
             EXPECT_TRUE(std::string(reinterpret_cast<char*>(pData), 16384) == expected);
@@ -125,7 +127,7 @@ TEST_F(BlockRelease, ARestThatCannotBeReadStaysAsItIsInTheFile)
     const uint8_t* pView = BlckPeekBlock(nullptr, oBlck_, tId);
     if (!pView)
         GTEST_SKIP() << "nothing is mapped";
-    void* pData = BlckTakeBlock(oBlck_, tId, pView, 500);
+    void* pData = BlckTakeBlock(oBlck_, tId, pView, 500, 0);
     {
         const ArmedFault fault(FAULT_READ, 1, 0);
         memset(pData, 'z', 10);

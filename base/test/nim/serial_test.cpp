@@ -9,6 +9,7 @@
 
 #include "nim/objmap.h"
 #include "nim/serial_scene.h"
+#include "support/seed.h"
 
 // ---- bytes --------------------------------------------------------------------------------------
 
@@ -20,6 +21,28 @@ TEST(Serial, ChecksumIsTheCommonOneAtEveryLength)
     for (int length = 0; length < 100; ++length) {
         ASSERT_EQ(crc32::Of(bytes.data(), bytes.size()), BitwiseCrc(bytes)) << length;
         bytes += static_cast<char>(random());
+    }
+}
+
+TEST(Serial, ChecksumFollowsAChangeWhateverIsBehindIt)
+{
+    std::mt19937_64 random(TestSeed());
+    for (const size_t length : {4u, 5u, 8u, 11u, 259u, 260u, 261u, 1000u, 65540u, 70000u, 300000u}) {
+        std::vector<uint8_t> bytes(length);
+        for (auto& byte : bytes)
+            byte = static_cast<uint8_t>(random());
+        for (const size_t place : {size_t{0}, length / 2, length - 4}) {
+            if (place + 4 > length)
+                continue;
+            const uint32_t before = crc32::Of(bytes.data(), length);
+            const auto change = static_cast<uint32_t>(random() >> random() % 64);
+            for (size_t i = 0; i < 4; ++i)
+                bytes[place + i] ^= static_cast<uint8_t>(change >> 8 * i);
+            const auto behind = static_cast<uint32_t>(length - place - 4);
+            ASSERT_EQ(
+                before ^ crc32::OfChange(change, behind), crc32::Of(bytes.data(), length))
+                << length << " " << place << " " << change;
+        }
     }
 }
 

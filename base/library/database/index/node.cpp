@@ -82,13 +82,22 @@ NimBool IndxIndexOpen(void** ppBlck, IndxTable* pTable, const char* name)
 
 namespace {
 
-// Bytes of a node from its start on that an operation can come to use. Where there is no heap, that
-// is header, entries, and more room than any operation fills.
-uint32_t UsedStart(const uint8_t* pNode)
+// Brings a sound node into memory of which an address in the file is at hand; null: no memory. The
+// free room stays behind, when it is worth it, but for more entries than any operation adds.
+uint8_t* TakeNode(IndxCursor* pCursor, uint32_t tId, const uint8_t* pFound)
 {
     constexpr uint32_t MORE = 8;
-    const uint32_t entries = static_cast<uint32_t>(NodeCount(pNode)) + MORE;
-    return NodeHasHeap(pNode) ? INDX_NODE_SIZE : INDX_NODE_HEADER + INDX_ENTRY_SIZE * entries;
+    constexpr uint32_t WORTH_IT = 4096; // what is written in two parts costs a second call
+    const uint32_t entries = static_cast<uint32_t>(NodeCount(pFound)) + MORE;
+    uint32_t front = INDX_NODE_HEADER + INDX_ENTRY_SIZE * entries;
+    uint32_t back = HeapUsed(pFound);
+    if (back > 0 && front + back + WORTH_IT > INDX_NODE_SIZE) {
+        front = INDX_NODE_SIZE;
+        back = 0;
+    }
+    void* pTaken =
+        BlckTakeBlock(BlckOf(pCursor), static_cast<int32_t>(tId), pFound, front, back);
+    return static_cast<uint8_t*>(pTaken);
 }
 
 } // namespace
@@ -106,7 +115,7 @@ void IndxGetNode(uint8_t** ppNode, IndxCursor* pCursor, uint32_t tId)
     if (bInMemory)
         pData = const_cast<uint8_t*>(pFound); // handed out by the block store as such
     else if (pFound && NodeIsSound(pFound, HeapFlag(pCursor)))
-        pData = BlckTakeBlock(oBlck, static_cast<int32_t>(tId), pFound, UsedStart(pFound));
+        pData = TakeNode(pCursor, tId, pFound);
     else
         BlckGetBlock(&pData, oBlck, static_cast<int32_t>(tId));
     if (!pData)
@@ -139,12 +148,11 @@ const uint8_t* IndxReadNodeToChange(bool* pInMemory, IndxCursor* pCursor, uint32
     const uint8_t* pNode = IndxReadNode(pInMemory, pCursor, tId);
     if (!pNode || *pInMemory || !NodeIsLeaf(pNode))
         return pNode;
-    void* pTaken =
-        BlckTakeBlock(BlckOf(pCursor), static_cast<int32_t>(tId), pNode, UsedStart(pNode));
+    uint8_t* pTaken = TakeNode(pCursor, tId, pNode);
     *pInMemory = pTaken != nullptr;
     if (pTaken)
-        SetNodeEnd(static_cast<uint8_t*>(pTaken));
-    return static_cast<uint8_t*>(pTaken);
+        SetNodeEnd(pTaken);
+    return pTaken;
 }
 
 uint8_t* IndxNodeToChange(IndxCursor* pCursor, uint32_t tId, const uint8_t* pNode, bool bInMemory)
@@ -198,7 +206,8 @@ void IndxReleaseNodeFrom(
         static_cast<void*>(pCursor), IndxTruth(bModified));
     if (bModified && *ppNode) {
         assert(NodeIsSound(*ppNode, HeapFlag(pCursor)));
-        BlckModifiedStart(*ppNode, BlckOf(pCursor), ChangedTo(*ppNode, position));
+        BlckModifiedStart(
+            *ppNode, BlckOf(pCursor), ChangedTo(*ppNode, position), HeapUsed(*ppNode));
     }
     *ppNode = nullptr;
 }

@@ -313,29 +313,75 @@ bool IndxRecordInFile(const IndxTable* pTable, uint32_t offset, uint32_t length,
 
 namespace {
 
-// A record whose first bytes are at hand and whose others are read from the file's position on, all
-// in one new buffer; null when the record claims more than the file holds, cannot be read, or there
-// is no memory.
-uint8_t* ReadRest(
-    const IndxTable* pTable, uint32_t offset, const uint8_t* pFirst, uint32_t first,
-    uint32_t length)
-{
-    const bool bWhole = length <= first;
-    const int64_t position = static_cast<int64_t>(offset) + first;
-    if (length < INDX_RECORD_HEADER ||
-        (!bWhole && !IndxRecordInFile(pTable, offset, length, position)))
-        return nullptr;
-    HeldMemory<uint8_t> bytes(static_cast<uint8_t*>(MemAllocateUncleared(length, IndxPool())));
-    if (!bytes)
-        return nullptr;
-    MemCopy(bytes.get(), pFirst, std::min(first, length));
-    if (!bWhole) {
-        uint32_t count = 0;
-        const uint32_t rest = length - first;
-        if (!FileSysRead(&count, pTable->hRecords, bytes.get() + first, rest) || count != rest)
-            return nullptr;
+// The bytes of a record as they were read: most records need no memory for that.
+class RecordBytes {
+  public:
+    RecordBytes() = default; // leaves `first_` as it is: it is read into
+    RecordBytes(const RecordBytes&) = delete;
+    RecordBytes& operator=(const RecordBytes&) = delete;
+
+    // FALSE with error and messages when the record cannot be had.
+    NimBool Read(IndxTable* pTable, uint32_t offset);
+    // Valid as long as the object, and not to be changed.
+    const ObjData* data() const { return &data_; }
+    // The bytes in memory of the caller's; null: no memory.
+    uint8_t* TakeBytes()
+    {
+        uint8_t* pBytes = rest_.Take();
+        if (!pBytes) {
+            pBytes = static_cast<uint8_t*>(MemAllocateUncleared(data_.size, IndxPool()));
+            MemCopy(pBytes, first_, data_.size);
+        }
+        return pBytes;
     }
-    return bytes.Take();
+
+  private:
+    bool ReadRest(const IndxTable* pTable, uint32_t offset, uint32_t first, uint32_t length);
+
+    ObjData data_ = {};
+    HeldMemory<uint8_t> rest_; // the whole record, where it is longer than the first read
+    uint8_t first_[FIRST_READ];
+};
+
+// The rest of a record of which the first bytes are at hand, from the file's position on. False
+// when the record claims more than the file holds, cannot be read, or there is no memory.
+bool RecordBytes::ReadRest(
+    const IndxTable* pTable, uint32_t offset, uint32_t first, uint32_t length)
+{
+    if (!IndxRecordInFile(pTable, offset, length, static_cast<int64_t>(offset) + first))
+        return false;
+    rest_.Set(static_cast<uint8_t*>(MemAllocateUncleared(length, IndxPool())));
+    if (!rest_)
+        return false;
+    MemCopy(rest_.get(), first_, first);
+    uint32_t count = 0;
+    return FileSysRead(&count, pTable->hRecords, rest_.get() + first, length - first) &&
+           count == length - first;
+}
+
+NimBool RecordBytes::Read(IndxTable* pTable, uint32_t offset)
+{
+    if (FileSysSeek(pTable->hRecords, static_cast<int32_t>(offset)) != 1) {
+        ReportSeek(pTable, offset);
+        return FALSE;
+    }
+    // Header and, for most records, everything else in one read. Where the device fails behind the
+    // header, what came before counts: the failure may lie in the next record.
+    uint32_t count = 0;
+    FileSysRead(&count, pTable->hRecords, first_, FIRST_READ);
+    if (count < INDX_RECORD_HEADER) {
+        ReportHeader(pTable, offset);
+        return FALSE;
+    }
+    const uint32_t length = GetU32(first_ + INDX_RECORD_LENGTH);
+    if (length < INDX_RECORD_HEADER ||
+        (length > count && !ReadRest(pTable, offset, count, length))) {
+        ReportRecord(pTable, length, offset);
+        return FALSE;
+    }
+    data_.size = length;
+    data_.data = rest_ ? rest_.get() : first_;
+    return TRUE;
 }
 
 } // namespace
@@ -344,29 +390,17 @@ NimBool IndxRetriveRecord(void* pData, void* oTable, uint32_t offset)
 {
     INDX_TRACE(INDX_DETAIL, "IndxRetriveRecord(%p, %p, %ld)", pData, oTable, offset);
     IndxTable* pTable = IndxAsTable(oTable);
-    if (!pTable || !pData)
+    RecordBytes record;
+    if (!pTable || !pData || !record.Read(pTable, offset))
         return FALSE;
-    if (FileSysSeek(pTable->hRecords, static_cast<int32_t>(offset)) != 1) {
-        ReportSeek(pTable, offset);
-        return FALSE;
-    }
-    // Header and, for most records, everything else in one read. Where the device fails behind the
-    // header, what came before counts: the failure may lie in the next record.
-    uint8_t first[FIRST_READ];
-    uint32_t count = 0;
-    FileSysRead(&count, pTable->hRecords, first, FIRST_READ);
-    if (count < INDX_RECORD_HEADER) {
-        ReportHeader(pTable, offset);
-        return FALSE;
-    }
-    const uint32_t length = GetU32(first + INDX_RECORD_LENGTH);
-    uint8_t* pBytes = ReadRest(pTable, offset, first, count, length);
+    const uint32_t size = record.data()->size;
+    uint8_t* pBytes = record.TakeBytes();
     if (!pBytes) {
-        ReportRecord(pTable, length, offset);
+        ReportRecord(pTable, size, offset);
         return FALSE;
     }
     auto* pRecord = static_cast<ObjData*>(pData);
-    pRecord->size = length;
+    pRecord->size = size;
     pRecord->data = pBytes;
     return TRUE;
 }
@@ -439,6 +473,31 @@ bool BelongsToKey(const IndxTable* pTable, const IndxKeyInfo* pKey, const ObjDat
 
 } // namespace
 
+namespace {
+
+// The object of a record as the trace tells of it: by way of a database BLOB.
+NimBool ConvertRecord(void** ppObject, IndxTable* pTable, const IndxKeyInfo* pKey)
+{
+    HeldObject<DbBlob> blob(IndxNewBlob(pTable));
+    if (!blob || !IndxRetriveRecord(&blob->data, pTable, pKey->fileOffset) ||
+        !BelongsToKey(pTable, pKey, &blob->data))
+        return FALSE;
+    return DbConvertObjectFromDbFormat(ppObject, blob.get());
+}
+
+// The same straight from the bytes that were read.
+NimBool DecodeRecord(void** ppObject, IndxTable* pTable, const IndxKeyInfo* pKey)
+{
+    RecordBytes record;
+    ObjTemplate* pTemplate = nullptr;
+    return record.Read(pTable, pKey->fileOffset) && BelongsToKey(pTable, pKey, record.data()) &&
+           ObjTemplateCreateInternal(
+               &pTemplate, OBJ_SIZE_COMPUTED, pTable->recordMagic, pTable->format, nullptr) &&
+           DbDecodeRecord(ppObject, pTemplate, record.data());
+}
+
+} // namespace
+
 NimBool IndxGetObjectAtCursor(void** ppObject, void* oCursor)
 {
     if (!ppObject)
@@ -448,9 +507,6 @@ NimBool IndxGetObjectAtCursor(void** ppObject, void* oCursor)
     if (!IsOnRecord(pCursor))
         return FALSE;
     IndxTable* pTable = pCursor->oField->oTable;
-    HeldObject<DbBlob> blob(IndxNewBlob(pTable));
-    if (!blob || !IndxRetriveRecord(&blob->data, pTable, pCursor->oKey->fileOffset) ||
-        !BelongsToKey(pTable, pCursor->oKey, &blob->data))
-        return FALSE;
-    return DbConvertObjectFromDbFormat(ppObject, blob.get());
+    return NIM_TRACES(INDX_DETAIL) ? ConvertRecord(ppObject, pTable, pCursor->oKey)
+                                   : DecodeRecord(ppObject, pTable, pCursor->oKey);
 }
