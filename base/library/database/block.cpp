@@ -515,6 +515,12 @@ void* BlckTakeBlock(void* oBlck, int32_t tId, const uint8_t* pView, uint32_t fro
     return KeepBlock(&pData, pControl, block.get()) ? pData : nullptr;
 }
 
+bool BlckNeedStart(void* pData, uint32_t size)
+{
+    BlckBlock* pBlock = BlockOf(pData);
+    return size <= pBlock->holeFrom || IsWhole(pBlock);
+}
+
 const uint8_t* BlckPeekBlock(bool* pInMemory, void* oBlck, int32_t tId)
 {
     if (pInMemory)

@@ -99,6 +99,9 @@ const uint8_t* BlckPeekBlock(bool* pInMemory, void* oBlck, int32_t tId);
 void* BlckTakeBlock(
     void* oBlck, int32_t tId, const uint8_t* pView, uint32_t front, uint32_t back);
 
+// Makes sure that the first `size` bytes of a block are there. False: they cannot be read.
+bool BlckNeedStart(void* pData, uint32_t size);
+
 // BlckModifiedBlock for a caller that has changed nothing behind the first `size` bytes: the rest is
 // the file's already and is not written again. `back`: how many bytes at the end are in use by now;
 // they may reach into what was not read before. While every step is traced all of it is written, as

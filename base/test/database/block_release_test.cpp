@@ -118,6 +118,52 @@ TEST_F(BlockRelease, TheRestOfABlockFollowsWhereItIsNeeded)
     }
 }
 
+TEST_F(BlockRelease, MoreOfTheStartFollowsWhereItIsNeeded)
+{
+    Open();
+    const int tId = New('y');
+    Release();
+    const uint8_t* pView = BlckPeekBlock(nullptr, oBlck_, tId);
+    if (!pView)
+        GTEST_SKIP() << "nothing is mapped";
+    auto* pData = static_cast<uint8_t*>(BlckTakeBlock(oBlck_, tId, pView, 500, 1000));
+    pData[16384 - 1001] = 'w'; // the end grows downwards, too
+    BlckModifiedStart(pData, oBlck_, 16384, 1001);
+    {
+        const ArmedFault fault(FAULT_READ, 1, 0);
+        EXPECT_TRUE(BlckNeedStart(pData, 500));
+        EXPECT_FALSE(BlckNeedStart(pData, 501));
+    }
+    memset(pData + 500, '?', 16384 - 1001 - 500);
+    EXPECT_TRUE(BlckNeedStart(pData, 501));
+    std::string expected(16384, 'y');
+    expected[16384 - 1001] = 'w';
+    EXPECT_TRUE(std::string(reinterpret_cast<char*>(pData), 16384) == expected);
+    EXPECT_TRUE(BlckNeedStart(pData, 16384));
+    Release();
+    EXPECT_TRUE(ReadFileBytes(path()).substr(16384, 16384) == expected);
+}
+
+// What is written in two parts has failed when one of them has.
+TEST_F(BlockRelease, EitherPartThatFailsIsAFailedWrite)
+{
+    Open();
+    const int tId = New('y');
+    Release();
+    for (uint32_t nth : {1u, 2u, 3u}) {
+        const uint8_t* pView = BlckPeekBlock(nullptr, oBlck_, tId);
+        if (!pView)
+            GTEST_SKIP() << "nothing is mapped";
+        void* pData = BlckTakeBlock(oBlck_, tId, pView, 500, 1000);
+        BlckModifiedStart(pData, oBlck_, 16384, 1000);
+        LogRecorder log;
+        const ArmedFault fault(FAULT_WRITE, nth);
+        Release();
+        EXPECT_EQ(log.count(1300), nth < 3 ? 1u : 0u) << nth;
+        EXPECT_EQ(fault.hits(), nth < 3 ? 1u : 0u) << nth;
+    }
+}
+
 // Where the rest cannot be read, nothing is made up: what is there is written, or nothing.
 TEST_F(BlockRelease, ARestThatCannotBeReadStaysAsItIsInTheFile)
 {

@@ -117,6 +117,11 @@ NimBool IndxAddKeyIntoExistingNode(
     const int32_t count = NodeCount(pNode);
     assert(position >= 0 && position <= count && IndxHasRoom(pNode, IndxKeyLength(pKey)));
     const auto start = static_cast<int32_t>(IndxHeapBefore(pNode, position) + IndxKeyLength(pKey));
+    const uint32_t entries = static_cast<uint32_t>(count) + 1;
+    if (!BlckNeedStart(pNode, INDX_NODE_HEADER + INDX_ENTRY_SIZE * entries)) {
+        IndxReportDamage(pCursor, NodeId(pNode));
+        return FinishAdd(climb, nullptr, nullptr, FALSE);
+    }
     NimBool bResult =
         IndxMoveEntries(pCursor, pNode, position + 1, pNode, position, count - position, start) &&
         IndxPutKeyIntoNode(pCursor, pNode, position, pKey);

@@ -83,7 +83,8 @@ NimBool IndxIndexOpen(void** ppBlck, IndxTable* pTable, const char* name)
 namespace {
 
 // Brings a sound node into memory of which an address in the file is at hand; null: no memory. The
-// free room stays behind, when it is worth it, but for more entries than any operation adds.
+// free room stays behind, when it is worth it, but for some entries more; who adds others asks for
+// them (BlckNeedStart).
 uint8_t* TakeNode(IndxCursor* pCursor, uint32_t tId, const uint8_t* pFound)
 {
     constexpr uint32_t MORE = 8;

@@ -33,6 +33,17 @@ class RepointTest : public PeopleTest {
         return IndxModifyRecordInTable(
             table_, static_cast<uint32_t>(OffsetOf(table_, id)), BlobOf(person).get());
     }
+    // Adds person `n` without ending the operation.
+    void AddUnstored(People* pModel, uint32_t n)
+    {
+        Person person = MakePerson(n);
+        person.id = n + 1;
+        const Held blob = BlobOf(person);
+        ASSERT_EQ(IndxAddRecord(n + 1, table_, &static_cast<DbBlob*>(blob.get())->data), 1u);
+        auto* pTable = static_cast<IndxTable*>(table_);
+        pTable->highestId = std::max(pTable->highestId, n + 1);
+        (*pModel)[n + 1] = person;
+    }
     // What a modification does to the blocks of the indexes: how many it writes.
     uint32_t NodesWritten(uint32_t id, const Person& person)
     {
@@ -151,8 +162,14 @@ TEST_F(RepointTest, BlocksWrittenInPartHoldTheSameBytesAsBlocksWrittenWhole)
         People model;
         uint32_t next = 0;
         for (int round = 0; round < 2500; ++round) {
-            // Now it grows, now it shrinks, down to emptied nodes that are used again.
-            if (random() % 16 < (round / 500 % 2 ? 5u : 12u) || model.empty()) {
+            // Now it grows, now it shrinks, down to emptied nodes that are used again. Some records
+            // come by the dozen, all in one operation.
+            if (random() % 64 == 0) {
+                for (uint32_t more = 0; more < 40; ++more, ++next)
+                    AddUnstored(&model, next);
+                ASSERT_EQ(IndxUpdateTable(table_), 1u);
+            } else if (
+                random() % 16 < (round / 500 % 2 ? 5u : 12u) || model.empty()) {
                 const bool bLong = random() % 8 == 0;
                 AddPeople(table_, &model, next, next + 1, bLong ? random() % 6000 : 0, 0);
                 ++next;
