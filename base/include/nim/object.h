@@ -264,8 +264,7 @@ NIM_API NimBool ObjSerializeInto(
  * place  as ObjSerializeInto has told it of this form, or of one of the same object.
  * Result: 1; 0 when the form has no four bytes there or claims more than the room, and then nothing
  * has been written. */
-NIM_API NimBool
-ObjSerializedPutNumber(void* form, uint32_t room, uint32_t place, uint32_t value);
+NIM_API NimBool ObjSerializedPutNumber(void* form, uint32_t room, uint32_t place, uint32_t value);
 
 /* Rebuilds an object. `src` must be readable as far as its own envelope says (16 bytes at least);
  * where the caller knows how much there is, the sized form is the one to use.

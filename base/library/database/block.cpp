@@ -6,6 +6,10 @@
 // the control block last: the free chain and the count on disk never speak of blocks that are not
 // there yet. What the blocks hold is the index's business.
 //
+// Most of an operation's time goes into moving blocks of 16 KiB in and out. So a caller may bring
+// in the two ends of a block alone, and tell up to where it has changed it: what was not read, or
+// not changed, is not written, and stays in the file as it is.
+//
 // A new block's space is reserved in the file when it is handed out, while the operation can still
 // be backed out: a full disk met at the release would already have overwritten the old half of a
 // split node.
@@ -82,9 +86,9 @@ void ChangeTo(BlckBlock* pBlock, uint32_t size)
     pBlock->changedTo = std::max(pBlock->changedTo, static_cast<uint16_t>(size));
 }
 
-// Writes bytes [from, to) of a block's data to their place. A failed seek is a failed write, with no
-// message of its own: written all the same, the block would overwrite whatever lies at the file's
-// present position.
+// Writes bytes [from, to) of a block's data to their place. A failed seek is a failed write, with
+// no message of its own: written all the same, the block would overwrite whatever lies at the
+// file's present position.
 bool WriteBytes(BlckControl* pOwner, const BlckBlock* pBlock, uint32_t from, uint32_t to)
 {
     const int64_t offset = OffsetOf(pBlock->tId) + from;

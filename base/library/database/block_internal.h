@@ -96,16 +96,15 @@ const uint8_t* BlckPeekBlock(bool* pInMemory, void* oBlck, int32_t tId);
 // has just given an address in the file, for a caller that uses nothing between them before it has
 // written to it. Everybody else gets whole blocks: who asks for this one later, marks it whole or
 // discards it, makes the rest follow. Null: no memory.
-void* BlckTakeBlock(
-    void* oBlck, int32_t tId, const uint8_t* pView, uint32_t front, uint32_t back);
+void* BlckTakeBlock(void* oBlck, int32_t tId, const uint8_t* pView, uint32_t front, uint32_t back);
 
 // Makes sure that the first `size` bytes of a block are there. False: they cannot be read.
 bool BlckNeedStart(void* pData, uint32_t size);
 
-// BlckModifiedBlock for a caller that has changed nothing behind the first `size` bytes: the rest is
-// the file's already and is not written again. `back`: how many bytes at the end are in use by now;
-// they may reach into what was not read before. While every step is traced all of it is written, as
-// the trace says.
+// BlckModifiedBlock for a caller that has changed nothing behind the first `size` bytes: the rest
+// is the file's already and is not written again. `back`: how many bytes at the end are in use by
+// now; they may reach into what was not read before. While every step is traced all of it is
+// written, as the trace says.
 void BlckModifiedStart(void* pData, void* oBlck, uint32_t size, uint32_t back);
 // BlckUserDataModified for a caller that has changed nothing behind the first `size` bytes.
 void BlckUserDataModifiedStart(void* oBlck, uint32_t size);

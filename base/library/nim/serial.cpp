@@ -176,7 +176,8 @@ class Writer {
     // `number` (null allowed): the item whose place in the form is wanted.
     Writer(uint8_t* dest, uint64_t room, const void* number)
         : dest_(dest), room_(room), number_(number)
-    {}
+    {
+    }
 
     uint64_t length() const { return length_; }
     // Where the form has the number that was asked for; 0: it has not.

@@ -74,8 +74,7 @@ TEST_F(BlockRelease, WritesEndWhereTheChangesEnd)
     BlckUserDataModifiedStart(oBlck_, 10);
     Release();
     EXPECT_EQ(
-        calls.sizes(FILE_OP_WRITE),
-        (std::vector<uint32_t>{100, 200, 16384, 100, 100, 16168, 50}));
+        calls.sizes(FILE_OP_WRITE), (std::vector<uint32_t>{100, 200, 16384, 100, 100, 16168, 50}));
 }
 
 // A block of which only the start was brought into memory is a whole one to everybody who does not

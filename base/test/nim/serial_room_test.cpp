@@ -39,7 +39,8 @@ TEST(SerialRoom, WhatFitsIsWrittenAsWhenMeasuredFirstAndNothingIsWrittenBehindTh
     for (uint32_t room = 0; room < measured.size() + 20; ++room) {
         std::vector<uint8_t> exact(room + 8, 0x77);
         uint32_t size = 0xFFFFFFFFu;
-        const NimBool written = ObjSerializeInto(oTexts, exact.data(), room, &size, nullptr, nullptr);
+        const NimBool written =
+            ObjSerializeInto(oTexts, exact.data(), room, &size, nullptr, nullptr);
         ASSERT_EQ(written, room >= measured.size() ? 1u : 0u) << room;
         ASSERT_EQ(size, written ? measured.size() : 0u) << room;
         if (written) {
@@ -48,7 +49,8 @@ TEST(SerialRoom, WhatFitsIsWrittenAsWhenMeasuredFirstAndNothingIsWrittenBehindTh
         for (uint32_t i = written ? size : room; i < exact.size(); ++i)
             ASSERT_EQ(exact[i], 0x77) << room << " " << i;
     }
-    EXPECT_EQ(ObjSerializeInto(oTexts, measured.data(), 0xFFFFFFFFu, nullptr, nullptr, nullptr), 1u);
+    EXPECT_EQ(
+        ObjSerializeInto(oTexts, measured.data(), 0xFFFFFFFFu, nullptr, nullptr, nullptr), 1u);
     ObjReleaseInternal(&oTexts);
 }
 
@@ -128,8 +130,7 @@ TEST(SerialRoom, ANumberPutIntoAFormMakesTheFormOfTheChangedObject)
         // Small numbers, and changes of one bit, too.
         const auto value = static_cast<uint32_t>(random() >> random() % 64);
         ASSERT_EQ(
-            ObjSerializedPutNumber(
-                form.data(), static_cast<uint32_t>(form.size()), place, value),
+            ObjSerializedPutNumber(form.data(), static_cast<uint32_t>(form.size()), place, value),
             1u);
         memcpy(item, &value, sizeof value);
         ASSERT_EQ(form, FormOf(outer, nullptr, nullptr)) << round;

@@ -27,7 +27,8 @@ TEST(Serial, ChecksumIsTheCommonOneAtEveryLength)
 TEST(Serial, ChecksumFollowsAChangeWhateverIsBehindIt)
 {
     std::mt19937_64 random(TestSeed());
-    for (const size_t length : {4u, 5u, 8u, 11u, 259u, 260u, 261u, 1000u, 65540u, 70000u, 300000u}) {
+    for (const size_t length :
+         {4u, 5u, 8u, 11u, 259u, 260u, 261u, 1000u, 65540u, 70000u, 300000u}) {
         std::vector<uint8_t> bytes(length);
         for (auto& byte : bytes)
             byte = static_cast<uint8_t>(random());
@@ -39,8 +40,7 @@ TEST(Serial, ChecksumFollowsAChangeWhateverIsBehindIt)
             for (size_t i = 0; i < 4; ++i)
                 bytes[place + i] ^= static_cast<uint8_t>(change >> 8 * i);
             const auto behind = static_cast<uint32_t>(length - place - 4);
-            ASSERT_EQ(
-                before ^ crc32::OfChange(change, behind), crc32::Of(bytes.data(), length))
+            ASSERT_EQ(before ^ crc32::OfChange(change, behind), crc32::Of(bytes.data(), length))
                 << length << " " << place << " " << change;
         }
     }

@@ -1,4 +1,5 @@
-// key.h: the value of a key, wherever it lies; and the key of a record for the time of one operation.
+// key.h: the value of a key, wherever it lies; and the key of a record for the time of one
+// operation.
 #pragma once
 
 #include "../bytes.h"

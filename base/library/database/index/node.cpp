@@ -96,8 +96,7 @@ uint8_t* TakeNode(IndxCursor* pCursor, uint32_t tId, const uint8_t* pFound)
         front = INDX_NODE_SIZE;
         back = 0;
     }
-    void* pTaken =
-        BlckTakeBlock(BlckOf(pCursor), static_cast<int32_t>(tId), pFound, front, back);
+    void* pTaken = BlckTakeBlock(BlckOf(pCursor), static_cast<int32_t>(tId), pFound, front, back);
     return static_cast<uint8_t*>(pTaken);
 }
 
@@ -199,8 +198,7 @@ void IndxReleaseNode(uint8_t** ppNode, IndxCursor* pCursor, NimBool bModified)
     IndxReleaseNodeFrom(ppNode, pCursor, bModified, 0);
 }
 
-void IndxReleaseNodeFrom(
-    uint8_t** ppNode, IndxCursor* pCursor, NimBool bModified, int32_t position)
+void IndxReleaseNodeFrom(uint8_t** ppNode, IndxCursor* pCursor, NimBool bModified, int32_t position)
 {
     INDX_TRACE(
         INDX_DETAIL, "IndxReleaseNode(%p, %p, %s)", static_cast<void*>(ppNode),
@@ -295,7 +293,8 @@ void TraceFixups(const uint8_t* pEntries, int32_t count)
     }
 }
 
-// Moves a sound run of entries whose values lie in the heap: the entries, their heap offsets, the heap bytes.
+// Moves a sound run of entries whose values lie in the heap: the entries, their heap offsets, the
+// heap bytes.
 void MoveWithHeap(
     uint8_t* pDest, int32_t destPosition, const uint8_t* pSource, int32_t sourcePosition,
     int32_t count, int32_t lOffsetCorrection)

@@ -61,8 +61,7 @@ bool IndxRepointKey(
     IndxRecordKey key;
     Place place = {};
     if (NIM_TRACES(INDX_DETAIL) || pCursor->oField->roots.tRoot == INDX_NO_NODE ||
-        !IndxHaveSameKey(pCursor->oField, pOld, pNew) ||
-        !key.Take(pCursor, pOld) ||
+        !IndxHaveSameKey(pCursor->oField, pOld, pNew) || !key.Take(pCursor, pOld) ||
         !FindPlace(&place, pCursor, key.get()))
         return false;
     if (EntryPointer(NodeEntry(place.pLeaf, place.position)) != newOffset) {

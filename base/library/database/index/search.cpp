@@ -145,8 +145,7 @@ IndxSearchNode(int32_t* pIndex, IndxCursor* pCursor, const uint8_t* pNode, const
         return BinarySearch(pIndex, pNode, pKey, bUnique, CompareId{pKey->recordId});
     case INDX_KEY_INTEGER:
         return BinarySearch(
-            pIndex, pNode, pKey, bUnique,
-            CompareInteger{static_cast<uint32_t>(KeyInteger(pKey))});
+            pIndex, pNode, pKey, bUnique, CompareInteger{static_cast<uint32_t>(KeyInteger(pKey))});
     case INDX_KEY_INT64:
         return BinarySearch(pIndex, pNode, pKey, bUnique, CompareInt64{KeyInt64(pKey)});
     case INDX_KEY_TEXT:

@@ -168,8 +168,7 @@ TEST_F(RepointTest, BlocksWrittenInPartHoldTheSameBytesAsBlocksWrittenWhole)
                 for (uint32_t more = 0; more < 40; ++more, ++next)
                     AddUnstored(&model, next);
                 ASSERT_EQ(IndxUpdateTable(table_), 1u);
-            } else if (
-                random() % 16 < (round / 500 % 2 ? 5u : 12u) || model.empty()) {
+            } else if (random() % 16 < (round / 500 % 2 ? 5u : 12u) || model.empty()) {
                 const bool bLong = random() % 8 == 0;
                 AddPeople(table_, &model, next, next + 1, bLong ? random() % 6000 : 0, 0);
                 ++next;
