@@ -146,6 +146,36 @@ TEST_F(StoredWrites, MeetAFullDiskAsAResult)
 
 #endif
 
+TEST(MappedWritingSwitch, TakesNoRoomForAFileWhoseHolesNoDiskHasRoomFor)
+{
+#if defined(__linux__)
+    const TemporaryDirectory directory;
+    const std::string path = directory.path("f");
+    {
+        std::ofstream(path).seekp(int64_t{8} << 40).put('e');
+    }
+    if (std::filesystem::file_size(path) < uint64_t{8} << 40 || BlocksOf(path) > 1024)
+        GTEST_SKIP() << "this file system makes no such holes";
+    if (std::filesystem::space(path).available > uint64_t{8} << 40)
+        GTEST_SKIP() << "this disk has room for them";
+    const int64_t before = BlocksOf(path);
+    FileSysSetMappedWriting(TRUE);
+    void* file = FILE_NONE;
+    ASSERT_EQ(FileSysOpen(&file, path.c_str(), FILE_MODE_UPDATE), 1u);
+    uint32_t moved = 0;
+    EXPECT_EQ(FileSysWrite(&moved, file, "bytes", 5), 1u) << "a write, and no store";
+    char read[5] = {};
+    EXPECT_EQ(FileSysSeekStart(file), 1u);
+    EXPECT_EQ(FileSysRead(&moved, file, read, 5), 1u);
+    EXPECT_EQ(std::string(read, 5), "bytes");
+    EXPECT_EQ(FileSysClose(&file), 1u);
+    FileSysSetMappedWriting(FALSE);
+    EXPECT_LE(BlocksOf(path) - before, 1024);
+#else
+    GTEST_SKIP() << "files have no holes here";
+#endif
+}
+
 TEST(MappedWritingSwitch, CountsForTheFilesThatAreOpenedFromThenOn)
 {
     // A store and a write leave the same bytes. What tells them apart: ahead of its first store a

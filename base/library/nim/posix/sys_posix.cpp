@@ -4,6 +4,7 @@
 // the caller. Nothing traces, takes memory from a pool or keeps state.
 #include "sys.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +18,7 @@
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 // Offsets past 4 GiB and mappings larger than memory are taken for granted.
@@ -134,8 +136,25 @@ bool SysFileReserve(intptr_t file, int64_t offset, int64_t size)
     }
 }
 
+// Whether the disk has room for so many bytes; true, too, when it does not tell.
+static bool SysHasRoom(int descriptor, int64_t size)
+{
+    struct statvfs disk;
+    if (fstatvfs(descriptor, &disk) != 0 || disk.f_frsize == 0)
+        return true;
+    return disk.f_bavail >= static_cast<uint64_t>(size) / disk.f_frsize;
+}
+
 bool SysFileFillHoles(intptr_t file, int64_t offset, int64_t size)
 {
+    // Asked for more than there is, the system would fill the disk before it says so.
+    constexpr int64_t BLOCK = 512; // of st_blocks, whatever the disk's own
+    struct stat status;
+    if (fstat(static_cast<int>(file), &status) == 0) {
+        const int64_t there = std::min<int64_t>(status.st_blocks * BLOCK, offset + size);
+        if (!SysHasRoom(static_cast<int>(file), std::min(size, offset + size - there)))
+            return false;
+    }
     return SysAllocate(file, offset, size);
 }
 

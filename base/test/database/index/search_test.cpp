@@ -2,9 +2,15 @@
 
 #include "support/tree_test.h"
 
+#include <algorithm>
 #include <cstring>
+#include <functional>
+#include <random>
+#include <set>
+#include <vector>
 
 #include "support/armed_fault.h"
+#include "support/seed.h"
 
 namespace {
 
@@ -25,6 +31,13 @@ class Search : public TreeTest {
 };
 
 using Found = std::pair<int32_t, bool>;
+
+uint32_t U32Of(const uint8_t* pBytes)
+{
+    uint32_t value;
+    memcpy(&value, pBytes, sizeof value);
+    return value;
+}
 
 // ---- one node ----------------------------------------------------------------------------------
 
@@ -90,6 +103,99 @@ TEST_F(Search, EveryPositionOfNodesOfEverySizeIsFound)
         }
         index.Update();
         EXPECT_TRUE(SoundTable(index.table()));
+    }
+}
+
+// A search starts where the value would stand if all were spread evenly; they may be spread anyhow.
+TEST_F(Search, EveryPlaceIsFoundHoweverTheValuesAreSpread)
+{
+    std::mt19937_64 random(TestSeed());
+    using Values = std::set<int64_t>;
+    const std::function<int64_t(int, int64_t)> spreads[] = {
+        [](int n, int64_t) { return 5 + n; },                                // without a gap
+        [](int n, int64_t limit) { return limit / 700 * n; },                // evenly
+        [](int n, int64_t limit) { return limit - (limit >> (n % 40)); },    // towards the end
+        [](int n, int64_t limit) { return n ? limit >> (n % 40) : -limit; }, // towards 0
+        [](int n, int64_t limit) { return n % 9 ? n : limit - n; },          // in two heaps
+        [&](int, int64_t limit) { return static_cast<int64_t>(random() % limit); },
+        [&](int, int64_t limit) { return static_cast<int64_t>(random() % limit) - limit / 2; },
+        [&](int, int64_t limit) { return limit >> random() % 60; },
+    };
+    int files = 0;
+    for (const int32_t keyType :
+         {INDX_KEY_RECORD_ID, INDX_KEY_INTEGER, INDX_KEY_INT64, INDX_KEY_UNIQUE_ID}) {
+        const bool bIds = keyType == INDX_KEY_RECORD_ID;
+        const bool bWide = keyType == INDX_KEY_INT64 || keyType == INDX_KEY_UNIQUE_ID;
+        const int64_t limit = bWide ? INT64_MAX / 2 : INT32_MAX / 2;
+        const auto At = [&](int64_t value) {
+            std::string bytes(32, '\0');
+            for (int i = 0; i < 8; ++i)
+                bytes[7 - i] = static_cast<char>((value ^ INT64_MIN) >> 8 * i);
+            return Key{value, bytes};
+        };
+        for (const auto& spread : spreads) {
+            for (const size_t size : {1u, 16u, 17u, 18u, 60u, 290u}) {
+                Values values;
+                for (int n = 0; n < 3000 && values.size() < size; ++n) {
+                    const int64_t value = spread(n, limit);
+                    if (!bIds || value > 0)
+                        values.insert(value);
+                }
+                IndexFixture index(
+                    directory_.path("p" + std::to_string(files++)), {{keyType, true}});
+                for (const int64_t value : values)
+                    ASSERT_TRUE(index.Insert(bIds ? static_cast<uint32_t>(value) : 1, At(value)));
+                const std::vector<int64_t> sorted(values.begin(), values.end());
+                for (const int64_t value : sorted) {
+                    for (const int64_t wanted : {value - 1, value, value + 1}) {
+                        const auto place = std::lower_bound(sorted.begin(), sorted.end(), wanted);
+                        const Found expected(
+                            static_cast<int32_t>(place - sorted.begin()), values.contains(wanted));
+                        ASSERT_EQ(In(index, 0, static_cast<uint32_t>(wanted), At(wanted)), expected)
+                            << "key type " << keyType << ", spread " << (&spread - spreads)
+                            << ", size " << size << ", value " << wanted;
+                    }
+                }
+                index.Backout();
+            }
+        }
+    }
+}
+
+// Values that do not lie in the heap are no help for a guess, and still damage where they are met.
+TEST_F(Search, AGuessDoesNotBelieveTheOutermostValues)
+{
+    for (const uint32_t word : {INDX_ENTRY_LENGTH, INDX_ENTRY_HEAP_OFFSET}) {
+        for (const bool bLast : {false, true}) {
+            IndexFixture index(
+                directory_.path("d" + std::to_string(word) + (bLast ? "l" : "f")),
+                {{INDX_KEY_UNIQUE_ID, true}});
+            const auto At = [](int n) {
+                return Key{0, std::string(1, static_cast<char>(n)) + std::string(31, 'z')};
+            };
+            for (int n = 1; n <= 60; ++n)
+                ASSERT_TRUE(index.Insert(static_cast<uint32_t>(n), At(2 * n)));
+            uint8_t* pNode = nullptr;
+            IndxGetNode(&pNode, index.cursor(), 0);
+            ASSERT_NE(pNode, nullptr);
+            uint8_t* pEntry = pNode + INDX_NODE_HEADER + (bLast ? 59 : 0) * INDX_ENTRY_SIZE;
+            const uint32_t former = U32Of(pEntry + word);
+            for (const uint32_t damaged : {0u, 31u, 33u, 16384u, 0x80000000u, 0xFFFFFFFFu}) {
+                if (bLast && word == INDX_ENTRY_HEAP_OFFSET && damaged > 60 * 32)
+                    continue; // no such node is ever fetched
+                memcpy(pEntry + word, &damaged, 4);
+                for (int n = 1; n <= 121; ++n) {
+                    int32_t position = -99;
+                    IndxKeyInfo* pKey = index.MakeKeyInfo(1, At(n));
+                    IndxSearchNode(&position, index.cursor(), pNode, pKey);
+                    ObjRelease(pKey);
+                    EXPECT_TRUE(
+                        position == INDX_POSITION_DAMAGED || (position >= 0 && position <= 60));
+                }
+            }
+            memcpy(pEntry + word, &former, 4);
+            index.Backout();
+        }
     }
 }
 
