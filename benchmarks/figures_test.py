@@ -93,6 +93,14 @@ class ComparisonTest(unittest.TestCase):
         self.assertIsNone(row["peer_ratio"])
         self.assertIsNone(row["floor_ratio"])
 
+    def test_finds_are_compared_with_one_that_loses_operations_as_well(self):
+        self.samples.add("nimdb", 1000, "find_name", 2.0)
+        self.samples.add("bdb", 1000, "find_name", 3.0)
+        goals = figures.Goals(self.comparison, 250)
+        found = goal(goals, "Berkeley DB", "find by name")
+        self.assertTrue(found["met"])
+        self.assertAlmostEqual(found["ratio"], 2 / 3)
+
     def test_goals_are_met_missed_or_not_measured(self):
         goals = figures.Goals(self.comparison, 250)
         sqlite = goal(goals, "SQLite in every mode", "insert")
