@@ -100,6 +100,11 @@ class ComparisonTest(unittest.TestCase):
         found = goal(goals, "Berkeley DB", "find by name")
         self.assertTrue(found["met"])
         self.assertAlmostEqual(found["ratio"], 2 / 3)
+        self.samples.add("bdb-txn", 1000, "find_name", 2.5)
+        self.samples.add("memory", 1000, "find_name", 0.1)  # no database
+        self.assertEqual(self.comparison.fastest_peer("find_name"), ("bdb-txn", 2.5))
+        found = goal(figures.Goals(self.comparison, 250), "Berkeley DB", "find by name")
+        self.assertAlmostEqual(found["ratio"], 2 / 2.5)
 
     def test_goals_are_met_missed_or_not_measured(self):
         goals = figures.Goals(self.comparison, 250)

@@ -68,8 +68,8 @@ def comparison_text(comparison):
 
 COMPARISON_NOTES = """\
 Medians of the rounds. Ratio: this library's time by the other's; below 1 this library is faster.
-Fastest peer: of the databases whose finished operations survive the death of the process; those
-that lose them say so. Bare: the input and output alone, done the way the library does it (a mapping
+Fastest peer: of the databases whose finished operations survive the death of the process, for finds
+and walks of all; those that lose them say so. Bare: the input and output alone, done the way the library does it (a mapping
 used in place and positioned writes; nimdb-unmapped: positioned reads), for finds and walks with a
 descent in memory and the decoding. Anon: most memory that is no file's; RSS: most resident, mapped
 files included. A star: ended by the time limit, the figure is of fewer operations. Differences
