@@ -12,7 +12,32 @@
 
 namespace {
 
-class BlockRelease : public BlockFileTest {};
+class BlockRelease : public BlockFileTest {
+  protected:
+    // The bytes of a block in the file.
+    std::string Stored(int32_t tId)
+    {
+        return ReadFileBytes(path()).substr((static_cast<size_t>(tId) + 1) * 16384, 16384);
+    }
+    // A block of which only the ends are in memory. They come out of a copy of the file, so that
+    // nothing need be mapped.
+    uint8_t* TakeEnds(int32_t tId, uint32_t front, uint32_t back)
+    {
+        const std::string bytes = Stored(tId);
+        void* pData =
+            BlckTakeBlock(oBlck_, tId, reinterpret_cast<const uint8_t*>(bytes.data()), front, back);
+        EXPECT_NE(pData, nullptr);
+        return static_cast<uint8_t*>(pData);
+    }
+    // A file of one block, filled with 'y'; its id.
+    int32_t MakeBlockOfY()
+    {
+        Open();
+        const int32_t tId = New('y');
+        Release();
+        return tId;
+    }
+};
 
 using Offsets = std::vector<int64_t>;
 
@@ -86,11 +111,7 @@ TEST_F(BlockRelease, TheRestOfABlockFollowsWhereItIsNeeded)
         New('x');
         const int tId = New('y');
         Release();
-        const uint8_t* pView = BlckPeekBlock(nullptr, oBlck_, tId);
-        if (!pView)
-            GTEST_SKIP() << "nothing is mapped";
-        auto* pData = static_cast<uint8_t*>(BlckTakeBlock(oBlck_, tId, pView, 500, 1000));
-        ASSERT_NE(pData, nullptr);
+        uint8_t* pData = TakeEnds(tId, 500, 1000);
         ASSERT_EQ(BlckPeekBlock(nullptr, oBlck_, tId), pData);
         memset(pData + 400, 'z', 100);
         memset(pData + 16384 - 1200, 'w', 300); // past what was there
@@ -110,8 +131,7 @@ TEST_F(BlockRelease, TheRestOfABlockFollowsWhereItIsNeeded)
             EXPECT_EQ(BlckFlushBlock(oBlck_, pData), 1u);
         }
         Release();
-        const size_t place = (static_cast<size_t>(tId) + 1) * 16384;
-        EXPECT_TRUE(ReadFileBytes(path()).substr(place, 16384) == expected) << use;
+        EXPECT_TRUE(Stored(tId) == expected) << use;
         if (use == std::string("discard"))
             New('x'); // the chain is empty again
     }
@@ -119,13 +139,8 @@ TEST_F(BlockRelease, TheRestOfABlockFollowsWhereItIsNeeded)
 
 TEST_F(BlockRelease, MoreOfTheStartFollowsWhereItIsNeeded)
 {
-    Open();
-    const int tId = New('y');
-    Release();
-    const uint8_t* pView = BlckPeekBlock(nullptr, oBlck_, tId);
-    if (!pView)
-        GTEST_SKIP() << "nothing is mapped";
-    auto* pData = static_cast<uint8_t*>(BlckTakeBlock(oBlck_, tId, pView, 500, 1000));
+    const int32_t tId = MakeBlockOfY();
+    uint8_t* pData = TakeEnds(tId, 500, 1000);
     pData[16384 - 1001] = 'w'; // the end grows downwards, too
     BlckModifiedStart(pData, oBlck_, 16384, 1001);
     {
@@ -140,20 +155,15 @@ TEST_F(BlockRelease, MoreOfTheStartFollowsWhereItIsNeeded)
     EXPECT_TRUE(std::string(reinterpret_cast<char*>(pData), 16384) == expected);
     EXPECT_TRUE(BlckNeedStart(pData, 16384));
     Release();
-    EXPECT_TRUE(ReadFileBytes(path()).substr(16384, 16384) == expected);
+    EXPECT_TRUE(Stored(tId) == expected);
 }
 
 // What is written in two parts has failed when one of them has.
 TEST_F(BlockRelease, EitherPartThatFailsIsAFailedWrite)
 {
-    Open();
-    const int tId = New('y');
-    Release();
+    const int32_t tId = MakeBlockOfY();
     for (uint32_t nth : {1u, 2u, 3u}) {
-        const uint8_t* pView = BlckPeekBlock(nullptr, oBlck_, tId);
-        if (!pView)
-            GTEST_SKIP() << "nothing is mapped";
-        void* pData = BlckTakeBlock(oBlck_, tId, pView, 500, 1000);
+        uint8_t* pData = TakeEnds(tId, 500, 1000);
         BlckModifiedStart(pData, oBlck_, 16384, 1000);
         LogRecorder log;
         const ArmedFault fault(FAULT_WRITE, nth);
@@ -166,13 +176,8 @@ TEST_F(BlockRelease, EitherPartThatFailsIsAFailedWrite)
 // Where the rest cannot be read, nothing is made up: what is there is written, or nothing.
 TEST_F(BlockRelease, ARestThatCannotBeReadStaysAsItIsInTheFile)
 {
-    Open();
-    const int tId = New('y');
-    Release();
-    const uint8_t* pView = BlckPeekBlock(nullptr, oBlck_, tId);
-    if (!pView)
-        GTEST_SKIP() << "nothing is mapped";
-    void* pData = BlckTakeBlock(oBlck_, tId, pView, 500, 0);
+    const int32_t tId = MakeBlockOfY();
+    uint8_t* pData = TakeEnds(tId, 500, 0);
     {
         const ArmedFault fault(FAULT_READ, 1, 0);
         memset(pData, 'z', 10);
@@ -185,8 +190,7 @@ TEST_F(BlockRelease, ARestThatCannotBeReadStaysAsItIsInTheFile)
     }
     std::string expected(16384, 'y');
     expected.replace(0, 4, 4, '\xff');
-    const size_t place = (static_cast<size_t>(tId) + 1) * 16384;
-    EXPECT_TRUE(ReadFileBytes(path()).substr(place, 16384) == expected);
+    EXPECT_TRUE(Stored(tId) == expected);
 }
 
 TEST_F(BlockRelease, OnlyChangedBlocksAreWrittenAndNoControlBlockThatIsUnchanged)
