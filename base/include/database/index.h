@@ -27,6 +27,44 @@ enum {
     INDX_RESULT_KEY_OBJECT = 12 /* the key object is of the wrong type for the index           */
 };
 
+/* Last error of the table and record operations, read with IndxError. */
+typedef enum IndxErrorCode {
+    INDX_ERROR_NONE = 0,             /* no operation has failed yet                              */
+    INDX_ERROR_NO_FIELD = 5,         /* the table has no field of this name                      */
+    INDX_ERROR_NOT_INDEXED = 6,      /* the field has no index                                   */
+    INDX_ERROR_SEEK = 12,            /* the records file cannot be positioned, or would pass its
+                                        end of 2 GiB                                             */
+    INDX_ERROR_READ = 13,            /* a record or node cannot be read, or is damaged           */
+    INDX_ERROR_UPDATE = 14,          /* an index could not be updated, or a write failed         */
+    INDX_ERROR_ARGUMENT = 15,        /* an argument cannot be used                               */
+    INDX_ERROR_RECORD_TYPE = 18,     /* the record is of another type than the table's           */
+    INDX_ERROR_NO_FORMAT = 19,       /* the format text is empty                                 */
+    INDX_ERROR_NO_FIELDS = 20,       /* the fields text is empty                                 */
+    INDX_ERROR_NO_FIELD_NAME = 21,   /* a field's name is empty                                  */
+    INDX_ERROR_DUPLICATE_FIELD = 23, /* two fields have the same name                            */
+    INDX_ERROR_FIELD_KIND = 24,      /* a kind that no field can have, or "Id" is not of kind "i" */
+    INDX_ERROR_SHAPE = 25,           /* the table on disk has another magic or format            */
+    INDX_ERROR_HOME = 28,            /* the home or database directory cannot be used            */
+    INDX_ERROR_SUBDIRECTORY = 29,    /* a subdirectory of the database cannot be used            */
+    INDX_ERROR_NO_FLAG = 30,         /* a field's flag is empty                                  */
+    INDX_ERROR_UNKNOWN_FLAG = 31,    /* a field's flag is unknown                                */
+    INDX_ERROR_ID_MISMATCH = 33      /* the new record's id is not that of the old one           */
+} IndxErrorCode;
+
+/* Types of fields, as IndxGetFieldTypeByNumber reports them. */
+typedef enum IndxFieldType {
+    INDX_FIELD_RECORD_ID = 1,
+    INDX_FIELD_INTEGER = 2,
+    INDX_FIELD_INT64 = 3,
+    INDX_FIELD_TEXT = 4,
+    INDX_FIELD_TEXT_NO_CASE = 5, /* text without regard to case */
+    INDX_FIELD_POINTER = 6,
+    INDX_FIELD_DATA = 7,
+    INDX_FIELD_OBJECT = 8,
+    INDX_FIELD_UNIQUE_ID = 9,
+    INDX_FIELD_BOOLEAN = 10
+} IndxFieldType;
+
 /* Reserved table versions. */
 #define INDX_VERSION_ABSENT 0xFFFFFFFDu /* read: the table does not exist */
 #define INDX_VERSION_NONE 0xFFFFFFFEu   /* read: no version file; asked: make no version file     */

@@ -6,15 +6,15 @@
 
 #include <cstring>
 
-#include "dbconfig_internal.h"
+#include "database/dbconfig_internal.h"
 #include "nim/config.h"
 #include "nim/list.h"
 #include "nim/mem.h"
 #include "nim/object.h"
 #include "nim/path.h"
+#include "nim/scope.h"
 #include "nim/str.h"
 #include "nim/trace.h"
-#include "scope.h"
 
 uint32_t gbDbClusteredMode = 0;
 constinit const DbDrives* gpDbDrives = &kDbSystemDrives;

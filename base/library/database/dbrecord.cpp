@@ -16,8 +16,8 @@
 #include <cstddef>
 #include <cstring>
 
-#include "bytes.h"
-#include "dbrecord_internal.h"
+#include "database/dbrecord_internal.h"
+#include "nim/bytes.h"
 #include "nim/mem.h"
 #include "nim/proc.h"
 #include "nim/str.h"

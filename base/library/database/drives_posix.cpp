@@ -1,6 +1,6 @@
 // drives_posix.cpp: a system without drive letters. It reports no drive and no error, so that the
 // list of database paths holds the home directory alone.
-#include "dbconfig_internal.h"
+#include "database/dbconfig_internal.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // drives_win32.cpp: the drives as the Windows kernel knows them.
-#include "dbconfig_internal.h"
+#include "database/dbconfig_internal.h"
 
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>

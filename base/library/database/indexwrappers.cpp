@@ -3,12 +3,12 @@
 
 #include "database/indexwrappers.h"
 
-#include "block_internal.h"
-#include "bytes.h"
+#include "database/block/blockstore.h"
 #include "database/dbrecord.h"
 #include "database/index.h"
 #include "database/indexinternal.h"
-#include "scope.h"
+#include "nim/bytes.h"
+#include "nim/scope.h"
 
 namespace {
 

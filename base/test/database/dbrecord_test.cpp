@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include "database/bytes.h"
 #include "database/dbrecord_internal.h"
+#include "nim/bytes.h"
 #include "nim/fault.h"
 #include "nim/nim.h"
 #include "support/record_objects.h"

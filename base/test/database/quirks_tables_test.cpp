@@ -3,7 +3,7 @@
 
 #include <filesystem>
 
-#include "database/index/schema.h"
+#include "database/index/schema/schema.h"
 #include "people_scene.h"
 
 namespace {

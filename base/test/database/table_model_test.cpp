@@ -294,7 +294,8 @@ class TableRun {
         if (way == 0) { // finds the record by the id it is given
             answer = IndxModifyObject(table_, object.get());
         } else {
-            error = wrong ? INDX_ERROR_ID_MISMATCH : UNTOUCHED;
+            if (wrong)
+                error = INDX_ERROR_ID_MISMATCH;
             answer = way == 1
                          ? ModifyAtCursor(id, object.get())
                          : IndxModifyRecordInTable(

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "database/index/node.h"
+#include "database/index/tree/node.h"
 #include "nim/fault.h"
 #include "support/index_fixture.h"
 #include "support/temporary_directory.h"

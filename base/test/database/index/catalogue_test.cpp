@@ -2,7 +2,7 @@
 // closing and releasing tables, and clustered mode.
 #include <cstring>
 
-#include "database/index/schema.h"
+#include "database/index/schema/schema.h"
 #include "support/database_fixture.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // climb_test.cpp: the loop that works up a tree: the order of its steps and frames, what a failure
 // skips, and its end when the way up has no end.
 
-#include "database/index/climb.h"
+#include "database/index/tree/climb.h"
 
 #include "database/block.h"
 #include "support/armed_fault.h"

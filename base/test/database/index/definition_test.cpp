@@ -2,7 +2,7 @@
 // refused ones with their codes, and the size that a description may have.
 #include <cstdio>
 
-#include "database/index/schema.h"
+#include "database/index/schema/schema.h"
 #include "support/database_fixture.h"
 
 namespace {

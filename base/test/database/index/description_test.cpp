@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <functional>
 
-#include "database/index/schema.h"
+#include "database/index/schema/schema.h"
 #include "row_fixture.h"
 
 namespace {

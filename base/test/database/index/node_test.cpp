@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "database/block_internal.h"
+#include "database/block/blockstore.h"
 #include "support/armed_fault.h"
 #include "support/file_bytes.h"
 #include "support/file_calls.h"

@@ -2,7 +2,7 @@
 // belong to others, and what a failure at any step may leave behind.
 #include <utility>
 
-#include "database/index/schema.h"
+#include "database/index/schema/schema.h"
 #include "row_fixture.h"
 
 namespace {

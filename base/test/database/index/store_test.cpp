@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "database/block_internal.h"
+#include "database/block/blockstore.h"
 #include "support/armed_fault.h"
 #include "support/person_table.h"
 #include "support/quiet_trace.h"
@@ -105,7 +105,7 @@ TEST_F(StoreTest, AnotherChangeBesideTheIdIsStoredAsWell)
         table()->bCompanionFiles ^= 1;
         if (first)
             IndxSetHighestIdModified(table());
-        IndxSetTableModified(static_cast<IndxCursor*>(oCursor));
+        IndxSetTableModified(static_cast<IndxCursor*>(oCursor)->oField->oTable);
         if (!first)
             IndxSetHighestIdModified(table());
         EXPECT_EQ(IndxUpdateTable(table_), 1u);

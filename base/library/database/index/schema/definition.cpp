@@ -7,9 +7,9 @@
 
 #include <cassert>
 
-#include "../scope.h"
 #include "database/block.h"
-#include "schema.h"
+#include "database/index/schema/schema.h"
+#include "nim/scope.h"
 
 namespace {
 

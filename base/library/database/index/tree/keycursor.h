@@ -4,7 +4,7 @@
 #pragma once
 
 #include "database/index.h"
-#include "database/indexinternal.h"
+#include "database/index/tree/protos.h"
 
 class IndxKeyCursor {
   public:

@@ -3,9 +3,9 @@
 // and whoever follows a value or a link checks that one word.
 #pragma once
 
-#include "../bytes.h"
 #include "database/block.h"
-#include "database/indexinternal.h"
+#include "database/index/tree/protos.h"
+#include "nim/bytes.h"
 
 inline uint32_t NodeWord(const uint8_t* pNode, uint32_t offset)
 {

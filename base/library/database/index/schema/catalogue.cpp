@@ -5,10 +5,10 @@
 // leaves that reference: the table gives it back when it dies, so that a table which somebody still
 // holds keeps its database alive. In clustered mode closing gives it back at once.
 
-#include "../scope.h"
 #include "database/block.h"
 #include "database/dbconfig.h"
-#include "schema.h"
+#include "database/index/schema/schema.h"
+#include "nim/scope.h"
 
 namespace {
 

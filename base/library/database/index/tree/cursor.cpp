@@ -8,18 +8,8 @@
 // A node that cannot be had ends a move as if there were no key in that direction, with last error
 // 13 and a failure trace.
 
-#include "../scope.h"
-#include "node.h"
-
-void IndxReportDamage(IndxCursor* pCursor, uint32_t tNode)
-{
-    const IndxField* pField = pCursor->oField;
-    INDX_TRACE_ERROR(
-        INDX_ALWAYS, "Cannot use node %ld of field '%s' of table '%s'", tNode, pField->name,
-        pField->oTable ? pField->oTable->name : nullptr);
-    IndxSetError(INDX_ERROR_READ);
-    pCursor->bFailed = TRUE;
-}
+#include "database/index/tree/node.h"
+#include "nim/scope.h"
 
 const uint8_t* IndxReadNeighbour(IndxCursor* pCursor, uint32_t tFrom, uint32_t tTo, uint32_t link)
 {

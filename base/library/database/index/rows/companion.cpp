@@ -5,8 +5,9 @@
 
 #include <cstdio>
 
-#include "../scope.h"
-#include "database/indexinternal.h"
+#include "database/index/rows/rows.h"
+#include "database/index/schema/schema.h"
+#include "nim/scope.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 
 #include <cassert>
 
-#include "../block_internal.h"
-#include "../scope.h"
-#include "climb.h"
-#include "key.h"
-#include "node.h"
+#include "database/block/blockstore.h"
+#include "database/index/tree/climb.h"
+#include "database/index/tree/key.h"
+#include "database/index/tree/node.h"
+#include "nim/scope.h"
 
 namespace {
 
@@ -49,7 +49,7 @@ NimBool Unlink(IndxCursor* pCursor, const uint8_t* pNode, uint32_t link)
                 return FALSE;
             }
             (bNext ? roots.tLastLeaf : roots.tFirstLeaf) = tOther;
-            IndxSetTableModified(pCursor);
+            IndxSetTableModified(pCursor->oField->oTable);
         }
         return TRUE;
     }
@@ -70,7 +70,7 @@ void EmptyIndex(IndxCursor* pCursor, uint8_t* pRoot)
 {
     pCursor->oField->roots = {INDX_NO_NODE, INDX_NO_NODE, INDX_NO_NODE};
     pCursor->oField->levels = 0;
-    IndxSetTableModified(pCursor);
+    IndxSetTableModified(pCursor->oField->oTable);
     IndxDiscardNode(&pRoot, pCursor);
 }
 

@@ -5,14 +5,14 @@
 // entry; entries and heap do not touch. IndxGetNode checks what can be checked in constant time
 // when a node is fetched; what an entry says is checked where it is followed.
 
-#include "node.h"
+#include "database/index/tree/node.h"
 
 #include <cassert>
 #include <cstring>
 
-#include "../block_internal.h"
-#include "../scope.h"
-#include "key.h"
+#include "database/block/blockstore.h"
+#include "database/index/tree/key.h"
+#include "nim/scope.h"
 
 namespace {
 
@@ -65,20 +65,6 @@ uint32_t ChangedTo(const uint8_t* pNode, int32_t position)
 }
 
 } // namespace
-
-NimBool IndxIndexOpen(void** ppBlck, IndxTable* pTable, const char* name)
-{
-    const char* directory = pTable && pTable->oDatabase ? pTable->oDatabase->indexesPath : nullptr;
-    HeldMemory<char> path(PathBuild(directory, name, 0));
-    if (!BlckFileOpen(ppBlck, path.get())) {
-        INDX_TRACE(INDX_ALWAYS, "Failed to open blck file when opening indx '%s'", path.get());
-    }
-    // TRUE whether or not the file opened: callers learn of a failure from the null handle.
-    INDX_TRACE(
-        INDX_OPENED, "%s = IndxIndexOpen(%p, %p, %s)", "TRUE", static_cast<void*>(ppBlck),
-        static_cast<void*>(pTable), name);
-    return TRUE;
-}
 
 namespace {
 

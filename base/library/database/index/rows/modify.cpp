@@ -5,11 +5,12 @@
 // keys out; its bytes stay where they are. Bytes left behind are never used again. A failure backs
 // the key changes out; bytes already written to the records file stay.
 
-#include "../bytes.h"
-#include "../scope.h"
 #include "database/dbrecord.h"
-#include "database/indexinternal.h"
-#include "keycursor.h"
+#include "database/index/rows/rows.h"
+#include "database/index/schema/schema.h"
+#include "database/index/tree/keycursor.h"
+#include "nim/bytes.h"
+#include "nim/scope.h"
 
 namespace {
 

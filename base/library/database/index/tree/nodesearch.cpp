@@ -10,10 +10,10 @@
 #include <cassert>
 #include <cstring>
 
-#include "../block_internal.h"
-#include "../scope.h"
-#include "key.h"
-#include "node.h"
+#include "database/block/blockstore.h"
+#include "database/index/tree/key.h"
+#include "database/index/tree/node.h"
+#include "nim/scope.h"
 
 namespace {
 

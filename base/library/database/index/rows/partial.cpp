@@ -6,11 +6,11 @@
 // by there being a selection at all: every variable field is read whatever its flag. Kept: hosts
 // ask for a field and use others.
 
-#include "../bytes.h"
-#include "../scope.h"
 #include "database/dbrecord.h"
-#include "database/indexinternal.h"
-#include "schema.h"
+#include "database/index/rows/rows.h"
+#include "database/index/schema/schema.h"
+#include "nim/bytes.h"
+#include "nim/scope.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 // far.
 #pragma once
 
-#include "database/indexinternal.h"
+#include "database/index/tree/protos.h"
 
 class IndxClimb;
 

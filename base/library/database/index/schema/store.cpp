@@ -4,8 +4,8 @@
 // Most operations change one number of the description, the highest id, or none. The form has every
 // number in a place of its own, of a fixed width: so it is made anew only when more has changed.
 
-#include "../block_internal.h"
-#include "database/indexinternal.h"
+#include "database/block/blockstore.h"
+#include "database/index/schema/schema.h"
 
 namespace {
 
@@ -53,20 +53,33 @@ bool StoreDescription(IndxTable* pTable)
     return true;
 }
 
-} // namespace
-
-void IndxSetTableModified(IndxCursor* pCursor)
+NimBool CommitField(void*, void* oField)
 {
-    IndxTable* pTable = pCursor->oField->oTable;
-    pTable->bChanged = TRUE;
-    pTable->bOnlyIdChanged = FALSE;
+    auto* pField = static_cast<IndxField*>(oField);
+    pField->committedRoots = pField->roots;
+    pField->committedLevels = pField->levels;
+    return TRUE;
 }
 
-void IndxSetHighestIdModified(IndxTable* pTable)
+NimBool RestoreField(void*, void* oField)
 {
-    if (!pTable->bChanged)
-        pTable->bOnlyIdChanged = TRUE;
-    pTable->bChanged = TRUE;
+    auto* pField = static_cast<IndxField*>(oField);
+    pField->roots = pField->committedRoots;
+    pField->levels = pField->committedLevels;
+    return TRUE;
+}
+
+} // namespace
+
+void IndxCommitRoots(IndxTable* pTable)
+{
+    ListWalk(pTable->oFields, CommitField, nullptr);
+}
+
+void IndxBackout(IndxTable* pTable)
+{
+    BlckBackoutAll(pTable->oBlck);
+    ListWalk(pTable->oFields, RestoreField, nullptr);
 }
 
 NimBool IndxUpdateTable(void* oTable)

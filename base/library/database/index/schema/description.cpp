@@ -9,9 +9,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "../block_internal.h"
-#include "../scope.h"
-#include "schema.h"
+#include "database/block/blockstore.h"
+#include "database/index/schema/schema.h"
+#include "nim/scope.h"
 
 namespace {
 

@@ -2,12 +2,25 @@
 // among themselves and show to their tests.
 #pragma once
 
-#include "database/indexinternal.h"
+#include "database/index.h"
+#include "database/index/tree/protos.h"
 
 // ---- definition ------------------------------------------------------------------------------
 
 // Two keys of this length always leave room for a node's header and two branch entries' words.
 constexpr uint32_t INDX_KEY_RESERVE = 48;
+
+// Fills a new table from its format and fields strings. The error code is left as documented for
+// IndxOpenTableInternal. On failure the caller breaks the ring of table and fields
+// (IndxUnhookFields).
+NimBool
+IndxCreateTable(IndxTable* pTable, uint32_t recordMagic, const char* format, const char* fields);
+// Makes every field refer to its table, gives indexed fields their cursor lists, and takes the
+// committed roots. FALSE: no memory.
+NimBool IndxHookFields(IndxTable* pTable);
+// Empties the field list and drops the lists of the fields' cursors. A field that a caller's cursor
+// still holds keeps the table.
+void IndxUnhookFields(IndxTable* pTable);
 
 // The longest key that an index in blocks of this size accepts, in bytes.
 constexpr uint32_t IndxLongestKey(uint32_t blockSize)
@@ -59,6 +72,13 @@ bool IndxAdoptFields(IndxTable* pTable);
 // takes everything apart that can be reached from it: such objects may hold each other in rings.
 void IndxDiscardGraph(void** ppRoot);
 
+// ---- store ---------------------------------------------------------------------------------
+
+// Takes the roots of every index as committed; run at the end of every release.
+void IndxCommitRoots(IndxTable* pTable);
+// BlckBackoutAll on the table's block file, and the roots back to what was committed.
+void IndxBackout(IndxTable* pTable);
+
 // ---- open ------------------------------------------------------------------------------------
 
 // Takes the table out of use and drops the variable's reference: breaks the ring with its fields
@@ -68,3 +88,7 @@ void IndxDropTable(IndxTable** ppTable);
 // What was read from a block file need not be written back: its control block, which always opens
 // as modified, is not flushed when the file closes. Null is legal.
 void IndxForgetBlockFile(void* oBlck);
+
+NimBool IndxOpenExistingTable(void** ppTable, void* oDatabase, const char* name, uint32_t version);
+NimBool IndxSetTableVersion(const char* name, void* oDatabase, uint32_t version);
+NimBool IndxIndexOpen(void** ppBlck, IndxTable* pTable, const char* name);

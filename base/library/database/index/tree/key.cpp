@@ -8,9 +8,9 @@
 #include <cassert>
 #include <cstring>
 
-#include "../scope.h"
-#include "key.h"
-#include "node.h"
+#include "database/index/tree/key.h"
+#include "database/index/tree/node.h"
+#include "nim/scope.h"
 
 NimBool IndxNewKeyInfo(IndxKeyInfo** ppKey, int32_t keyType, uint32_t recordId)
 {

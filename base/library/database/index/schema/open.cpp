@@ -5,10 +5,10 @@
 // A table on disk is never created over: only a block file in which no description was ever stored
 // gets a new one. A block file that was read and refused is not written.
 
-#include "../block_internal.h"
-#include "../scope.h"
+#include "database/block/blockstore.h"
 #include "database/dbconfig.h"
-#include "schema.h"
+#include "database/index/schema/schema.h"
+#include "nim/scope.h"
 
 namespace {
 
@@ -280,6 +280,20 @@ void RefuseArgument()
 }
 
 } // namespace
+
+NimBool IndxIndexOpen(void** ppBlck, IndxTable* pTable, const char* name)
+{
+    const char* directory = pTable && pTable->oDatabase ? pTable->oDatabase->indexesPath : nullptr;
+    HeldMemory<char> path(PathBuild(directory, name, 0));
+    if (!BlckFileOpen(ppBlck, path.get())) {
+        INDX_TRACE(INDX_ALWAYS, "Failed to open blck file when opening indx '%s'", path.get());
+    }
+    // TRUE whether or not the file opened: callers learn of a failure from the null handle.
+    INDX_TRACE(
+        INDX_OPENED, "%s = IndxIndexOpen(%p, %p, %s)", "TRUE", static_cast<void*>(ppBlck),
+        static_cast<void*>(pTable), name);
+    return TRUE;
+}
 
 NimBool IndxOpenTableInternal(
     void** ppTable, void* oDatabase, const char* name, const char* fileName, uint32_t magic,

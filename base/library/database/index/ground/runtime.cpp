@@ -7,7 +7,9 @@
 #include <atomic>
 
 #include "database/dbrecord.h"
-#include "database/indexinternal.h"
+#include "database/index.h"
+#include "database/index/ground/runtime.h"
+#include "database/index/ground/shapes.h"
 
 IndxTemplates gIndxTemplates = {};
 

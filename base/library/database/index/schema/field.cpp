@@ -5,8 +5,8 @@
 // The list holds one reference on a cursor and the caller another; the cursor holds its field, and
 // the field its table. A cursor that is given up leaves the list first.
 
-#include "../scope.h"
-#include "schema.h"
+#include "database/index/schema/schema.h"
+#include "nim/scope.h"
 
 namespace {
 

@@ -10,13 +10,14 @@
 #include <algorithm>
 #include <cassert>
 
-#include "../bytes.h"
-#include "../dbrecord_internal.h"
-#include "../scope.h"
 #include "database/block.h"
 #include "database/dbrecord.h"
-#include "database/indexinternal.h"
-#include "keycursor.h"
+#include "database/dbrecord_internal.h"
+#include "database/index/rows/rows.h"
+#include "database/index/schema/schema.h"
+#include "database/index/tree/keycursor.h"
+#include "nim/bytes.h"
+#include "nim/scope.h"
 
 namespace {
 
@@ -28,37 +29,6 @@ constexpr uint32_t LOG_READ_HEADER = 1304;
 constexpr uint32_t LOG_SEEK_RECORD = 1305;
 constexpr uint32_t CREATE_MODE = 2;  // a companion file is created empty
 constexpr uint32_t FIRST_READ = 512; // one read fetches most records whole
-
-NimBool CommitField(void*, void* oField)
-{
-    auto* pField = static_cast<IndxField*>(oField);
-    pField->committedRoots = pField->roots;
-    pField->committedLevels = pField->levels;
-    return TRUE;
-}
-
-NimBool RestoreField(void*, void* oField)
-{
-    auto* pField = static_cast<IndxField*>(oField);
-    pField->roots = pField->committedRoots;
-    pField->levels = pField->committedLevels;
-    return TRUE;
-}
-
-} // namespace
-
-void IndxCommitRoots(IndxTable* pTable)
-{
-    ListWalk(pTable->oFields, CommitField, nullptr);
-}
-
-void IndxBackout(IndxTable* pTable)
-{
-    BlckBackoutAll(pTable->oBlck);
-    ListWalk(pTable->oFields, RestoreField, nullptr);
-}
-
-namespace {
 
 // What the walk over the fields of a table carries.
 struct KeyUpdate {

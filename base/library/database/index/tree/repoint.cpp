@@ -7,10 +7,10 @@
 // leaf is the root and holds other keys. Everything else, damage and traced steps included, is left
 // to the long way, which has the messages.
 
-#include "../block_internal.h"
-#include "../scope.h"
-#include "key.h"
-#include "node.h"
+#include "database/block/blockstore.h"
+#include "database/index/tree/key.h"
+#include "database/index/tree/node.h"
+#include "nim/scope.h"
 
 namespace {
 

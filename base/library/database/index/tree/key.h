@@ -2,8 +2,8 @@
 // operation.
 #pragma once
 
-#include "../bytes.h"
-#include "database/indexinternal.h"
+#include "database/index/tree/protos.h"
+#include "nim/bytes.h"
 
 inline int32_t KeyInteger(const IndxKeyInfo* pKey)
 {

@@ -20,10 +20,10 @@
 #include <atomic>
 #include <cstring>
 
-#include "block_internal.h"
-#include "bytes.h"
+#include "database/block/blockstore.h"
+#include "nim/bytes.h"
 #include "nim/nim.h"
-#include "scope.h"
+#include "nim/scope.h"
 
 namespace {
 

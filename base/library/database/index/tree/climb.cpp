@@ -1,11 +1,11 @@
 // climb.cpp: the loop behind climb.h.
 
-#include "climb.h"
+#include "database/index/tree/climb.h"
 
 #include <algorithm>
 #include <cassert>
 
-#include "node.h"
+#include "database/index/tree/node.h"
 
 namespace {
 

@@ -12,11 +12,11 @@
 #include <algorithm>
 #include <cassert>
 
-#include "../block_internal.h"
-#include "../scope.h"
-#include "climb.h"
-#include "key.h"
-#include "node.h"
+#include "database/block/blockstore.h"
+#include "database/index/tree/climb.h"
+#include "database/index/tree/key.h"
+#include "database/index/tree/node.h"
+#include "nim/scope.h"
 
 namespace {
 
@@ -60,7 +60,7 @@ NimBool MakeRoot(IndxCursor* pCursor, uint8_t* pLeft, uint8_t* pRight)
     SetNodeCount(pRoot, 2);
     pCursor->oField->roots.tRoot = static_cast<uint32_t>(tRoot);
     ++pCursor->oField->levels;
-    IndxSetTableModified(pCursor);
+    IndxSetTableModified(pCursor->oField->oTable);
     IndxReleaseNode(&pRoot, pCursor, TRUE);
     return TRUE;
 }
@@ -177,7 +177,7 @@ NimBool LinkBeside(IndxCursor* pCursor, uint8_t* pNode, uint8_t* pNew, uint32_t 
             return FALSE;
         }
         (bNext ? roots.tLastLeaf : roots.tFirstLeaf) = tNew;
-        IndxSetTableModified(pCursor);
+        IndxSetTableModified(pCursor->oField->oTable);
     }
     SetNodeWord(pNode, link, tNew);
     return TRUE;
@@ -334,7 +334,7 @@ NimBool CreateRoot(IndxCursor* pCursor, const IndxKeyInfo* pKey)
     const auto tRoot = static_cast<uint32_t>(tNew);
     pCursor->oField->roots = {tRoot, tRoot, tRoot};
     pCursor->oField->levels = 1;
-    IndxSetTableModified(pCursor);
+    IndxSetTableModified(pCursor->oField->oTable);
     SetNodeWord(pRoot, INDX_NODE_LEAF, 1);
     const NimBool bPut = IndxPutKeyIntoNode(pCursor, pRoot, 0, pKey);
     if (bPut)
