@@ -103,6 +103,13 @@ TEST_F(BlockGet, AnIdWhoseBlockCannotBeReadStaysAllocatedAndComesWithoutData)
     }
     EXPECT_EQ(pData, nullptr);
     EXPECT_EQ(New(), 1);
+    {
+        const ArmedFault fault(FAULT_READ); // the same of a fresh one
+        EXPECT_EQ(BlckNewBlock(&pData, oBlck_), 2);
+        EXPECT_EQ(fault.hits(), 1u);
+    }
+    EXPECT_EQ(pData, nullptr);
+    EXPECT_EQ(control()->blockCount, 3);
 }
 
 TEST_F(BlockGet, AFreeLinkThatCannotBeReadEndsTheChainSoThatNoBlockIsHandedOutTwice)
@@ -116,8 +123,10 @@ TEST_F(BlockGet, AFreeLinkThatCannotBeReadEndsTheChainSoThatNoBlockIsHandedOutTw
         ASSERT_EQ(control()->tFreeChain, 2u);
         {
             const ArmedFault fault(FAULT_READ, 1, 1, bShort ? FAULT_SHORT : FAULT_FAIL, 3);
+            TraceRecorder trace;
             EXPECT_EQ(New(), 2);
             EXPECT_EQ(fault.hits(), 1u);
+            EXPECT_EQ(trace.countLevel(-1), 0u) << trace.dump();
         }
         EXPECT_EQ(control()->tFreeChain, 0xFFFFFFFF);
         EXPECT_EQ(New(), 3);
@@ -293,6 +302,7 @@ TEST_F(BlockGet, FetchingTheSameIdTwiceGivesTheSameAddressAndReadsOnce)
     FileCalls calls;
     const uint8_t* pFirst = Get(1);
     EXPECT_EQ(Get(1), pFirst);
+    EXPECT_EQ(OBJ_HEADER(pFirst - 8)->refCount, 1); // the map's; a fetch takes none
     EXPECT_EQ(calls.offsets(FILE_OP_READ), std::vector<int64_t>{2 * 16384});
     EXPECT_EQ(calls.sizes(FILE_OP_READ), std::vector<uint32_t>{16384});
 }
@@ -401,7 +411,9 @@ TEST_F(BlockGet, TheBytesBehindTheEndOfTheFileAreZero)
     // The memory of the block may have held something else before.
     Fill(Get(0), 'q');
     Backout();
+    TraceRecorder trace;
     const uint8_t* pData = Get(1);
+    EXPECT_EQ(trace.countLevel(-1), 0u) << trace.dump();
     EXPECT_EQ(Bytes(pData, 100), std::string(100, 'B'));
     EXPECT_EQ(Bytes(pData + 100, 16284), std::string(16284, '\0'));
 }
@@ -468,6 +480,20 @@ TEST_F(BlockGet, TheIdOfABlockIsItsOwnAndOfAnythingElseMinusOne)
     EXPECT_EQ(BlckId(nullptr), -1);
     EXPECT_TRUE(trace.has(TAG, 0, -1, "Invalid BlckBlock at " + Address(nullptr)));
     ObjReleaseInternal(&oWrong);
+}
+
+TEST_F(BlockGet, TheCountOfBlocksIsSigned)
+{
+    MakeBlocks(1);
+    control()->blockCount = INT32_MIN + 1;
+    void* pData = nullptr;
+    TraceRecorder trace;
+    EXPECT_EQ(BlckGetBlock(&pData, oBlck_, 0), 0u);
+    EXPECT_TRUE(trace.has(TAG, 0, -1, "Unallocated tId 0")) << trace.dump();
+    control()->blockCount = INT32_MAX;
+    EXPECT_EQ(Get(0)[0], 'A');
+    Backout();
+    control()->blockCount = 1;
 }
 
 } // namespace
