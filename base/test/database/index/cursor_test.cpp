@@ -188,6 +188,14 @@ TEST_F(Cursor, CurrentFindsAnUntrustedCursorAgainAndLeavesATrustedOneAlone)
     index.Remove(2, NumberKey(20));
     EXPECT_EQ(IndxCurrentKey(c), 7);
     EXPECT_EQ(CursorId(c), 3u);
+    // At the ends it has no key, and stays.
+    IndxCursorBOI(c);
+    EXPECT_EQ(IndxCurrentKey(c), 8);
+    EXPECT_EQ(c->status, INDX_AT_BEGINNING);
+    IndxCursorEOI(c);
+    index.Add(10, NumberKey(100));
+    EXPECT_EQ(IndxCurrentKey(c), 8);
+    EXPECT_EQ(c->status, INDX_AT_END);
 }
 
 TEST_F(Cursor, ChangesMakeOnlyCursorsOnAKeyUntrustedTheirOwnIncluded)
@@ -368,6 +376,7 @@ TEST_F(Cursor, AStepAfterARefusedFindHasNoKeyAndIsFoundNowhereAfterAChange)
         EXPECT_EQ(IndxNextKey(c), 12);
         EXPECT_TRUE(trace.has(TAG, 0, 4, "No record for type 12"));
         EXPECT_EQ(c->status, INDX_ON_KEY);
+        EXPECT_EQ(c->position, 1);
         EXPECT_EQ(c->oKey, nullptr);
         index.Add(9, NumberKey(99));
         EXPECT_EQ(c->status, INDX_UNTRUSTED);
@@ -567,6 +576,18 @@ TEST_F(Cursor, AMoveWithoutMemoryNeverClaimsAKeyItDoesNotHold)
             EXPECT_EQ(IndxError(), 13u);
         }
     }
+}
+
+TEST_F(Cursor, NextMatchingAfterAMissStepsWithoutComparingAndStaysAt7)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    for (uint32_t id = 1; id <= 3; ++id)
+        index.Add(id, NumberKey(5));
+    EXPECT_EQ(index.Find(1, NumberKey(4)), 7); // on the first 5
+    EXPECT_EQ(IndxNextMatchingKey(index.cursor()), 7);
+    EXPECT_EQ(CursorId(index.cursor()), 2u);
+    EXPECT_EQ(index.Find(2, NumberKey(5)), 6);
+    EXPECT_EQ(IndxNextMatchingKey(index.cursor()), 6);
 }
 
 } // namespace

@@ -80,6 +80,10 @@ TEST_F(Insert, ADuplicateOfAUniqueKeyIsRefusedAndTheTreeUnchanged)
     index.Update();
     EXPECT_EQ(calls.count(FILE_OP_WRITE), 0u);
     EXPECT_EQ(ReadFileBytes(path()), before);
+    calls.clear();
+    EXPECT_FALSE(index.Insert(5000, NumberKey(682)));
+    EXPECT_EQ(calls.count(FILE_OP_READ), 1u); // the root was enough
+    index.Update();
     EXPECT_TRUE(SoundTable(index.table()));
 }
 
@@ -312,6 +316,9 @@ TEST_F(LongKeys, ANewRootThatCannotHoldItsTwoKeysIsRefused)
     EXPECT_EQ(right.Walk(), Counts{1});
     IndexFixture left(directory_.path("left"), {{INDX_KEY_TEXT}});
     ASSERT_TRUE(left.Add(2, SizedKey("b", 8168)));
+    EXPECT_FALSE(left.Insert(1, SizedKey("a", 8168)));
+    EXPECT_NE(left.field()->roots.tFirstLeaf, left.field()->roots.tLastLeaf);
+    left.Backout(); // nothing was undone before
     Refuse(left, 1, SizedKey("a", 8168), {"Failed to split left"});
     EXPECT_EQ(left.Walk(), Counts{2});
     // What was refused leaves room for what fits.
@@ -349,6 +356,9 @@ TEST_F(LongKeys, ASplitWithRoomOnNeitherSideIsRefusedBeforeANodeIsMade)
         TraceRecorder trace;
         Refuse(index, 2, SizedKey("b", size), {"Failed to split right"});
         EXPECT_FALSE(trace.hasPart("IndxNewNode"));
+        index.cursor()->result = 77;
+        EXPECT_FALSE(index.Add(2, SizedKey("b", size)));
+        EXPECT_EQ(index.cursor()->result, 77); // only a key that exists sets one
     }
     EXPECT_EQ(CheckTable(index.table()).lost.size(), 0u);
     ASSERT_TRUE(index.Add(2, SizedKey("b", 8152)));

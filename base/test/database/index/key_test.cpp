@@ -36,6 +36,7 @@ class KeyFromRecord : public TreeTest {
             result.keyType = pKey->keyType;
             EXPECT_EQ(OBJ_HEADER(pKey)->magic, 0xca8c92e0u);
             EXPECT_EQ(pKey->fileOffset, 0u);
+            EXPECT_EQ(pKey->tChild, 0u);
             const uint32_t magic = ObjGetMagic(pKey->oValue);
             if (magic == OBJ_MAGIC_DATAFIELD)
                 result.bytes.assign(
@@ -296,6 +297,28 @@ TEST(KeyCompare, IdsAndForbiddenTypesAreNeverTheSameValue)
 {
     EXPECT_FALSE(IndxSameValue(INDX_KEY_RECORD_ID, nullptr, nullptr));
     EXPECT_FALSE(IndxSameValue(INDX_KEY_FORBIDDEN, nullptr, nullptr));
+}
+
+TEST_F(KeyFromNode, OnlyTheKnownTypesCarryAValue)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    ASSERT_TRUE(index.Add(1, NumberKey(7)));
+    for (const int32_t keyType :
+         std::initializer_list<int32_t>{INDX_KEY_INTEGER, INDX_KEY_RECORD_ID, 99}) {
+        index.field()->keyType = keyType;
+        uint8_t* pNode = nullptr;
+        IndxGetNode(&pNode, index.cursor(), 0);
+        IndxKeyInfo* pKey = nullptr;
+        ASSERT_EQ(IndxGetKeyInfoFromNode(&pKey, index.cursor(), pNode), 1u);
+        EXPECT_EQ(pKey->keyType, keyType);
+        EXPECT_EQ(pKey->recordId, 1u);
+        EXPECT_EQ(pKey->tChild, 0u);
+        EXPECT_EQ(pKey->oValue != nullptr, keyType == INDX_KEY_INTEGER);
+        EXPECT_EQ(ObjGetInteger(pKey->oValue), keyType == INDX_KEY_INTEGER ? 7 : 0);
+        ObjRelease(pKey);
+    }
+    index.field()->keyType = INDX_KEY_INTEGER;
+    index.Backout();
 }
 
 } // namespace

@@ -142,6 +142,11 @@ TEST_F(Node, TheStoredEndAddressMeansNothing)
     index.Open();
     ASSERT_TRUE(index.Add(2, TextKey("two")));
     EXPECT_EQ(index.Walk(), (std::vector<uint32_t>{1, 2}));
+    uint8_t* pNode = nullptr;
+    IndxGetNode(&pNode, index.cursor(), 0);
+    uintptr_t end = 0;
+    memcpy(&end, pNode + 24, 8);
+    EXPECT_EQ(end, reinterpret_cast<uintptr_t>(pNode) + 16384);
     EXPECT_TRUE(SoundTable(index.table()));
 }
 
@@ -156,11 +161,12 @@ TEST_F(Node, NodeOperationsTraceTheirArguments)
     TraceRecorder trace;
     IndxNewNode(&pNode, c);
     EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxNewNode" + args + ")")) << trace.dump();
+    uint8_t* const pFirst = pNode;
     IndxReleaseNode(&pNode, c, TRUE);
     EXPECT_EQ(pNode, nullptr);
     EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxReleaseNode" + args + ", TRUE)"));
     IndxGetNode(&pNode, c, 0);
-    ASSERT_NE(pNode, nullptr);
+    ASSERT_EQ(pNode, pFirst); // in memory until the operation ends
     EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxGetNode" + args + ", 0)"));
     IndxReleaseNode(&pNode, c, FALSE);
     EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxReleaseNode" + args + ", FALSE)"));
@@ -178,6 +184,7 @@ TEST_F(Node, ANodeThatCannotBeHadIsNull)
     IndexFixture index(path(), {{INDX_KEY_INTEGER}});
     index.Add(1, NumberKey(1));
     uint8_t* const untouched = reinterpret_cast<uint8_t*>(&index);
+    const TraceRecorder trace(0);
     for (const uint32_t id : {1u, 5u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
         uint8_t* pNode = untouched;
         IndxGetNode(&pNode, index.cursor(), id);
@@ -187,6 +194,8 @@ TEST_F(Node, ANodeThatCannotBeHadIsNull)
     uint8_t* pNode = untouched;
     IndxGetNode(&pNode, index.cursor(), 0);
     EXPECT_EQ(pNode, nullptr);
+    for (const TraceRecorder::Line& line : trace.lines()) // the block store says what there is
+        EXPECT_NE(line.tag, TAG) << line;
 }
 
 TEST_F(Node, ABlockThatIsNoSoundNodeIsNull)
@@ -342,10 +351,11 @@ TEST_F(Node, AnUnknownKeyTypeStoresTheIdAndThePointerOnly)
     uint8_t* pNode = nullptr;
     IndxNewNode(&pNode, index.cursor());
     memcpy(pNode + 12, Word(1).data(), 4);
+    memcpy(pNode + 40, "kept", 4);
     IndxKeyInfo* pKey = index.MakeKeyInfo(5, {});
     pKey->fileOffset = 77;
     EXPECT_EQ(IndxPutKeyIntoNode(index.cursor(), pNode, 0, pKey), 1u);
-    EXPECT_EQ(Bytes(pNode, 32, 24), Word(5) + std::string(12, '\0') + Word(77) + Word(0));
+    EXPECT_EQ(Bytes(pNode, 32, 24), Word(5) + Word(0) + "kept" + Word(0) + Word(77) + Word(0));
     ObjRelease(pKey);
     index.Backout();
 }
@@ -480,6 +490,13 @@ TEST_F(UpdateTable, ADescriptionThatCannotBeStoredIsLoggedAndTheNodesAreWrittenA
     EXPECT_TRUE(log.has(1301, 96, "Failed to update table 'Fixture'")) << log.dump();
     EXPECT_EQ(index.table()->bChanged, 0u); // stays clear
     EXPECT_EQ(ReadFileBytes(path()).size(), 2u * 16384);
+    // So it is not tried again before the next change.
+    const std::string none(16128, '\0');
+    EXPECT_EQ(IndxUpdateTable(index.table()), 1u);
+    EXPECT_EQ(ReadFileBytes(path()).substr(40, 16128), none);
+    index.table()->bChanged = TRUE;
+    EXPECT_EQ(IndxUpdateTable(index.table()), 1u);
+    EXPECT_NE(ReadFileBytes(path()).substr(40, 16128), none);
     index.Backout(); // the roots were committed with the nodes
     EXPECT_EQ(index.Find(1, NumberKey(1)), INDX_RESULT_FOUND);
     EXPECT_TRUE(SoundTable(index.table()));
@@ -597,6 +614,21 @@ TEST_F(Roots, NoBlockIsWrittenBeforeTheUpdateAndNoneByAFailedOperation)
     for (size_t i = 1; i + 1 < written.size(); ++i)
         EXPECT_LT(written[i - 1], written[i]);
     EXPECT_TRUE(SoundTable(index.table()));
+}
+
+TEST_F(Node, TheFirstEntryThatPointsToAChildIsTaken)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    for (int i = 1; i <= 682; ++i)
+        ASSERT_TRUE(index.Insert(static_cast<uint32_t>(i), NumberKey(i)));
+    index.Update();
+    uint8_t* pRoot = nullptr;
+    IndxGetNode(&pRoot, index.cursor(), index.field()->roots.tRoot);
+    const uint32_t tFirst = index.field()->roots.tFirstLeaf;
+    EXPECT_EQ(IndxFindChild(pRoot, index.field()->roots.tLastLeaf), 1);
+    memcpy(pRoot + 32 + 24 + 16, Word(tFirst).data(), 4); // both lead there
+    EXPECT_EQ(IndxFindChild(pRoot, tFirst), 0);
+    index.Backout();
 }
 
 } // namespace
