@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "database/dbconfig_internal.h"
+#include "database/indexinternal.h"
 #include "nim/fault.h"
 #include "nim/nim.h"
 #include "support/file_bytes.h"
@@ -88,6 +89,8 @@ TEST_F(DbConfig, HomeIsDbUnderTheProductsHomeWithoutAKey)
     EXPECT_EQ(Home(), expected);
     WriteFileBytes(directory_.path("configure.cfg"), "[Other]\ndatabase = x\n");
     EXPECT_EQ(Home(), expected);
+    Configure(""); // an empty value is none
+    EXPECT_EQ(Home(), expected);
 }
 
 TEST_F(DbConfig, HomeIsTheConfiguredDirectoryAsItStands)
@@ -96,6 +99,8 @@ TEST_F(DbConfig, HomeIsTheConfiguredDirectoryAsItStands)
     EXPECT_EQ(Home(), "D:\\bases de données");
     Configure("relative/place");
     EXPECT_EQ(Home(), "relative/place");
+    Configure("some\\..\\where");
+    EXPECT_EQ(Home(), "some\\..\\where");
 }
 
 TEST_F(DbConfig, HomeIsTracedAtDetailLevel)
@@ -237,6 +242,7 @@ TEST_F(DbConfig, HomeDirectoryMungesToZeroAndBack)
 TEST_F(DbConfig, FirstCharacterThatIsNoLetterWrapsTheDriveNumber)
 {
     EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, "/unix"), 0xEF000001u);
+    EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, "\\\\server"), 0x1C000001u);
     EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, ""), 0xC0000001u);
     EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, "@"), 0x00000001u);
     EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, "`"), 0x20000001u);
@@ -430,6 +436,17 @@ TEST_F(DbConfigList, FailedEnumerationIsAlwaysTracedWithTheSystemsErrorValue)
     ExpectLine(trace, 1234, -1, "GetLogicalDrives failed. Unable to enumerate drives");
     EXPECT_EQ(trace.texts().size(), 1u);
     EXPECT_EQ(gTest.asked, Texts());
+}
+
+TEST_F(DbConfigList, NothingHereSetsTheLastError)
+{
+    IndxSetError(77);
+    Derived(nullptr);
+    Derived("App");
+    DbMungeQtreeIdFromDbPath(1, nullptr);
+    Listed(1); // and no drive
+    EXPECT_EQ(IndxError(), 77u);
+    IndxSetError(0);
 }
 
 TEST_F(DbConfigList, SystemWithoutDriveLettersListsTheHomeDirectoryAlone)
