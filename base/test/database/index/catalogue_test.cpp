@@ -346,6 +346,12 @@ TEST_F(Catalogue, SubdirectoryThatIsNoneIsError29AndEndsTheMaking)
         for (size_t i = 0; i < names.size(); ++i)
             EXPECT_EQ(IsDirectory(DatabasePath() + "/" + names[i]), i < bad) << names[i];
     }
+    // The home is given up with it.
+    WriteFileBytes(
+        directory().path("configure.cfg"),
+        "[Directories]\ndatabase = " + directory().path("elsewhere") + "\n");
+    ASSERT_TRUE(Open());
+    EXPECT_TRUE(IsDirectory(directory().path("elsewhere/Data/Indexes")));
 }
 
 TEST_F(Catalogue, DirectoriesThatCannotBeMadeAreTheSameErrors)
@@ -564,6 +570,11 @@ TEST_F(Clustered, HomeIsTheCallers)
     EXPECT_FALSE(std::filesystem::exists(HomePath()));
     IndxCloseDatabase(&oDatabase);
     EXPECT_EQ(before, LiveCounts());
+    // It is not kept for the next one.
+    ASSERT_EQ(IndxOpenDatabase(&oDatabase, "Next", nullptr, nullptr), 1u);
+    IndxCloseDatabase(&oDatabase);
+    EXPECT_FALSE(std::filesystem::exists(home + "/Next"));
+    EXPECT_TRUE(IsDirectory(HomePath() + "/Next"));
 }
 
 TEST_F(Clustered, HomeIsTheConfiguredOneWithoutTheCallers)

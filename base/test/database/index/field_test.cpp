@@ -253,9 +253,13 @@ TEST_F(Fields, ReleaseLeavesOtherReferencesOnTheCursorAloneButOutOfTheList)
     ASSERT_EQ(IndxGetFieldCursor(&oCursor, oTable_, "Name"), 1u);
     void* oSecond = ObjIncRefCount(oCursor);
     static_cast<IndxCursor*>(oCursor)->status = 2;
+    void* oKey = nullptr;
+    ObjTemplateCreateInstanceFromPool(&oKey, gIndxTemplates.keyInfo, MemGetDefaultPoolId());
+    static_cast<IndxCursor*>(oCursor)->oKey = static_cast<IndxKeyInfo*>(oKey);
     EXPECT_EQ(IndxReleaseCursor(&oCursor), 1u);
     EXPECT_EQ(References(oSecond), 1);
     EXPECT_EQ(static_cast<IndxCursor*>(oSecond)->status, 0) << "it stands nowhere";
+    EXPECT_EQ(static_cast<IndxCursor*>(oSecond)->oKey, nullptr) << "and has let its key go";
     EXPECT_EQ(ListGetCount(Field(oTable_, 1)->oCursors), 0u);
     EXPECT_EQ(IndxReleaseCursor(&oSecond), 1u) << "released again, it is in no list";
 }

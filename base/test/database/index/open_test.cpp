@@ -116,6 +116,8 @@ TEST_F(Opening, FailedCreationHandsOutNothingAndListsNothing)
     // The files that were made stay; the next attempt uses them.
     EXPECT_TRUE(std::filesystem::exists(PathOf("Indexes", "T")));
     EXPECT_NE(Create("T"), nullptr);
+    EXPECT_EQ(OpenTable("U", MAGIC, FORMAT, "Id,Name", 0, 5), nullptr);
+    EXPECT_TRUE(std::filesystem::exists(VersionFile("U")));
 }
 
 TEST_F(Opening, BlockFileThatCannotBeMadeFailsInTheStepAfter)
@@ -126,6 +128,7 @@ TEST_F(Opening, BlockFileThatCannotBeMadeFailsInTheStepAfter)
     EXPECT_TRUE(trace.has(
         TAG, 0, -1, "Failed to open blck file when opening indx '" + PathOf("Indexes", "T") + "'"))
         << trace.dump();
+    EXPECT_TRUE(trace.hasPart("TRUE = IndxIndexOpen("));
     EXPECT_TRUE(trace.hasPart("Table too large MAX 0, table "));
     EXPECT_TRUE(trace.has(TAG, 0, -1, "Failed to create table"));
     EXPECT_EQ(IndxError(), UNCHANGED);
@@ -142,6 +145,12 @@ TEST_F(Opening, RecordsFileThatCannotBeOpenedIsNoFailure)
     // The operations on records meet a closed file.
     EXPECT_FALSE(Add(oTable, "a", 1));
     EXPECT_EQ(IndxError(), 12u);
+    // The same when it is loaded.
+    trace.clear();
+    ASSERT_TRUE(Reopen());
+    EXPECT_EQ(TableCount(), 1u);
+    EXPECT_TRUE(trace.hasPart("TRUE = IndxRecordsOpen("));
+    EXPECT_EQ(ListedTable("T")->hRecords, FILE_NONE);
 }
 
 TEST_F(Opening, DescriptionThatCannotBeStoredFailsTheOpenAndLeavesTheTableListed)
@@ -219,7 +228,8 @@ TEST_F(Opening, AnotherShapeIsError25)
 TEST_F(Opening, AnotherFieldsTextKeepsTheStoredFlags)
 {
     void* oTable = Create("T");
-    EXPECT_EQ(OpenTable("T", MAGIC, FORMAT, "Id;Bad,,"), oTable);
+    EXPECT_EQ(OpenTable("T", MAGIC, FORMAT, "Id;Bad,,", 1), oTable); // nor is the flag looked at
+    EXPECT_EQ(static_cast<IndxTable*>(oTable)->bCompanionFiles, 0u);
     EXPECT_STREQ(static_cast<IndxTable*>(oTable)->fields, FIELDS);
     ASSERT_TRUE(Reopen());
     oTable = OpenTable("T", MAGIC, FORMAT, "Id,Name,Size");
@@ -521,6 +531,7 @@ TEST_F(Opening, LoadTableOfAListedNameReturns0AndLeavesTheListAsItWas)
     EXPECT_EQ(
         trace.texts(), (std::vector<std::string>{
                            "IndxLoadTable(" + Hex(&oLoaded) + ", " + Hex(database()) + ", T, t)"}));
+    EXPECT_EQ(IndxError(), UNCHANGED);
     EXPECT_EQ(TableCount(), 1u);
     EXPECT_EQ(ListedTable("T"), oTable);
 }
