@@ -636,6 +636,7 @@ TEST_F(PartialTest, TheStepNeverWritesPastItsBuffer)
     EXPECT_EQ(log.count(1306), 1u);
     EXPECT_EQ(room.substr(FIXED_SIZE), "xxx");
     EXPECT_EQ(read.size, FIXED_SIZE + 4); // grows all the same
+    EXPECT_EQ(read.pSelected, none_ + 1);
 }
 
 TEST_F(PartialTest, TheStepDoesNotFollowASlotOutsideOfTheFixedPart)
