@@ -75,6 +75,7 @@ TEST_F(DeleteRecordTest, ADeletionWritesNothingToTheRecordsFileAndKeepsTheHighes
         for (const FileCalls::Call& call : calls.calls()) {
             if (call.op == FILE_OP_WRITE) {
                 EXPECT_EQ(call.path, BlocksPath());
+                EXPECT_GT(call.offset, 0); // no description either: no root has changed
             }
         }
     }
@@ -401,6 +402,18 @@ TEST_F(NoSavedKeyTest, NorAfterEveryOtherRecordHasGone)
     ExpectNothingThere(cursor.get());
     EXPECT_EQ(IndxNextKey(cursor.get()), INDX_RESULT_NO_KEY);
     ExpectNothingThere(cursor.get());
+}
+
+TEST_F(DeleteRecordTest, ARecordIsDeletedFromAnUntrustedCursorToo)
+{
+    AddFirst(2);
+    const Cursor cursor(table_, "Id");
+    ASSERT_EQ(IndxFindKey(cursor.get(), 1, nullptr), INDX_RESULT_FOUND);
+    AddPeople(table_, &model_, 3, 4);
+    ASSERT_EQ(IndxAsCursor(cursor.get())->status, INDX_UNTRUSTED);
+    EXPECT_EQ(IndxDeleteRecord(cursor.get()), 1u);
+    model_.erase(1);
+    ExpectHolds(table_, model_);
 }
 
 } // namespace
