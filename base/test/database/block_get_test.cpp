@@ -58,23 +58,16 @@ TEST_F(BlockGet, ANewBlockIsNotMarkedModified)
     EXPECT_EQ(U32At(ReadFileBytes(path()), 8), 1u);
 }
 
-TEST_F(BlockGet, AllocationsTraceWhatTheyDo)
+TEST_F(BlockGet, OnlyAFreshBlockIsTracedAsAllocated)
 {
     Open();
-    void* pData = nullptr;
     TraceRecorder trace;
-    BlckNewBlock(&pData, oBlck_);
-    const std::string call = "BlckNewBlock(" + Address(&pData) + ", " + Address(oBlck_) + ")";
-    EXPECT_TRUE(trace.has(TAG, 0, 4, call)) << trace.dump();
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Allocate new block 0"));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "tFreeChain -1"));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "0 = " + call));
-    BlckDiscardBlock(pData, oBlck_);
+    Discard(New());
     Release();
+    EXPECT_EQ(trace.count("Allocate new block 0"), 1u) << trace.dump();
     trace.clear();
-    BlckNewBlock(&pData, oBlck_);
+    New();
     EXPECT_FALSE(trace.hasPart("Allocate new block"));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "tFreeChain -1"));
 }
 
 TEST_F(BlockGet, AllocatingInNoBlockFileGivesMinusOne)
@@ -307,30 +300,6 @@ TEST_F(BlockGet, FetchingTheSameIdTwiceGivesTheSameAddressAndReadsOnce)
     EXPECT_EQ(calls.sizes(FILE_OP_READ), std::vector<uint32_t>{16384});
 }
 
-TEST_F(BlockGet, FetchesTraceWhereTheBlockComesFrom)
-{
-    MakeBlocks(1);
-    void* pData = nullptr;
-    TraceRecorder trace;
-    BlckGetBlock(&pData, oBlck_, 0);
-    const std::string pp = Address(&pData), o = Address(oBlck_), p = Address(pData);
-    const std::string entry = "BlckGetBlock(" + pp + ", 0x" + o + ", 0)";
-    const std::string result = "TRUE = BlckGetBlock(" + pp + ", " + o + ", 0) " + p;
-    EXPECT_EQ(
-        trace.texts(), (std::vector<std::string>{
-                           entry, "Seek to read position 16384", "Insert into map", result}));
-    trace.clear();
-    BlckGetBlock(&pData, oBlck_, 0);
-    EXPECT_EQ(
-        trace.texts(), (std::vector<std::string>{
-                           entry, "Block already in memory", "Block 0 (0) at " + p, result}));
-    for (const TraceRecorder::Line& line : trace.lines()) {
-        EXPECT_EQ(line.tag, TAG);
-        EXPECT_EQ(line.level, 4);
-        EXPECT_EQ(line.error, 0u);
-    }
-}
-
 TEST_F(BlockGet, FetchesRefuseTheirArgumentsInOrderAndLeaveTheVariableAlone)
 {
     MakeBlocks(2);
@@ -420,19 +389,11 @@ TEST_F(BlockGet, TheBytesBehindTheEndOfTheFileAreZero)
 
 // ---- marking -----------------------------------------------------------------------------------
 
-TEST_F(BlockGet, MarkingTracesTheBlockItsReferencesAndTheResult)
+TEST_F(BlockGet, DiscardingABlockIsSilent)
 {
     MakeBlocks(1);
     void* pData = Get(0);
     TraceRecorder trace;
-    EXPECT_EQ(BlckModifiedBlock(pData, oBlck_), 1u);
-    EXPECT_EQ(
-        trace.texts(),
-        (std::vector<std::string>{
-            "Block 0 ref count 1 Modified",
-            "TRUE = BlckModifiedBlock(" + Address(pData) + ", " + Address(oBlck_) + ")"}));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Block 0 ref count 1 Modified"));
-    trace.clear();
     EXPECT_EQ(BlckDiscardBlock(pData, oBlck_), 1u);
     EXPECT_TRUE(trace.lines().empty()) << trace.dump();
     Backout();

@@ -270,23 +270,6 @@ TEST_F(BlockRelease, ABlockMarkedDiscardedCanBeUsedUntilItLeavesMemory)
     EXPECT_EQ(ReadFileBytes(path())[16384 + 9], 'w');
 }
 
-TEST_F(BlockRelease, LeavingMemoryIsTraced)
-{
-    MakeBlocks(2);
-    void* pData = Get(0);
-    Fill(Get(1), 'm');
-    Discard(0);
-    TraceRecorder trace;
-    Release();
-    const void* oBlock = static_cast<const uint8_t*>(pData) - 8;
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "BlkBlockDestructor(" + Address(oBlock) + ")"))
-        << trace.dump();
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Add Block 0 to free chain"));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Write out block 0, 16384 bytes at offset 16384"));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Write out block 1, 16384 bytes at offset 32768"));
-    EXPECT_FALSE(trace.has("Add Block 1 to free chain"));
-}
-
 // ---- back-out ----------------------------------------------------------------------------------
 
 TEST_F(BlockRelease, ABackoutWritesNothingAndBlocksShowTheDiskAgain)

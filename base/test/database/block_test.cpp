@@ -89,19 +89,6 @@ TEST_F(Block, AShortHeaderOrAWrongMagicFailsTheOpenAndWritesNothing)
     EXPECT_TRUE(log.empty()) << log.dump();
 }
 
-TEST_F(Block, OpensTraceTheirEntryTheHeaderReadAndTheirResult)
-{
-    void** pp = &oBlck_;
-    TraceRecorder trace;
-    ASSERT_EQ(BlckFileOpen(pp, path().c_str()), 1u);
-    const std::string call = "BlckFileOpen(" + Address(pp) + ", " + path() + ")";
-    const std::vector<std::string> expected = {
-        call, "Read '0' of '16168' byte header", "Set free chain empty", "TRUE = " + call};
-    EXPECT_EQ(trace.texts(), expected);
-    EXPECT_TRUE(trace.has(TAG, 0, 4, call));
-    EXPECT_TRUE(trace.has(TAG, 0, 3, "TRUE = " + call));
-}
-
 TEST_F(Block, AnUnusableArgumentFailsTheOpenWithNothingButItsEntryAndResult)
 {
     int untouched = 0;

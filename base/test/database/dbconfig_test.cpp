@@ -103,15 +103,6 @@ TEST_F(DbConfig, HomeIsTheConfiguredDirectoryAsItStands)
     EXPECT_EQ(Home(), "some\\..\\where");
 }
 
-TEST_F(DbConfig, HomeIsTracedAtDetailLevel)
-{
-    Configure("/var/bases");
-    TraceRecorder trace;
-    Home();
-    ExpectLine(trace, 0, 4, "Db home dir is /var/bases");
-    EXPECT_EQ(trace.texts().size(), 1u);
-}
-
 TEST_F(DbConfig, HomeWithoutMemoryIsNullAndTheResultStaysOne)
 {
     Configure("/var/bases");
@@ -173,30 +164,6 @@ TEST_F(DbConfig, AllOtherPathsBelongToNone)
           "\\\\server\\share", "/unix", "SystemStat", "Ap", " C:\\x"})
         EXPECT_EQ(Derived(path), "") << path;
     EXPECT_EQ(Derived(nullptr), "");
-}
-
-TEST_F(DbConfig, DerivedPathIsTracedWithResultAndPath)
-{
-    Configure("/home/bases");
-    TraceRecorder trace;
-    Derived("e:\\x");
-    Derived("App");
-    Derived(nullptr);
-    char* none = nullptr;
-    EXPECT_EQ(DbGetClusterDerivedPath("xyz", &none), 0u);
-    EXPECT_EQ(DbGetClusterDerivedPath("e:\\x", nullptr), 0u);
-    Derived("SystemState");
-    const Texts expected = {
-        "For path e:\\x, retval is TRUE, db is E:\\tambdb",
-        "For path App, retval is FALSE, db is untouched",
-        "For path (null), retval is FALSE, db is untouched",
-        "For path xyz, retval is FALSE, db is (null)",
-        "For path e:\\x, retval is FALSE, db is (null)",
-        "Db home dir is /home/bases",
-        "For path SystemState, retval is TRUE, db is /home/bases"};
-    EXPECT_EQ(trace.texts(), expected);
-    for (const std::string& text : expected)
-        ExpectLine(trace, 0, 4, text);
 }
 
 TEST_F(DbConfig, DerivedPathWithoutMemoryIsNone)
@@ -271,20 +238,6 @@ TEST_F(DbConfig, EveryFirstCharacterComesBackFromItsMungedId)
             c == '@' ? Home() : std::string(1, static_cast<char>(lower ? c - 32 : c)) + ":\\tambdb";
         EXPECT_EQ(Taken(DbGetDbPathFromMungedQtreeId(static_cast<int32_t>(munged))), expected) << c;
     }
-}
-
-TEST_F(DbConfig, MungingIsTraced)
-{
-    Configure("/home/bases");
-    TraceRecorder trace;
-    DbMungeQtreeIdFromDbPath(0x92345678, "e:\\x");
-    DbMungeQtreeIdFromDbPath(5, nullptr);
-    DbMungeQtreeIdFromDbPath(5, "/home/bases");
-    ExpectLine(
-        trace, 0, 4,
-        "For path e:\\x and qtree id -1842063752 0x92345678, the return value is 0x5345678");
-    ExpectLine(trace, 0, 4, "For path (null) and qtree id 5 0x5, the return value is 0x0");
-    ExpectLine(trace, 0, 4, "For path /home/bases and qtree id 5 0x5, the return value is 0x0");
 }
 
 // ---- list of database paths -------------------------------------------------------------------

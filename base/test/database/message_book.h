@@ -16,8 +16,7 @@
 #include "nim/fault.h"
 #include "support/trace_recorder.h"
 
-// ---- what directives print
-// -----------------------------------------------------------------------
+// ---- what directives print --------------------------------------------------------------------
 
 // An address that the test cannot know.
 struct AnyAddress {};
@@ -159,8 +158,7 @@ Driver<Scene> MakeDriver(const char* format, Drive drive, const std::tuple<Value
 
 } // namespace book
 
-// ---- the lines of the book
-// -----------------------------------------------------------------------
+// ---- the lines of the book --------------------------------------------------------------------
 
 template <class Scene>
 struct BookLine {

@@ -271,8 +271,7 @@ TEST(BlockMessages, WritingABlock)
     ReadBook(BLCK, lines);
 }
 
-// ---- the product log
-// -----------------------------------------------------------------------------
+// ---- the product log --------------------------------------------------------------------------
 
 TEST(BlockMessages, LogEntriesOfLostWrites)
 {

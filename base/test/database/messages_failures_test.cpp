@@ -15,8 +15,7 @@ constexpr const char* BLCK = "BLCK        ";
 constexpr const char* DBLIB = "DBLIB        ";
 constexpr const char* INDX = "INDX        ";
 
-// ---- block files
-// ---------------------------------------------------------------------------------
+// ---- block files ------------------------------------------------------------------------------
 
 TEST(FailureMessages, OfBlockFiles)
 {
@@ -44,8 +43,7 @@ TEST(FailureMessages, OfBlockFiles)
     ReadBook(BLCK, lines);
 }
 
-// ---- the record encoding
-// -------------------------------------------------------------------------
+// ---- the record encoding ----------------------------------------------------------------------
 
 // An object to encode, and bytes to decode.
 struct EncodingScene {
@@ -165,8 +163,7 @@ TEST(FailureMessages, OfDecoding)
     ReadBook(DBLIB, lines);
 }
 
-// ---- trees
-// ---------------------------------------------------------------------------------------
+// ---- trees ------------------------------------------------------------------------------------
 
 TEST(FailureMessages, OfTrees)
 {
@@ -206,8 +203,7 @@ TEST(FailureMessages, OfTrees)
     ReadBook(INDX, lines);
 }
 
-// ---- tables and records
-// --------------------------------------------------------------------------
+// ---- tables and records -----------------------------------------------------------------------
 
 class TablesScene : public PeopleScene {
   public:

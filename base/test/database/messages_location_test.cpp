@@ -10,6 +10,22 @@ using S = LocationScene;
 
 TEST(LocationMessages, HomeAndPaths)
 {
+    // The directory that a path belongs to; where there is none the variable is as it was.
+    static char sUntouched[] = "untouched";
+    const auto derive = [](const char* path) {
+        return [=](S& s) {
+            s.Configure("/home/bases");
+            char* derived = sUntouched;
+            if (DbGetClusterDerivedPath(path, &derived))
+                MemFree(derived);
+        };
+    };
+    const auto munge = [](uint32_t qtreeId, const char* path) {
+        return [=](S& s) {
+            s.Configure("/home/bases");
+            DbMungeQtreeIdFromDbPath(qtreeId, path);
+        };
+    };
     const std::vector<BookLine<S>> lines = {
         {"Db home dir is %s", With("/some/where"), 0, 4,
          [](S& s) {
@@ -17,24 +33,28 @@ TEST(LocationMessages, HomeAndPaths)
              s.Home();
          }},
         {"For path %s, retval is %s, db is %s", With("e:\\x", "TRUE", "E:\\tambdb"), 0, 4,
+         derive("e:\\x")},
+        {"For path %s, retval is %s, db is %s", With("SystemState", "TRUE", "/home/bases"), 0, 4,
+         derive("SystemState")},
+        {"For path %s, retval is %s, db is %s", With("App", "FALSE", "untouched"), 0, 4,
+         derive("App")},
+        {"For path %s, retval is %s, db is %s", With("(null)", "FALSE", "untouched"), 0, 4,
+         derive(nullptr)},
+        {"For path %s, retval is %s, db is %s", With("xyz", "FALSE", "(null)"), 0, 4,
          [](S&) {
-             char* path = nullptr;
-             EXPECT_EQ(DbGetClusterDerivedPath("e:\\x", &path), 1u);
-             MemFree(path);
+             char* none = nullptr;
+             EXPECT_EQ(DbGetClusterDerivedPath("xyz", &none), 0u);
          }},
-        {"For path %s, retval is %s, db is %s", With("App1", "FALSE", "(null)"), 0, 4,
-         [](S&) {
-             char* path = nullptr;
-             EXPECT_EQ(DbGetClusterDerivedPath("App1", &path), 0u);
-         }},
-        {"For path %s, retval is %s, db is %s", With("(null)", "FALSE", "(null)"), 0, 4,
-         [](S&) {
-             char* path = nullptr;
-             EXPECT_EQ(DbGetClusterDerivedPath(nullptr, &path), 0u);
-         }},
+        {"For path %s, retval is %s, db is %s", With("e:\\x", "FALSE", "(null)"), 0, 4,
+         [](S&) { EXPECT_EQ(DbGetClusterDerivedPath("e:\\x", nullptr), 0u); }},
         {"For path %s and qtree id %d 0x%x, the return value is 0x%x",
-         With("e:\\x", 305419896, 0x12345678, 0x5345678), 0, 4,
-         [](S&) { EXPECT_EQ(DbMungeQtreeIdFromDbPath(0x12345678, "e:\\x"), 0x05345678u); }},
+         With("e:\\x", 305419896, 0x12345678, 0x5345678), 0, 4, munge(0x12345678, "e:\\x")},
+        {"For path %s and qtree id %d 0x%x, the return value is 0x%x",
+         With("e:\\x", -1842063752, 0x92345678, 0x5345678), 0, 4, munge(0x92345678, "e:\\x")},
+        {"For path %s and qtree id %d 0x%x, the return value is 0x%x", With("(null)", 5, 5, 0), 0,
+         4, munge(5, nullptr)},
+        {"For path %s and qtree id %d 0x%x, the return value is 0x%x", With("/home/bases", 5, 5, 0),
+         0, 4, munge(5, "/home/bases")},
     };
     ReadBook(DBCONFIG, lines);
 }

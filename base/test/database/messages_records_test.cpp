@@ -67,8 +67,7 @@ class RecordsScene : public PeopleScene {
 };
 using S = RecordsScene;
 
-// ---- adding
-// --------------------------------------------------------------------------------------
+// ---- adding -----------------------------------------------------------------------------------
 
 TEST(RecordMessages, AddingRecords)
 {
@@ -160,8 +159,7 @@ TEST(RecordMessages, AddingRecords)
     ReadBook(INDX, lines);
 }
 
-// ---- reading
-// -------------------------------------------------------------------------------------
+// ---- reading ----------------------------------------------------------------------------------
 
 TEST(RecordMessages, ReadingRecords)
 {
@@ -259,8 +257,7 @@ TEST(RecordMessages, PartialReads)
     ReadBook(INDX, lines);
 }
 
-// ---- modifying and deleting
-// ----------------------------------------------------------------------
+// ---- modifying and deleting -------------------------------------------------------------------
 
 TEST(RecordMessages, ModifyingRecords)
 {
@@ -349,8 +346,7 @@ TEST(RecordMessages, DeletingRecords)
     ReadBook(INDX, lines);
 }
 
-// ---- companion files
-// -----------------------------------------------------------------------------
+// ---- companion files --------------------------------------------------------------------------
 
 TEST(RecordMessages, CompanionFiles)
 {
@@ -383,8 +379,7 @@ TEST(RecordMessages, CompanionFiles)
     ReadBook(INDX, lines);
 }
 
-// ---- the product log
-// -----------------------------------------------------------------------------
+// ---- the product log --------------------------------------------------------------------------
 
 TEST(RecordMessages, LogEntriesOfRecords)
 {

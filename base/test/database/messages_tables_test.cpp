@@ -50,8 +50,7 @@ class TablesScene : public PeopleScene {
 };
 using S = TablesScene;
 
-// ---- the catalogue
-// -------------------------------------------------------------------------------
+// ---- the catalogue ----------------------------------------------------------------------------
 
 TEST(TableMessages, OpeningAndClosingDatabases)
 {
@@ -92,8 +91,7 @@ TEST(TableMessages, OpeningAndClosingDatabases)
     ReadBook(INDX, lines);
 }
 
-// ---- definition
-// ----------------------------------------------------------------------------------
+// ---- definition -------------------------------------------------------------------------------
 
 TEST(TableMessages, DefiningTables)
 {
@@ -135,8 +133,7 @@ TEST(TableMessages, DefiningTables)
     ReadBook(INDX, lines);
 }
 
-// ---- opening
-// -------------------------------------------------------------------------------------
+// ---- opening ----------------------------------------------------------------------------------
 
 TEST(TableMessages, OpeningTables)
 {
@@ -314,8 +311,7 @@ TEST(TableMessages, Versions)
     ReadBook(INDX, lines);
 }
 
-// ---- fields and cursors
-// --------------------------------------------------------------------------
+// ---- fields and cursors -----------------------------------------------------------------------
 
 TEST(TableMessages, FieldsAndCursors)
 {

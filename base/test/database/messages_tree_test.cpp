@@ -13,8 +13,7 @@ class S : public TreeScene {
     IndxCursor* cursor() const { return tree->cursor(); }
 };
 
-// ---- nodes
-// ---------------------------------------------------------------------------------------
+// ---- nodes ------------------------------------------------------------------------------------
 
 TEST(TreeMessages, OpeningAndNodes)
 {
@@ -85,6 +84,10 @@ TEST(TreeMessages, KeysOfRecords)
          [](S& s) { EXPECT_TRUE(s.Make(INDX_KEY_INTEGER).Add(4, NumberKey(-9))); }},
         {"Id = %ld, value = %I64d", With(4, -1099511627776), 0, 4,
          [](S& s) { EXPECT_TRUE(s.Make(INDX_KEY_INT64).Add(4, NumberKey(-(int64_t(1) << 40)))); }},
+        {"Id = %ld, value = %s", With(4, "text"), 0, 4,
+         [](S& s) { EXPECT_TRUE(s.Make(INDX_KEY_TEXT).Add(4, TextKey("text"))); }},
+        {"Id = %ld, value = %s", With(4, "abcd"), 0, 4, // without a NUL
+         [](S& s) { EXPECT_TRUE(s.Make(INDX_KEY_TEXT_NO_CASE).Add(4, BytesKey("abcd"))); }},
         {"Id = %ld, value = %s", With(4, "Oslo"), 0, 4,
          [](S& s) { EXPECT_TRUE(s.Make(INDX_KEY_TEXT_NO_CASE).Add(4, TextKey("Oslo"))); }},
         {"Id = %ld, value = %s", 0, 4,
@@ -99,8 +102,7 @@ TEST(TreeMessages, KeysOfRecords)
     ReadBook(INDX, lines);
 }
 
-// ---- searches and cursors
-// ------------------------------------------------------------------------
+// ---- searches and cursors ---------------------------------------------------------------------
 
 TEST(TreeMessages, Searching)
 {
@@ -167,6 +169,19 @@ TEST(TreeMessages, MovingForward)
     const std::vector<BookLine<S>> lines = {
         {"IndxNextKey(0x%p)", With(&S::cursor), 0, 4,
          [](S& s) { IndxNextKey(s.Integers({1}).cursor()); }},
+        {"Cursor status %ld at %ld:%ld", With(1, 0, 0), 0, 4,
+         [](S& s) {
+             IndxCursorBOI(s.Integers({1}).cursor());
+             IndxNextKey(s.tree->cursor());
+         }},
+        {"Cursor status %ld at %ld:%ld", With(4, 0, 1), 0, 4,
+         [](S& s) {
+             IndexFixture& t = s.Integers({1, 2, 3});
+             IndxCursor* pOther = t.OpenCursor();
+             t.Find(pOther, 2, NumberKey(2));
+             EXPECT_TRUE(t.Remove(2, NumberKey(2)));
+             IndxNextKey(pOther);
+         }},
         {"Cursor status %ld at %ld:%ld", With(3, 0, 1), 0, 4,
          [](S& s) {
              IndexFixture& t = s.Integers({1, 2});
@@ -263,8 +278,7 @@ TEST(TreeMessages, OtherMoves)
     ReadBook(INDX, lines);
 }
 
-// ---- insertion
-// -----------------------------------------------------------------------------------
+// ---- insertion --------------------------------------------------------------------------------
 
 TEST(TreeMessages, Inserting)
 {
@@ -371,8 +385,7 @@ TEST(TreeMessages, Splitting)
     ReadBook(INDX, lines);
 }
 
-// ---- deletion
-// ------------------------------------------------------------------------------------
+// ---- deletion ---------------------------------------------------------------------------------
 
 TEST(TreeMessages, Deleting)
 {

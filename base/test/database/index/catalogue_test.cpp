@@ -131,27 +131,6 @@ TEST_F(Catalogue, TemplatesAreMadeOnceWithTheirMagicsAndSizes)
     EXPECT_EQ(std::memcmp(&before, &gIndxTemplates, sizeof before), 0);
 }
 
-TEST_F(Catalogue, OpenAndCloseAreTraced)
-{
-    void* oNames = Names({"A"});
-    void* oDatabase = nullptr;
-    TraceRecorder trace;
-    ASSERT_EQ(IndxOpenDatabase(&oDatabase, "Data", oNames, nullptr), 1u);
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 4, "IndxOpenDatabase(" + Hex(&oDatabase) + ", Data, " + Hex(oNames) + ")"))
-        << trace.dump();
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 3,
-        "TRUE = IndxOpenDatabase(0x" + Hex(&oDatabase) + ", Data, " + Hex(oNames) + ")"));
-    EXPECT_EQ(trace.countLevel(-1), 0u);
-    trace.clear();
-    ASSERT_EQ(IndxCloseDatabase(&oDatabase), 1u);
-    const std::string call = "IndxCloseDatabase(" + Hex(&oDatabase) + ")";
-    EXPECT_TRUE(trace.has(TAG, 0, 4, call)) << trace.dump();
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "TRUE = " + call));
-    ObjReleaseInternal(&oNames);
-}
-
 TEST_F(Catalogue, MissingArgumentsFailWithoutACode)
 {
     void* oDatabase = &oDatabase;

@@ -454,72 +454,6 @@ TEST_F(Cursor, GetIdReturns0WhetherItStoresAnIdOrCannot)
 
 // ---- messages ----------------------------------------------------------------------------------
 
-TEST_F(Cursor, MovesTraceWhereTheyAreAndWhatTheyReturn)
-{
-    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
-    Fill(index, 3);
-    IndxCursor* c = index.OpenCursor();
-    const std::string p = Address(c);
-    TraceRecorder trace;
-    const auto Has = [&](const std::string& text) { return trace.has(TAG, 0, 4, text); };
-    IndxCursorBOI(c);
-    EXPECT_TRUE(Has("IndxCursorBOI(" + p + ")"));
-    trace.clear();
-    IndxNextKey(c);
-    EXPECT_TRUE(Has("IndxNextKey(0x" + p + ")")) << trace.dump();
-    EXPECT_TRUE(Has("Cursor status 1 at 0:0"));
-    EXPECT_TRUE(Has("Cursor is at beginning of index"));
-    EXPECT_TRUE(Has("Block is apparently valid"));
-    EXPECT_TRUE(Has("6 = IndxNextKey"));
-    trace.clear();
-    IndxNextKey(c);
-    EXPECT_TRUE(Has("Cursor status 3 at 0:0")) << trace.dump();
-    EXPECT_TRUE(Has("at 0:0, 3 keys in node"));
-    trace.clear();
-    index.Remove(2, NumberKey(20));
-    trace.clear();
-    IndxNextKey(c);
-    EXPECT_TRUE(Has("Cursor status 4 at 0:1")) << trace.dump();
-    EXPECT_TRUE(Has("Cursor was Untrusted, bFound = TRUE"));
-    index.Add(5, NumberKey(50));
-    trace.clear();
-    IndxNextKey(c); // its key is there, and the step follows
-    EXPECT_TRUE(Has("Cursor was Untrusted, bFound = FALSE")) << trace.dump();
-    trace.clear();
-    IndxPreviousKey(c);
-    EXPECT_TRUE(Has("IndxPreviousKey(" + p + ")")) << trace.dump();
-    EXPECT_FALSE(trace.hasPart("= IndxPreviousKey"));
-    trace.clear();
-    IndxNextMatchingKey(c);
-    EXPECT_TRUE(Has("IndxNextMatchingKey(0x" + p + ")")) << trace.dump();
-    EXPECT_TRUE(trace.hasPart("Cursor status 3 at 0:"));
-    trace.clear();
-    IndxFirstKey(c);
-    EXPECT_TRUE(Has("IndxFirstKey()"));
-    IndxLastKey(c);
-    EXPECT_TRUE(Has("IndxLastKey()"));
-    IndxCurrentKey(c);
-    EXPECT_TRUE(Has("IndxCurrentKey()"));
-    IndxCursorEOI(c);
-    EXPECT_TRUE(Has("IndxCursorEOI(" + p + ")"));
-    trace.clear();
-    IndxNextKey(c);
-    EXPECT_TRUE(Has("8 = IndxNextKey")) << trace.dump();
-    EXPECT_EQ(trace.countLevel(-1), 0u);
-}
-
-TEST_F(Cursor, AMatchThatHadMovedTracesIt)
-{
-    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
-    Fill(index, 3);
-    IndxCursor* c = index.OpenCursor();
-    IndxFirstKey(c);
-    index.Remove(1, NumberKey(10));
-    TraceRecorder trace;
-    IndxNextMatchingKey(c);
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Cursor was Untrusted, bFound = TRUE")) << trace.dump();
-}
-
 // ---- nodes that cannot be had ------------------------------------------------------------------
 
 TEST_F(Cursor, AMoveWhoseNodeCannotBeReadGives8WithError13)
@@ -588,6 +522,19 @@ TEST_F(Cursor, NextMatchingAfterAMissStepsWithoutComparingAndStaysAt7)
     EXPECT_EQ(CursorId(index.cursor()), 2u);
     EXPECT_EQ(index.Find(2, NumberKey(5)), 6);
     EXPECT_EQ(IndxNextMatchingKey(index.cursor()), 6);
+}
+
+TEST_F(Cursor, PreviousHasNoExitTraceAsNextHas)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    Fill(index, 2);
+    IndxLastKey(index.cursor());
+    TraceRecorder trace;
+    EXPECT_EQ(IndxPreviousKey(index.cursor()), 6);
+    EXPECT_FALSE(trace.hasPart("= IndxPreviousKey")) << trace.dump();
+    EXPECT_EQ(IndxNextKey(index.cursor()), 6);
+    EXPECT_TRUE(trace.has(TAG, 0, 4, "6 = IndxNextKey"));
+    EXPECT_EQ(trace.countLevel(-1), 0u);
 }
 
 } // namespace

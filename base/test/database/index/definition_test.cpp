@@ -118,34 +118,6 @@ TEST_F(Definition, FieldsThatAreNotIndexedHaveNoListOfCursors)
     EXPECT_EQ(Field(pTable, 1)->oCursors, nullptr);
 }
 
-TEST_F(Definition, TracesEveryStepInOrder)
-{
-    TraceRecorder trace;
-    ASSERT_NE(Create("i;s;", "Id;Unique, Name;Indexed"), nullptr);
-    std::vector<std::string> steps;
-    bool bInside = false;
-    for (const TraceRecorder::Line& line : trace.lines()) {
-        bInside = bInside || line.text == "IndxCreateTable()";
-        if (!bInside || line.tag != TAG)
-            continue;
-        EXPECT_EQ(line.error, 0u);
-        EXPECT_EQ(line.level, 4);
-        steps.push_back(line.text);
-        if (line.text == "End of format string")
-            bInside = false; // the word before the end follows
-    }
-    EXPECT_EQ(
-        steps,
-        (std::vector<std::string>{
-            "IndxCreateTable()", "Format 'i;s;'", "Fields 'Id;Unique, Name;Indexed'",
-            "Process 'Id'", "Field 0 'Id' offset 4 indexed FALSE unique TRUE case sensitive FALSE",
-            "End of format string"}));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Process 'Name'"));
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 4, "Field 1 'Name' offset 8 indexed TRUE unique FALSE case sensitive FALSE"));
-    EXPECT_EQ(trace.countLevel(-1), 0u) << trace.dump();
-}
-
 // ---- texts that are missing -------------------------------------------------------------------
 
 TEST_F(Definition, EmptyFormatIsRefusedWith19)

@@ -139,19 +139,6 @@ TEST_F(DeleteRecordTest, ThousandsGoInAnyOrder)
     EXPECT_TRUE(SoundTable(table_));
 }
 
-TEST_F(DeleteRecordTest, TheEndOfADeletionIsTraced)
-{
-    AddFirst(1);
-    const Cursor cursor(table_, "Id");
-    ASSERT_EQ(IndxFirstKey(cursor.get()), INDX_RESULT_FOUND);
-    TraceRecorder trace;
-    ASSERT_EQ(IndxDeleteRecord(cursor.get()), 1u);
-    EXPECT_EQ(trace.texts().back(), "TRUE = IndxDeleteRecord(" + Hex(cursor.get()) + ")");
-    EXPECT_EQ(trace.lines().back().level, 4);
-    EXPECT_EQ(trace.countLevel(-1), 0u);
-    EXPECT_EQ(IndxError(), UNTOUCHED);
-}
-
 // ---- refusals --------------------------------------------------------------------------------
 
 TEST_F(DeleteRecordTest, WithoutACursorOnAKeyThereIsNoRecordToDelete)

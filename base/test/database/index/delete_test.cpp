@@ -210,6 +210,7 @@ TEST_F(Delete, AKeyThatIsNotThereIsCode7AndNoChange)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER}});
     index.cursor()->result = 0;
+    const TraceRecorder trace(0);
     EXPECT_FALSE(index.Delete(1, NumberKey(1)));
     EXPECT_EQ(index.cursor()->result, INDX_RESULT_NOT_FOUND); // an empty index
     Fill(index, 1500);
@@ -220,6 +221,7 @@ TEST_F(Delete, AKeyThatIsNotThereIsCode7AndNoChange)
         EXPECT_EQ(index.cursor()->result, INDX_RESULT_NOT_FOUND);
     }
     EXPECT_EQ(index.cursor()->status, INDX_ON_KEY); // nobody was made untrusted
+    EXPECT_TRUE(trace.lines().empty()) << trace.dump();
     FileCalls calls;
     index.Update();
     EXPECT_EQ(calls.count(FILE_OP_WRITE), 0u);
@@ -234,26 +236,6 @@ TEST_F(Delete, AKeyThatCannotBeTakenFromTheRecordReadsNoNode)
     EXPECT_FALSE(index.Delete(1, BytesKey("")));
     EXPECT_EQ(index.cursor()->result, INDX_RESULT_EMPTY_KEY);
     EXPECT_EQ(calls.count(FILE_OP_READ), 0u);
-}
-
-TEST_F(Delete, DeletionsTraceTheirEntryAndResult)
-{
-    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
-    Fill(index, 2);
-    TraceRecorder trace;
-    index.Delete(1, NumberKey(10));
-    const std::string c = Address(index.cursor());
-    EXPECT_TRUE(trace.hasPart("IndxDeletetKey(" + c + ", ")) << trace.dump(); // the doubled letter
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxDeleteKeyFromNode(" + c + ", 0, 0)"));
-    EXPECT_TRUE(trace.hasPart("TRUE = IndxDeleteKey(" + c + ", "));
-    EXPECT_TRUE(trace.hasPart("IndxInvalidateCursors(" + c + ")"));
-    trace.clear();
-    index.Delete(1, NumberKey(10));
-    EXPECT_TRUE(trace.hasPart("FALSE = IndxDeleteKey(" + c + ", ")) << trace.dump();
-    EXPECT_EQ(trace.countLevel(-1), 0u);
-    EXPECT_EQ(trace.countLevel(0), 0u);
-    index.Update();
-    EXPECT_TRUE(SoundTable(index.table()));
 }
 
 TEST_F(Delete, AnEntryByNodeAndPositionCanBeRemovedAndOthersAreRefused)

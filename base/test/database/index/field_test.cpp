@@ -67,16 +67,6 @@ TEST_F(Fields, UnknownNameIsError5)
     EXPECT_TRUE(trace.has(TAG, 0, 4, "FALSE = " + arguments));
 }
 
-TEST_F(Fields, FoundFieldIsTraced)
-{
-    TraceRecorder trace;
-    void* oField = nullptr;
-    ASSERT_EQ(IndxGetField(&oField, oTable_, "Name"), 1u);
-    const std::string arguments = "IndxGetField(" + Hex(&oField) + ", " + Hex(oTable_) + ", Name)";
-    EXPECT_EQ(trace.texts(), (std::vector<std::string>{arguments, "TRUE = " + arguments}));
-    ObjReleaseInternal(&oField);
-}
-
 TEST_F(Fields, BadArgumentsAreRefusedWithoutACode)
 {
     void* oField = nullptr;
@@ -133,23 +123,6 @@ TEST_F(Fields, CursorsJoinTheListInOrder)
     EXPECT_EQ(oItem, oSecond);
     IndxReleaseCursor(&oSecond);
     EXPECT_EQ(ListGetCount(pField->oCursors), 0u);
-}
-
-TEST_F(Fields, CursorIsTracedWithFieldAndTable)
-{
-    TraceRecorder trace;
-    void* oCursor = nullptr;
-    IndxField* pField = Field(oTable_, 1);
-    ASSERT_EQ(IndxGetCursor(&oCursor, pField), 1u);
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Got cursor to field     'Name' of 'T'")) << trace.dump();
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 4,
-        "TRUE = IndxGetCursor(" + Hex(&oCursor) + ", " + Hex(pField) + ") " + Hex(oCursor)));
-    trace.clear();
-    const std::string entry = "IndxReleaseCursor(" + Hex(&oCursor) + ") " + Hex(oCursor);
-    ASSERT_EQ(IndxReleaseCursor(&oCursor), 1u);
-    EXPECT_TRUE(trace.has(TAG, 0, 4, entry)) << trace.dump();
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Release cursor to field 'Name' of 'T'"));
 }
 
 TEST_F(Fields, CursorOnAFieldThatIsNotIndexedIsError6)

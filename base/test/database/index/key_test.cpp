@@ -78,32 +78,6 @@ TEST_F(KeyFromRecord, EveryKeyTypeTakesItsValueFromTheSlot)
     }
 }
 
-TEST_F(KeyFromRecord, TakingAKeyTracesItsIdAndValue)
-{
-    const std::string id32(32, '\x1f');
-    std::string digits;
-    for (int i = 0; i < 32; ++i)
-        digits += "1f";
-    const struct {
-        int32_t keyType;
-        Key key;
-        std::string text;
-    } cases[] = {
-        {INDX_KEY_RECORD_ID, {}, "Id = 7"},
-        {INDX_KEY_INTEGER, NumberKey(-5), "Id = 7, value = -5"},
-        {INDX_KEY_INT64, NumberKey(-5'000'000'000), "Id = 7, value = -5000000000"},
-        {INDX_KEY_TEXT, TextKey("text"), "Id = 7, value = text"},
-        {INDX_KEY_TEXT_NO_CASE, BytesKey("abcd"), "Id = 7, value = abcd"}, // without a NUL
-        {INDX_KEY_UNIQUE_ID, BytesKey(id32), "Id = 7, value = " + digits},
-    };
-    for (const auto& c : cases) {
-        TraceRecorder trace;
-        EXPECT_TRUE(Take(c.keyType, c.key).taken);
-        EXPECT_TRUE(trace.hasPart("IndxGetKeyInfoFromRecord("));
-        EXPECT_TRUE(trace.has(TAG, 0, 4, c.text)) << trace.dump();
-    }
-}
-
 TEST_F(KeyFromRecord, ATextOfTheMaximumLengthIsTakenAndOneByteMoreGivesCode2)
 {
     EXPECT_TRUE(Take(INDX_KEY_TEXT, SizedKey("a", 8168)).taken);

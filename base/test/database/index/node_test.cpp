@@ -152,29 +152,22 @@ TEST_F(Node, TheStoredEndAddressMeansNothing)
 
 // ---- getting, making, releasing, discarding ----------------------------------------------------
 
-TEST_F(Node, NodeOperationsTraceTheirArguments)
+TEST_F(Node, AReleasedNodeStaysInMemoryAndADiscardedOneInItsVariable)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER}});
     IndxCursor* c = index.cursor();
     uint8_t* pNode = nullptr;
-    const std::string args = "(" + Address(&pNode) + ", " + Address(c);
-    TraceRecorder trace;
     IndxNewNode(&pNode, c);
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxNewNode" + args + ")")) << trace.dump();
     uint8_t* const pFirst = pNode;
     IndxReleaseNode(&pNode, c, TRUE);
     EXPECT_EQ(pNode, nullptr);
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxReleaseNode" + args + ", TRUE)"));
     IndxGetNode(&pNode, c, 0);
     ASSERT_EQ(pNode, pFirst); // in memory until the operation ends
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxGetNode" + args + ", 0)"));
     IndxReleaseNode(&pNode, c, FALSE);
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxReleaseNode" + args + ", FALSE)"));
     IndxGetNode(&pNode, c, 0);
     uint8_t* pSame = pNode;
     IndxDiscardNode(&pNode, c);
     EXPECT_EQ(pNode, pSame); // left as it is
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxDiscardNode" + args + ")"));
     index.Update();
     EXPECT_EQ(CheckTable(index.table()).freeChain, std::vector<uint32_t>{0});
 }
@@ -274,55 +267,27 @@ TEST_F(Node, MovingNoEntriesDoesNothingAndTracesNothing)
     EXPECT_EQ(Bytes(pNode, 0, 16384), before);
 }
 
-TEST_F(Node, MovesTraceTheirStepsWithAndWithoutAHeap)
+TEST_F(Node, MovedEntriesTakeTheirHeapAlong)
 {
-    IndexFixture index(path(), {{INDX_KEY_TEXT}, {INDX_KEY_INTEGER}});
-    index.Insert(1, TextKey("bcd"), 0, 0);
-    index.Insert(1, NumberKey(7), 0, 1);
-    index.Update();
-    const auto At = [](const uint8_t* p) { return Address(p); };
+    IndexFixture index(path(), {{INDX_KEY_TEXT}});
+    index.Add(1, TextKey("bcd"));
     uint8_t* pNode = nullptr;
-    IndxCursor* c = index.cursor(0);
-    IndxGetNode(&pNode, c, index.field(0)->roots.tRoot);
-    TraceRecorder trace;
-    EXPECT_EQ(IndxMoveEntries(c, pNode, 1, pNode, 0, 1, 9), 1u);
-    EXPECT_EQ(
-        trace.texts(), (std::vector<std::string>{
-                           "IndxMoveEntries(" + At(reinterpret_cast<uint8_t*>(c)) + ", " +
-                               At(pNode) + ", 1, " + At(pNode) + ", 0, 1, 9)",
-                           "lOffsetCorrection = 9",
-                           "Move entries " + At(pNode + 56) + ", " + At(pNode + 32) + ", 24",
-                           " fixup entry 0 offset 4",
-                           "Move the heap data " + At(pNode + 16384 - 13) + ", " +
-                               At(pNode + 16384 - 4) + ", 4"}));
+    IndxGetNode(&pNode, index.cursor(), 0);
+    EXPECT_EQ(IndxMoveEntries(index.cursor(), pNode, 1, pNode, 0, 1, 9), 1u);
     EXPECT_EQ(Bytes(pNode, 16384 - 13, 4), std::string("bcd\0", 4));
-    c = index.cursor(1);
-    IndxGetNode(&pNode, c, index.field(1)->roots.tRoot);
-    trace.clear();
-    EXPECT_EQ(IndxMoveEntries(c, pNode, 1, pNode, 0, 1, 0), 1u);
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 4, "Just move entries " + At(pNode + 56) + ", " + At(pNode + 32) + ", 24"))
-        << trace.dump();
     index.Backout();
-    EXPECT_TRUE(SoundTable(index.table()));
 }
 
-TEST_F(Node, PuttingAKeyTracesItsHeapBytes)
+TEST_F(Node, PuttingAKeyLeavesTheCountToItsCaller)
 {
     IndexFixture index(path(), {{INDX_KEY_TEXT}});
     index.Add(1, TextKey("one"));
     uint8_t* pNode = nullptr;
     IndxGetNode(&pNode, index.cursor(), 0);
     IndxKeyInfo* pKey = index.MakeKeyInfo(2, TextKey("two"));
-    TraceRecorder trace;
     EXPECT_EQ(IndxPutKeyIntoNode(index.cursor(), pNode, 1, pKey), 1u);
-    EXPECT_EQ(
-        trace.texts(), (std::vector<std::string>{
-                           "IndxPutKeyIntoNode(" + Address(index.cursor()) + ", " + Address(pNode) +
-                               ", 1, " + Address(pKey) + ")",
-                           "Insert heap data " + Address(pNode + 16384 - 8) + ", " +
-                               Address(ObjGetDataFieldData(pKey->oValue)) + ", 4"}));
-    EXPECT_EQ(Bytes(pNode, 20, 4), Word(1)); // the count is the caller's
+    EXPECT_EQ(Bytes(pNode, 16384 - 8, 4), std::string("two\0", 4));
+    EXPECT_EQ(Bytes(pNode, 20, 4), Word(1));
     ObjRelease(pKey);
     index.Backout();
 }

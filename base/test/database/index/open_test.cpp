@@ -30,32 +30,6 @@ TEST_F(Opening, NewTableIsListedStoredAndHandedOut)
     EXPECT_EQ(IndxError(), UNCHANGED);
 }
 
-TEST_F(Opening, CreationIsTraced)
-{
-    TraceRecorder trace;
-    void* oTable = nullptr;
-    ASSERT_EQ(
-        IndxOpenTableInternal(&oTable, database(), "T", "F", 0xca000007, FORMAT, FIELDS, 1, 7), 1u);
-    const std::string table = Hex(&oTable) + ", " + Hex(database()) + ", T";
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 4,
-        "IndxOpenTableInternal(" + table + ", F, " + std::to_string(int32_t(0xca000007)) + ", " +
-            FORMAT + " " + FIELDS + ", TRUE 7)"))
-        << trace.dump();
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Return table 'F' version of 'does not exist'"));
-    EXPECT_TRUE(trace.hasPart("IndxOpenExistingTable("));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Table does not exist yet"));
-    EXPECT_TRUE(trace.has(TAG, 0, 3, "Create a new table"));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Succesfully set table 'T' version to 7"));
-    EXPECT_TRUE(
-        trace.has(TAG, 0, 4, "TRUE = IndxSetTableVersion('T', " + Hex(database()) + ", 7)"));
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 4, "TRUE = IndxRecordsOpen(" + Hex(oTable) + ") " + PathOf("Records", "F")));
-    EXPECT_TRUE(trace.has(TAG, 0, 3, "TRUE = IndxOpenTableInternal(" + table + ", F, ...)"));
-    EXPECT_EQ(trace.countLevel(-1), 0u);
-    IndxReleaseTable(&oTable);
-}
-
 TEST_F(Opening, TableMayStayWithTheDatabaseOnly)
 {
     EXPECT_EQ(

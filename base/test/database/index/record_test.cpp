@@ -440,65 +440,17 @@ TEST_F(RecordTest, ARecordWhoseSlotsPointOutsideItIsRefused)
     ExpectHolds(table_, {{1, MakePerson(1)}});
 }
 
-// ---- messages of adding ----------------------------------------------------------------------
+// ---- failures --------------------------------------------------------------------------------
 
-TEST_F(RecordTest, AnAddTracesItsSteps)
+TEST_F(RecordTest, TheFirstIndexThatRefusesAKeyEndsTheAdd)
 {
-    const Held blob = BlobOf(MakePerson(1));
-    auto* pData = &static_cast<DbBlob*>(blob.get())->data;
-    uint32_t id = 0;
-    {
-        TraceRecorder trace;
-        ASSERT_EQ(IndxAddRecordToTable(&id, table_, blob.get()), 1u);
-        EXPECT_TRUE(trace.has(TAG, 0, 4, "New record id is 1"));
-        EXPECT_TRUE(trace.has(
-            TAG, 0, 4, "IndxAddRecordInternal(1, " + Hex(table_) + " " + Hex(pData) + ", TRUE)"))
-            << trace.dump();
-        EXPECT_TRUE(trace.has(TAG, 0, 4, "Index at Offset 4"));
-        EXPECT_TRUE(trace.has(
-            TAG, 0, 4,
-            "TRUE = IndxAddRecordToTable(" + Hex(&id) + ", " + Hex(table_) + ", " +
-                Hex(blob.get()) + ")"))
-            << trace.dump();
-        EXPECT_EQ(trace.countLevel(-1), 0u) << trace.dump();
-    }
-    {
-        TraceRecorder trace;
-        ASSERT_EQ(IndxAddRecordToTable(&id, table_, blob.get()), 0u); // a duplicate
-        EXPECT_TRUE(trace.has(TAG, 0, -1, "Failed to insert key"));
-        EXPECT_EQ(trace.count("Failed to insert key"), 1u); // the first that fails ends it
-        EXPECT_TRUE(trace.hasPart("'Name' of 'People'"));
-        EXPECT_FALSE(trace.hasPart("'Town' of 'People'"));
-        EXPECT_TRUE(trace.has(TAG, 0, -1, "Failed to update indices"));
-        EXPECT_TRUE(trace.has(
-            TAG, 0, 4,
-            "FALSE = IndxAddRecordToTable(" + Hex(&id) + ", " + Hex(table_) + ", " +
-                Hex(blob.get()) + ")"))
-            << trace.dump();
-    }
-    {
-        TraceRecorder trace;
-        const Held other = BlobOf(MakePerson(2));
-        ASSERT_EQ(IndxSetRecordInTable(77, table_, other.get()), 1u);
-        EXPECT_TRUE(trace.has(
-            TAG, 0, 4,
-            "TRUE = IndxSetRecordInTable(77, " + Hex(table_) + ", " + Hex(other.get()) + ")"))
-            << trace.dump();
-        ASSERT_EQ(IndxSetRecordInTable(77, table_, other.get()), 0u);
-        EXPECT_TRUE(trace.has(
-            TAG, 0, 4,
-            "FALSE = IndxSetRecordInTable(77, " + Hex(table_) + ", " + Hex(other.get()) + ")"));
-    }
-    {
-        TraceRecorder trace;
-        const Held third = BlobOf(MakePerson(3));
-        auto* pThird = &static_cast<DbBlob*>(third.get())->data;
-        ASSERT_EQ(IndxAddRecordOnly(90, table_, pThird), 1u);
-        EXPECT_TRUE(trace.has(
-            TAG, 0, 4,
-            "IndxAddRecordInternal(90, " + Hex(table_) + " " + Hex(pThird) + ", FALSE)"));
-        ASSERT_EQ(IndxUpdateTable(table_), 1u);
-    }
+    MustAdd(1);
+    TraceRecorder trace;
+    Person again = MakePerson(1); // name and key are taken
+    EXPECT_EQ(Add(table_, &again), 0u);
+    EXPECT_EQ(trace.count("Failed to insert key"), 1u) << trace.dump();
+    EXPECT_TRUE(trace.hasPart("'Name' of 'People'"));
+    EXPECT_FALSE(trace.hasPart("'Town' of 'People'"));
     ExpectSound(table_);
 }
 

@@ -216,29 +216,6 @@ TEST_F(Search, AKeyTypeWithoutAnOrderEndsAtPosition0)
     index.Backout();
 }
 
-TEST_F(Search, SearchesTraceTheirBoundsTiesAndOutcome)
-{
-    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
-    index.Insert(3, NumberKey(5));
-    index.Insert(9, NumberKey(5));
-    index.Update();
-    uint8_t* pNode = nullptr;
-    IndxGetNode(&pNode, index.cursor(), 0);
-    IndxKeyInfo* pKey = index.MakeKeyInfo(9, NumberKey(5));
-    int32_t position = 0;
-    TraceRecorder trace;
-    EXPECT_EQ(IndxSearchNode(&position, index.cursor(), pNode, pKey), 1u);
-    EXPECT_EQ(
-        trace.texts(), (std::vector<std::string>{
-                           "IndxSearchNode(" + Address(&position) + ", " + Address(index.cursor()) +
-                               ", " + Address(pNode) + ", " + Address(pKey) + ")",
-                           "lower 0 upper 1 KeyType 3", "Compare keys 9 and 3",
-                           "Compare keys 9 and 9", "lResult 0 index 1"}));
-    for (const TraceRecorder::Line& line : trace.lines())
-        EXPECT_EQ(line.level, 4);
-    ObjRelease(pKey);
-}
-
 TEST_F(Search, AUniqueIndexLooksAtTheValueAlone)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER, true}});
@@ -521,27 +498,6 @@ TEST_F(Search, RandomIntegersOfTheWholeRangeNeverBreakTheTree)
 }
 
 // ---- loading the cursor ------------------------------------------------------------------------
-
-TEST_F(Search, FindingTracesTheDescentAndTheKeyItLoads)
-{
-    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
-    index.Add(3, NumberKey(5));
-    void* oKey = ObjIntegerNew(5);
-    TraceRecorder trace;
-    EXPECT_EQ(IndxFindKey(index.cursor(), 3, oKey), INDX_RESULT_FOUND);
-    const std::string c = Address(index.cursor());
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxFindKey(" + c + ", 3, " + Address(oKey) + ")"))
-        << trace.dump();
-    EXPECT_TRUE(trace.hasPart("IndxFind(" + c + ", "));
-    EXPECT_TRUE(trace.hasPart("IndxUpdateCursor(" + c + ", "));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Get key at 0:0"));
-    trace.clear();
-    IndxUpdateCursor(index.cursor(), nullptr, INDX_AT_END);
-    EXPECT_EQ(
-        trace.texts(),
-        std::vector<std::string>{"IndxUpdateCursor(" + c + ", " + Address(nullptr) + ", 2)"});
-    ObjReleaseInternal(&oKey);
-}
 
 TEST_F(Search, ACursorIsLoadedOnlyAfterCode6Or7)
 {
