@@ -245,10 +245,12 @@ TEST_F(BackoutTest, AnAddRecordThatWasNotStoredIsDroppedByALaterFailure)
     People model;
     ExpectAdded(MakePerson(1), &model);
     const Held blob = BlobOf(MakePerson(2));
+    const uint64_t size = std::filesystem::file_size(RecordsPath());
     ASSERT_EQ(IndxAddRecord(7, table_, &static_cast<DbBlob*>(blob.get())->data), 1u);
     Person again = MakePerson(1);
     EXPECT_EQ(Add(table_, &again), 0u);
     ExpectHolds(table_, model);
+    EXPECT_GT(std::filesystem::file_size(RecordsPath()), size); // its bytes stay
     ExpectAdded(MakePerson(2), &model);
 }
 

@@ -270,23 +270,6 @@ TEST_F(BlockRelease, ABlockMarkedDiscardedCanBeUsedUntilItLeavesMemory)
     EXPECT_EQ(ReadFileBytes(path())[16384 + 9], 'w');
 }
 
-TEST_F(BlockRelease, LeavingMemoryIsTraced)
-{
-    MakeBlocks(2);
-    void* pData = Get(0);
-    Fill(Get(1), 'm');
-    Discard(0);
-    TraceRecorder trace;
-    Release();
-    const void* oBlock = static_cast<const uint8_t*>(pData) - 8;
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "BlkBlockDestructor(" + Address(oBlock) + ")"))
-        << trace.dump();
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Add Block 0 to free chain"));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Write out block 0, 16384 bytes at offset 16384"));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Write out block 1, 16384 bytes at offset 32768"));
-    EXPECT_FALSE(trace.has("Add Block 1 to free chain"));
-}
-
 // ---- back-out ----------------------------------------------------------------------------------
 
 TEST_F(BlockRelease, ABackoutWritesNothingAndBlocksShowTheDiskAgain)
@@ -310,11 +293,19 @@ TEST_F(BlockRelease, ABackoutRestoresNeitherCountNorUserData)
     New();
     static_cast<char*>(BlckUserData(oBlck_))[7] = 'u';
     BlckUserDataModified(oBlck_);
+    FileCalls calls;
     Backout();
+    EXPECT_EQ(calls.count(FILE_OP_WRITE), 0u);
+    EXPECT_EQ(control()->bModified, 1u);
     Release();
     const std::string bytes = ReadFileBytes(path());
     EXPECT_EQ(U32At(bytes, 8), 2u);
     EXPECT_EQ(bytes[47], 'u');
+    // What a back-out left is written when the file is closed, too.
+    New();
+    Backout();
+    Close();
+    EXPECT_EQ(U32At(ReadFileBytes(path()), 8), 3u);
 }
 
 // ---- flushing one block ------------------------------------------------------------------------
@@ -327,6 +318,9 @@ TEST_F(BlockRelease, AFlushWritesTheBlockNowWhetherItChangedOrNot)
     EXPECT_EQ(BlckFlushBlock(oBlck_, Get(1)), 1u);
     EXPECT_TRUE(trace.has(TAG, 0, 4, "Write out block 1, 16384 bytes at offset 32768"));
     EXPECT_EQ(calls.offsets(FILE_OP_WRITE), Offsets{2 * 16384});
+    Get(1)[0] = 'w'; // and nobody is told
+    EXPECT_EQ(BlckFlushBlock(oBlck_, Get(1)), 1u);
+    EXPECT_EQ(Stored(1), "w" + std::string(16383, 'B'));
     Fill(Get(0), 'm');
     EXPECT_EQ(BlckFlushBlock(oBlck_, Get(0)), 1u);
     EXPECT_EQ(ReadFileBytes(path())[16384], 'm');
@@ -339,6 +333,8 @@ TEST_F(BlockRelease, AFlushRefusesAnInvalidFileWithAMessageAndAnInvalidBlockWith
 {
     MakeBlocks(1);
     TraceRecorder trace;
+    LogRecorder log;
+    EXPECT_EQ(BlckFlushBlock(Get(0), oBlck_), 0u); // the file comes first here
     EXPECT_EQ(BlckFlushBlock(nullptr, Get(0)), 0u);
     EXPECT_TRUE(trace.has(TAG, 0, -1, "Invalid oBlck at " + Address(nullptr))) << trace.dump();
     void* oWrong = ObjStringNew("no block");
@@ -346,6 +342,7 @@ TEST_F(BlockRelease, AFlushRefusesAnInvalidFileWithAMessageAndAnInvalidBlockWith
     EXPECT_EQ(BlckFlushBlock(oBlck_, nullptr), 0u);
     EXPECT_EQ(BlckFlushBlock(oBlck_, static_cast<char*>(oWrong) + 8), 0u);
     EXPECT_TRUE(trace.lines().empty()) << trace.dump();
+    EXPECT_TRUE(log.empty()) << log.dump();
     ObjReleaseInternal(&oWrong);
 }
 
@@ -361,6 +358,7 @@ TEST_F(BlockRelease, AFlushThatFailsIsLoggedAndTheBlockStaysChanged)
         EXPECT_TRUE(trace.has(TAG, 0, -1, "Failed to flush database block")) << trace.dump();
         EXPECT_TRUE(log.has(1299, 96, "Failed to flush database block")) << log.dump();
         EXPECT_EQ(log.messages().size(), 1u);
+        EXPECT_FALSE(trace.hasPart("seek")); // it has no message of its own
     }
     EXPECT_EQ(ReadFileBytes(path())[16384], 'A');
     Release();
@@ -375,12 +373,14 @@ TEST_F(BlockRelease, ABlockThatCannotBeWrittenIsLoggedAndItsChangeLost)
     for (int id = 0; id < 3; ++id)
         Fill(Get(id), 'm');
     LogRecorder log;
+    TraceRecorder trace;
     {
         const ArmedFault fault(FAULT_WRITE, 2);
         Release();
     }
     EXPECT_TRUE(log.has(1300, 96, "Failed to discard database block")) << log.dump();
     EXPECT_EQ(log.messages().size(), 1u);
+    EXPECT_EQ(trace.countLevel(-1), 0u) << trace.dump(); // logged, not traced
     EXPECT_EQ(Get(0)[0], 'm');
     EXPECT_EQ(Get(1)[0], 'B');
     EXPECT_EQ(Get(2)[0], 'm');
@@ -505,6 +505,7 @@ TEST_F(BlockRelease, AControlBlockThatCannotBeWrittenAtTheEndIsLoggedAndTheFileC
 TEST_F(BlockRelease, AnotherReferenceKeepsTheFileOpen)
 {
     MakeBlocks(1);
+    EXPECT_EQ(OBJ_HEADER(oBlck_)->refCount, 1); // the caller's, and no other
     void* oOther = ObjIncRefCount(oBlck_);
     Close();
     void* pData = nullptr;
@@ -525,6 +526,47 @@ TEST_F(BlockRelease, TwoFilesKeepTheirBlocksApart)
     EXPECT_EQ(static_cast<char*>(pData)[0], 'A');
     EXPECT_EQ(Get(0)[0], '2');
     ObjReleaseInternal(&oFirst);
+}
+
+// ---- the mark of the control block -------------------------------------------------------------
+
+TEST_F(BlockRelease, CountAndFileNeverShrink)
+{
+    MakeBlocks(3);
+    for (const int32_t tId : {0, 1, 2})
+        Discard(tId);
+    Release();
+    Close();
+    Open();
+    Release();
+    EXPECT_EQ(U32At(ReadFileBytes(path()), 8), 3u);
+    EXPECT_EQ(std::filesystem::file_size(path()), 4u * 16384);
+}
+
+TEST_F(BlockRelease, CountChainAndUserDataMarkTheControlBlockAndOnlyItsWriteClearsTheMark)
+{
+    MakeBlocks(2);
+    const auto written = [&] { // whether there was a mark; there is none afterwards
+        const bool bMarked = control()->bModified == TRUE;
+        Release();
+        EXPECT_EQ(control()->bModified, 0u);
+        return bMarked;
+    };
+    Fill(Get(0), 'm');
+    EXPECT_FALSE(written());
+    New(); // the count
+    EXPECT_TRUE(written());
+    Discard(2);
+    EXPECT_EQ(control()->bModified, 0u); // not before it leaves memory
+    Release();
+    EXPECT_EQ(U32At(ReadFileBytes(path()), 12), 2u);
+    New(); // the chain
+    EXPECT_TRUE(written());
+    BlckUserDataModified(oBlck_);
+    EXPECT_TRUE(written());
+    BlckUserDataModified(oBlck_);
+    Backout();
+    EXPECT_TRUE(written());
 }
 
 } // namespace

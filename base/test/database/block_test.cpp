@@ -89,19 +89,6 @@ TEST_F(Block, AShortHeaderOrAWrongMagicFailsTheOpenAndWritesNothing)
     EXPECT_TRUE(log.empty()) << log.dump();
 }
 
-TEST_F(Block, OpensTraceTheirEntryTheHeaderReadAndTheirResult)
-{
-    void** pp = &oBlck_;
-    TraceRecorder trace;
-    ASSERT_EQ(BlckFileOpen(pp, path().c_str()), 1u);
-    const std::string call = "BlckFileOpen(" + Address(pp) + ", " + path() + ")";
-    const std::vector<std::string> expected = {
-        call, "Read '0' of '16168' byte header", "Set free chain empty", "TRUE = " + call};
-    EXPECT_EQ(trace.texts(), expected);
-    EXPECT_TRUE(trace.has(TAG, 0, 4, call));
-    EXPECT_TRUE(trace.has(TAG, 0, 3, "TRUE = " + call));
-}
-
 TEST_F(Block, AnUnusableArgumentFailsTheOpenWithNothingButItsEntryAndResult)
 {
     int untouched = 0;
@@ -195,6 +182,13 @@ TEST_F(Block, AnExistingFileIsRewrittenAtTheFirstReleaseOnlyEvenIfNothingChanged
     calls.clear();
     Release();
     EXPECT_EQ(calls.count(FILE_OP_WRITE), 0u);
+    // No file says that it is unchanged, but it would be believed.
+    Close();
+    std::string bytes = ReadFileBytes(path());
+    PutU32At(bytes, 16, 0);
+    WriteFileBytes(path(), bytes);
+    Open();
+    EXPECT_EQ(control()->bModified, 0u);
 }
 
 TEST_F(Block, TheLastReferenceWritesTheControlBlockOfAnUnchangedFile)
@@ -356,13 +350,13 @@ TEST_F(Block, SizeUserDataAndItsLengthOfNullAreConstantsAndNull)
     EXPECT_EQ(BlckSize(nullptr), 16384u);
     EXPECT_EQ(BlckUserDataLength(nullptr), 0u);
     EXPECT_EQ(BlckUserData(nullptr), nullptr);
-    BlckUserDataModified(nullptr);
     void* oWrong = ObjIntegerNew(1);
     EXPECT_EQ(BlckSize(oWrong), 16384u);
     EXPECT_EQ(BlckUserDataLength(oWrong), 0u);
     EXPECT_EQ(BlckUserData(oWrong), nullptr);
     TraceRecorder trace;
     BlckUserDataModified(oWrong);
+    BlckUserDataModified(nullptr);
     EXPECT_TRUE(trace.lines().empty());
     ObjReleaseInternal(&oWrong);
     Open();
@@ -437,6 +431,38 @@ TEST(BlockDeathTest, TheFirstOpenOfAProcessSurvivesEveryAllocationFailure)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(OpenWithoutMemoryFirst(), testing::ExitedWithCode(0), "");
+}
+
+// ---- templates and the gap ---------------------------------------------------------------------
+
+TEST_F(Block, TheTemplatesOfControlBlockAndBlocksAreMadeOnceAndKept)
+{
+    const auto blockTemplate = [&] { return OBJ_HEADER(Get(0) - 8)->tmpl; };
+    MakeBlocks(1);
+    ObjTemplate* const pControl = OBJ_HEADER(oBlck_)->tmpl;
+    ObjTemplate* const pBlock = blockTemplate();
+    Close();
+    const uint32_t memory = MemLiveCount();
+    for (int i = 0; i < 3; ++i) {
+        Open();
+        EXPECT_EQ(OBJ_HEADER(oBlck_)->tmpl, pControl);
+        EXPECT_EQ(blockTemplate(), pBlock);
+        Close();
+        EXPECT_EQ(MemLiveCount(), memory);
+    }
+}
+
+TEST_F(Block, TheGapBehindTheControlBlockIsNeverWritten)
+{
+    MakeBlocks(2);
+    Close();
+    std::string bytes = ReadFileBytes(path());
+    bytes.replace(16168, 216, std::string(216, 'g'));
+    WriteFileBytes(path(), bytes);
+    Open();
+    BlckUserDataModified(oBlck_);
+    Release();
+    EXPECT_EQ(ReadFileBytes(path()).substr(16168, 216), std::string(216, 'g'));
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "database/dbconfig_internal.h"
+#include "database/indexinternal.h"
 #include "nim/fault.h"
 #include "nim/nim.h"
 #include "support/file_bytes.h"
@@ -88,6 +89,8 @@ TEST_F(DbConfig, HomeIsDbUnderTheProductsHomeWithoutAKey)
     EXPECT_EQ(Home(), expected);
     WriteFileBytes(directory_.path("configure.cfg"), "[Other]\ndatabase = x\n");
     EXPECT_EQ(Home(), expected);
+    Configure(""); // an empty value is none
+    EXPECT_EQ(Home(), expected);
 }
 
 TEST_F(DbConfig, HomeIsTheConfiguredDirectoryAsItStands)
@@ -96,15 +99,8 @@ TEST_F(DbConfig, HomeIsTheConfiguredDirectoryAsItStands)
     EXPECT_EQ(Home(), "D:\\bases de données");
     Configure("relative/place");
     EXPECT_EQ(Home(), "relative/place");
-}
-
-TEST_F(DbConfig, HomeIsTracedAtDetailLevel)
-{
-    Configure("/var/bases");
-    TraceRecorder trace;
-    Home();
-    ExpectLine(trace, 0, 4, "Db home dir is /var/bases");
-    EXPECT_EQ(trace.texts().size(), 1u);
+    Configure("some\\..\\where");
+    EXPECT_EQ(Home(), "some\\..\\where");
 }
 
 TEST_F(DbConfig, HomeWithoutMemoryIsNullAndTheResultStaysOne)
@@ -170,30 +166,6 @@ TEST_F(DbConfig, AllOtherPathsBelongToNone)
     EXPECT_EQ(Derived(nullptr), "");
 }
 
-TEST_F(DbConfig, DerivedPathIsTracedWithResultAndPath)
-{
-    Configure("/home/bases");
-    TraceRecorder trace;
-    Derived("e:\\x");
-    Derived("App");
-    Derived(nullptr);
-    char* none = nullptr;
-    EXPECT_EQ(DbGetClusterDerivedPath("xyz", &none), 0u);
-    EXPECT_EQ(DbGetClusterDerivedPath("e:\\x", nullptr), 0u);
-    Derived("SystemState");
-    const Texts expected = {
-        "For path e:\\x, retval is TRUE, db is E:\\tambdb",
-        "For path App, retval is FALSE, db is untouched",
-        "For path (null), retval is FALSE, db is untouched",
-        "For path xyz, retval is FALSE, db is (null)",
-        "For path e:\\x, retval is FALSE, db is (null)",
-        "Db home dir is /home/bases",
-        "For path SystemState, retval is TRUE, db is /home/bases"};
-    EXPECT_EQ(trace.texts(), expected);
-    for (const std::string& text : expected)
-        ExpectLine(trace, 0, 4, text);
-}
-
 TEST_F(DbConfig, DerivedPathWithoutMemoryIsNone)
 {
     const FaultRule rule = {FAULT_ALLOC, nullptr, 1, 0, FAULT_FAIL, 0};
@@ -237,6 +209,7 @@ TEST_F(DbConfig, HomeDirectoryMungesToZeroAndBack)
 TEST_F(DbConfig, FirstCharacterThatIsNoLetterWrapsTheDriveNumber)
 {
     EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, "/unix"), 0xEF000001u);
+    EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, "\\\\server"), 0x1C000001u);
     EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, ""), 0xC0000001u);
     EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, "@"), 0x00000001u);
     EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, "`"), 0x20000001u);
@@ -265,20 +238,6 @@ TEST_F(DbConfig, EveryFirstCharacterComesBackFromItsMungedId)
             c == '@' ? Home() : std::string(1, static_cast<char>(lower ? c - 32 : c)) + ":\\tambdb";
         EXPECT_EQ(Taken(DbGetDbPathFromMungedQtreeId(static_cast<int32_t>(munged))), expected) << c;
     }
-}
-
-TEST_F(DbConfig, MungingIsTraced)
-{
-    Configure("/home/bases");
-    TraceRecorder trace;
-    DbMungeQtreeIdFromDbPath(0x92345678, "e:\\x");
-    DbMungeQtreeIdFromDbPath(5, nullptr);
-    DbMungeQtreeIdFromDbPath(5, "/home/bases");
-    ExpectLine(
-        trace, 0, 4,
-        "For path e:\\x and qtree id -1842063752 0x92345678, the return value is 0x5345678");
-    ExpectLine(trace, 0, 4, "For path (null) and qtree id 5 0x5, the return value is 0x0");
-    ExpectLine(trace, 0, 4, "For path /home/bases and qtree id 5 0x5, the return value is 0x0");
 }
 
 // ---- list of database paths -------------------------------------------------------------------
@@ -430,6 +389,17 @@ TEST_F(DbConfigList, FailedEnumerationIsAlwaysTracedWithTheSystemsErrorValue)
     ExpectLine(trace, 1234, -1, "GetLogicalDrives failed. Unable to enumerate drives");
     EXPECT_EQ(trace.texts().size(), 1u);
     EXPECT_EQ(gTest.asked, Texts());
+}
+
+TEST_F(DbConfigList, NothingHereSetsTheLastError)
+{
+    IndxSetError(77);
+    Derived(nullptr);
+    Derived("App");
+    DbMungeQtreeIdFromDbPath(1, nullptr);
+    Listed(1); // and no drive
+    EXPECT_EQ(IndxError(), 77u);
+    IndxSetError(0);
 }
 
 TEST_F(DbConfigList, SystemWithoutDriveLettersListsTheHomeDirectoryAlone)

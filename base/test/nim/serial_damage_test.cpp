@@ -42,7 +42,10 @@ TEST(SerialDamage, TheEnvelopeIsChecked)
     auto refused = [&](size_t offset, uint32_t value) {
         std::string bad = good;
         PutU32At(bad, offset, value);
-        return Reconstructed(bad).get() == nullptr;
+        const uint32_t memory = MemLiveCount();
+        const bool none = Reconstructed(bad).get() == nullptr;
+        EXPECT_EQ(MemLiveCount(), memory);
+        return none;
     };
     EXPECT_TRUE(refused(0, 0x4F4D494D));
     EXPECT_TRUE(refused(4, 0));       // version 0

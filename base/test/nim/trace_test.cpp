@@ -79,7 +79,8 @@ TEST(Trace, ARecorderSeesEverythingOfALine)
     NIM_TRACE(TAG, 1, -1, "Failed to open '%s', %ld", "x", -5);
     uint32_t line = __LINE__ - 1;
     NIM_TRACE("INDX        ", 0, 4, "plain");
-    ASSERT_EQ(trace.lines().size(), 2u);
+    NIM_TRACE(TAG, 5, 1, "a system's error value");
+    ASSERT_EQ(trace.lines().size(), 3u);
     TraceRecorder::Line first = trace.lines()[0];
     EXPECT_EQ(first.tag, TAG);
     EXPECT_EQ(first.line, line);
@@ -90,7 +91,10 @@ TEST(Trace, ARecorderSeesEverythingOfALine)
     EXPECT_FALSE(trace.has("INDX        ", 1, 4, "plain"));
     EXPECT_FALSE(trace.has("INDX        ", 0, 3, "plain"));
     EXPECT_FALSE(trace.has("INDX", 0, 4, "plain"));
-    EXPECT_EQ(trace.texts(), (std::vector<std::string>{"Failed to open 'x', -5", "plain"}));
+    EXPECT_TRUE(trace.has(TAG, 5, 1, "a system's error value"));
+    EXPECT_EQ(
+        trace.texts(),
+        (std::vector<std::string>{"Failed to open 'x', -5", "plain", "a system's error value"}));
 }
 
 TEST(Trace, RecordersNest)
@@ -113,7 +117,7 @@ TEST(Trace, ASilentLineEvaluatesNoArgument)
     auto argument = [&] { return ++evaluated; };
     TraceSetSink(nullptr, nullptr, 0); // and the environment is read
     ASSERT_EQ(gNimTraceThreshold, RING_LEVEL);
-    NIM_TRACE(TAG, 0, 4, "%d", argument());
+    NIM_TRACE(TAG, 1, 4, "%d", argument());
     EXPECT_EQ(evaluated, 0);
     NIM_TRACE(TAG, 0, 3, "%d", argument());
     EXPECT_EQ(evaluated, 1);
@@ -143,7 +147,7 @@ TEST(Trace, SinkAndRingTakeWhatIsNotAboveTheirLevelsAndAllFailures)
             EXPECT_EQ(gNimTraceThreshold, std::max({sinkLevel, ringLevel, -1}));
             for (int32_t level = -1; level <= 5; ++level) {
                 std::string text = "serial " + std::to_string(++serial) + ".";
-                NIM_TRACE(TAG, 0, level, "%s", text.c_str());
+                NIM_TRACE(TAG, serial % 2, level, "%s", text.c_str()); // the flag shows no line
                 EXPECT_EQ(trace.has(text), level == -1 || level <= sinkLevel)
                     << level << " " << sinkLevel;
                 EXPECT_EQ(InRing(text), level == -1 || level <= ringLevel)

@@ -131,27 +131,6 @@ TEST_F(Catalogue, TemplatesAreMadeOnceWithTheirMagicsAndSizes)
     EXPECT_EQ(std::memcmp(&before, &gIndxTemplates, sizeof before), 0);
 }
 
-TEST_F(Catalogue, OpenAndCloseAreTraced)
-{
-    void* oNames = Names({"A"});
-    void* oDatabase = nullptr;
-    TraceRecorder trace;
-    ASSERT_EQ(IndxOpenDatabase(&oDatabase, "Data", oNames, nullptr), 1u);
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 4, "IndxOpenDatabase(" + Hex(&oDatabase) + ", Data, " + Hex(oNames) + ")"))
-        << trace.dump();
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 3,
-        "TRUE = IndxOpenDatabase(0x" + Hex(&oDatabase) + ", Data, " + Hex(oNames) + ")"));
-    EXPECT_EQ(trace.countLevel(-1), 0u);
-    trace.clear();
-    ASSERT_EQ(IndxCloseDatabase(&oDatabase), 1u);
-    const std::string call = "IndxCloseDatabase(" + Hex(&oDatabase) + ")";
-    EXPECT_TRUE(trace.has(TAG, 0, 4, call)) << trace.dump();
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "TRUE = " + call));
-    ObjReleaseInternal(&oNames);
-}
-
 TEST_F(Catalogue, MissingArgumentsFailWithoutACode)
 {
     void* oDatabase = &oDatabase;
@@ -346,6 +325,12 @@ TEST_F(Catalogue, SubdirectoryThatIsNoneIsError29AndEndsTheMaking)
         for (size_t i = 0; i < names.size(); ++i)
             EXPECT_EQ(IsDirectory(DatabasePath() + "/" + names[i]), i < bad) << names[i];
     }
+    // The home is given up with it.
+    WriteFileBytes(
+        directory().path("configure.cfg"),
+        "[Directories]\ndatabase = " + directory().path("elsewhere") + "\n");
+    ASSERT_TRUE(Open());
+    EXPECT_TRUE(IsDirectory(directory().path("elsewhere/Data/Indexes")));
 }
 
 TEST_F(Catalogue, DirectoriesThatCannotBeMadeAreTheSameErrors)
@@ -564,6 +549,11 @@ TEST_F(Clustered, HomeIsTheCallers)
     EXPECT_FALSE(std::filesystem::exists(HomePath()));
     IndxCloseDatabase(&oDatabase);
     EXPECT_EQ(before, LiveCounts());
+    // It is not kept for the next one.
+    ASSERT_EQ(IndxOpenDatabase(&oDatabase, "Next", nullptr, nullptr), 1u);
+    IndxCloseDatabase(&oDatabase);
+    EXPECT_FALSE(std::filesystem::exists(home + "/Next"));
+    EXPECT_TRUE(IsDirectory(HomePath() + "/Next"));
 }
 
 TEST_F(Clustered, HomeIsTheConfiguredOneWithoutTheCallers)

@@ -82,6 +82,7 @@ TEST_F(Companion, NextIdOfANewTableIs1)
 {
     EXPECT_EQ(IndxNextId(oTable_), 1u);
     EXPECT_EQ(IndxNextId(oTable_), 1u) << "nothing is reserved";
+    EXPECT_EQ(static_cast<IndxTable*>(oTable_)->bChanged, 0u) << "nor stored";
 }
 
 TEST_F(Companion, NextIdIsOneAboveTheHighest)
@@ -120,6 +121,10 @@ TEST_F(Companion, PathMakesItsDirectoriesButNotTheFile)
     EXPECT_TRUE(std::filesystem::is_directory(FilesPath() + "/0001/23"));
     EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_EQ(PathFor(0x12345), path) << "again, with the directories there";
+    Fail(FAULT_MKDIR, 1, 0); // that one was made is not asked, that it is one is
+    EXPECT_EQ(PathFor(0x12345), path);
+    EXPECT_EQ(PathFor(0x20000), "");
+    FaultDisarmAll();
 }
 
 TEST_F(Companion, PathIsTracedWithoutItsResult)
@@ -261,6 +266,10 @@ TEST_F(Companion, HexadecimalIsReadWithoutRegardToCase)
     MakeFile("0000/00/1A");
     MakeFile("0001/00/1a");
     EXPECT_EQ(Ids(), (std::vector<uint32_t>{0x1A, 0x1001A}));
+    // A sign or a blank before a digit is read; the order is that of the names' bytes.
+    MakeFile("0000/00/+1");
+    MakeFile("0000/00/ 2");
+    EXPECT_EQ(Ids(), (std::vector<uint32_t>{2, 1, 0x1A, 0x1001A}));
 }
 
 TEST_F(Companion, NamesOfAnotherFormAreSkipped)
@@ -271,6 +280,7 @@ TEST_F(Companion, NamesOfAnotherFormAreSkipped)
           "abc.d/00/01", "0000/00/ g", "file"})
         MakeFile(file);
     EXPECT_TRUE(Ids().empty());
+    MakeFile("0000/00/!!"); // comes first, and the scan goes on
     MakeFile("0000/00/2b");
     EXPECT_EQ(Ids(), std::vector<uint32_t>{0x2B});
 }

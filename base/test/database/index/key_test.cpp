@@ -36,6 +36,7 @@ class KeyFromRecord : public TreeTest {
             result.keyType = pKey->keyType;
             EXPECT_EQ(OBJ_HEADER(pKey)->magic, 0xca8c92e0u);
             EXPECT_EQ(pKey->fileOffset, 0u);
+            EXPECT_EQ(pKey->tChild, 0u);
             const uint32_t magic = ObjGetMagic(pKey->oValue);
             if (magic == OBJ_MAGIC_DATAFIELD)
                 result.bytes.assign(
@@ -74,32 +75,6 @@ TEST_F(KeyFromRecord, EveryKeyTypeTakesItsValueFromTheSlot)
         EXPECT_EQ(taken.keyType, keyType);
         EXPECT_EQ(taken.id, 7u);
         EXPECT_EQ(taken.result, 0);
-    }
-}
-
-TEST_F(KeyFromRecord, TakingAKeyTracesItsIdAndValue)
-{
-    const std::string id32(32, '\x1f');
-    std::string digits;
-    for (int i = 0; i < 32; ++i)
-        digits += "1f";
-    const struct {
-        int32_t keyType;
-        Key key;
-        std::string text;
-    } cases[] = {
-        {INDX_KEY_RECORD_ID, {}, "Id = 7"},
-        {INDX_KEY_INTEGER, NumberKey(-5), "Id = 7, value = -5"},
-        {INDX_KEY_INT64, NumberKey(-5'000'000'000), "Id = 7, value = -5000000000"},
-        {INDX_KEY_TEXT, TextKey("text"), "Id = 7, value = text"},
-        {INDX_KEY_TEXT_NO_CASE, BytesKey("abcd"), "Id = 7, value = abcd"}, // without a NUL
-        {INDX_KEY_UNIQUE_ID, BytesKey(id32), "Id = 7, value = " + digits},
-    };
-    for (const auto& c : cases) {
-        TraceRecorder trace;
-        EXPECT_TRUE(Take(c.keyType, c.key).taken);
-        EXPECT_TRUE(trace.hasPart("IndxGetKeyInfoFromRecord("));
-        EXPECT_TRUE(trace.has(TAG, 0, 4, c.text)) << trace.dump();
     }
 }
 
@@ -296,6 +271,28 @@ TEST(KeyCompare, IdsAndForbiddenTypesAreNeverTheSameValue)
 {
     EXPECT_FALSE(IndxSameValue(INDX_KEY_RECORD_ID, nullptr, nullptr));
     EXPECT_FALSE(IndxSameValue(INDX_KEY_FORBIDDEN, nullptr, nullptr));
+}
+
+TEST_F(KeyFromNode, OnlyTheKnownTypesCarryAValue)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    ASSERT_TRUE(index.Add(1, NumberKey(7)));
+    for (const int32_t keyType :
+         std::initializer_list<int32_t>{INDX_KEY_INTEGER, INDX_KEY_RECORD_ID, 99}) {
+        index.field()->keyType = keyType;
+        uint8_t* pNode = nullptr;
+        IndxGetNode(&pNode, index.cursor(), 0);
+        IndxKeyInfo* pKey = nullptr;
+        ASSERT_EQ(IndxGetKeyInfoFromNode(&pKey, index.cursor(), pNode), 1u);
+        EXPECT_EQ(pKey->keyType, keyType);
+        EXPECT_EQ(pKey->recordId, 1u);
+        EXPECT_EQ(pKey->tChild, 0u);
+        EXPECT_EQ(pKey->oValue != nullptr, keyType == INDX_KEY_INTEGER);
+        EXPECT_EQ(ObjGetInteger(pKey->oValue), keyType == INDX_KEY_INTEGER ? 7 : 0);
+        ObjRelease(pKey);
+    }
+    index.field()->keyType = INDX_KEY_INTEGER;
+    index.Backout();
 }
 
 } // namespace

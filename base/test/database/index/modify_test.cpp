@@ -248,6 +248,15 @@ TEST_F(ModifyTest, ANewRecordOfId0TakesTheOldId)
     model_[2] = person;
     model_[2].id = 2;
     ExpectHolds(table_, model_);
+    // The id comes before the keys, the length behind them.
+    person = MakePerson(3); // whose name is taken
+    person.id = 0;
+    const Held refused = BlobOf(person);
+    EXPECT_EQ(
+        IndxModifyRecordInTable(table_, static_cast<uint32_t>(OffsetOf(table_, 2)), refused.get()),
+        0u);
+    EXPECT_EQ(U32At(RecordBytes(refused.get()), 4), 2u);
+    EXPECT_EQ(U32At(RecordBytes(refused.get()), 0), 0u);
 }
 
 TEST_F(ModifyTest, AnotherIdIsRefusedWithError33AndNothingChanges)
@@ -583,8 +592,12 @@ TEST_F(ModifyTest, TheOldVariableDataIsReadOnlyWhereATextIndexNeedsIt)
     {
         const Held blob = BlobOf(MakePerson(60));
         FileCalls calls;
+        TraceRecorder trace;
         ASSERT_EQ(IndxModifyRecordInTable(table_, 0, blob.get()), 1u);
         EXPECT_EQ(reads(RecordsPath(), calls), 4u);
+        // The flags of the indexed fields stand in for a selection.
+        EXPECT_TRUE(trace.hasPart(Hex(table_) + ", 0, " + Hex(table()->indexedFlags.data) + ")"))
+            << trace.dump();
     }
     void* oTable = OpenTable(
         "Plain", PERSON_MAGIC, FORMAT, "Id,Name,Town,Age;Indexed,Number;Indexed,Key,Photo,Alive");
@@ -627,6 +640,60 @@ TEST_F(ModifyTest, ATableWithoutVariableFieldsIsModified)
     EXPECT_EQ(WalkIds(oTable, "Number"), (std::vector<uint32_t>{3, 2, 1}));
     EXPECT_EQ(std::filesystem::file_size(RecordsPath("Fixed")), 3u * 48u);
     ExpectSound(oTable);
+}
+
+// ---- lengths -----------------------------------------------------------------------------------
+
+TEST_F(ModifyTest, TheWholeOldLengthCountsThoughOnlyTheFixedPartIsRead)
+{
+    void* oTable = OpenTable("Texts", MAGIC, "i;s;", "Id,S");
+    const auto record = [](const std::string& value, uint32_t id) {
+        Instance object(MAGIC, "i;s;");
+        object.at<uint32_t>(0) = id;
+        object.setText(1, value);
+        return Encoded(object.get());
+    };
+    for (int i = 0; i < 2; ++i)
+        ASSERT_EQ(
+            IndxAddRecordToTable(nullptr, oTable, record(std::string(100, 'a'), 0).get()), 1u);
+    TraceRecorder trace;
+    EXPECT_EQ(IndxModifyRecordInTable(oTable, 0, record(std::string(100, 'b'), 1).get()), 1u);
+    EXPECT_TRUE(trace.has(TAG, 0, 4, "There are 0 bytes of variable data")) << trace.dump();
+    EXPECT_EQ(OffsetOf(oTable, 1), 0);
+    EXPECT_EQ(IndxModifyRecordInTable(oTable, 0, record(std::string(101, 'c'), 1).get()), 1u);
+    EXPECT_EQ(OffsetOf(oTable, 1), 2 * 116 + 2); // 16, 100 and a NUL each
+}
+
+TEST_F(ModifyTest, LengthsAreComparedWithTheirSigns)
+{
+    void* oTable = OpenTable("Fixed", MAGIC, "i;i;", "Id,A");
+    const auto record = [](uint32_t id) {
+        Instance object(MAGIC, "i;i;");
+        object.at<uint32_t>(0) = id;
+        return Encoded(object.get());
+    };
+    for (int i = 0; i < 2; ++i)
+        ASSERT_EQ(IndxAddRecordToTable(nullptr, oTable, record(0).get()), 1u);
+    Close();
+    std::string bytes = ReadFileBytes(RecordsPath("Fixed"));
+    PutU32At(bytes, 0, 0x80000010); // whatever comes is longer
+    WriteFileBytes(RecordsPath("Fixed"), bytes);
+    Reload();
+    oTable = OpenTable("Fixed", MAGIC, "i;i;", "Id,A");
+    EXPECT_EQ(IndxModifyRecordInTable(oTable, 0, record(1).get()), 1u);
+    EXPECT_EQ(OffsetOf(oTable, 1), 32);
+}
+
+TEST_F(ModifyTest, InATableThatHasIssuedNoIdALongerRecordMoves)
+{
+    const uint32_t id = 0x90000000; // raises no highest id
+    ASSERT_EQ(IndxSetRecordInTable(id, table_, BlobOf(MakePerson(1)).get()), 1u);
+    ASSERT_EQ(table()->highestId, 0u);
+    const auto size = static_cast<int64_t>(std::filesystem::file_size(RecordsPath()));
+    Person longer = MakePerson(1, 200);
+    longer.id = id;
+    EXPECT_EQ(Modify(id, longer), 1u);
+    EXPECT_EQ(OffsetOf(table_, id), size);
 }
 
 } // namespace

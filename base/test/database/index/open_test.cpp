@@ -30,32 +30,6 @@ TEST_F(Opening, NewTableIsListedStoredAndHandedOut)
     EXPECT_EQ(IndxError(), UNCHANGED);
 }
 
-TEST_F(Opening, CreationIsTraced)
-{
-    TraceRecorder trace;
-    void* oTable = nullptr;
-    ASSERT_EQ(
-        IndxOpenTableInternal(&oTable, database(), "T", "F", 0xca000007, FORMAT, FIELDS, 1, 7), 1u);
-    const std::string table = Hex(&oTable) + ", " + Hex(database()) + ", T";
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 4,
-        "IndxOpenTableInternal(" + table + ", F, " + std::to_string(int32_t(0xca000007)) + ", " +
-            FORMAT + " " + FIELDS + ", TRUE 7)"))
-        << trace.dump();
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Return table 'F' version of 'does not exist'"));
-    EXPECT_TRUE(trace.hasPart("IndxOpenExistingTable("));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Table does not exist yet"));
-    EXPECT_TRUE(trace.has(TAG, 0, 3, "Create a new table"));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Succesfully set table 'T' version to 7"));
-    EXPECT_TRUE(
-        trace.has(TAG, 0, 4, "TRUE = IndxSetTableVersion('T', " + Hex(database()) + ", 7)"));
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 4, "TRUE = IndxRecordsOpen(" + Hex(oTable) + ") " + PathOf("Records", "F")));
-    EXPECT_TRUE(trace.has(TAG, 0, 3, "TRUE = IndxOpenTableInternal(" + table + ", F, ...)"));
-    EXPECT_EQ(trace.countLevel(-1), 0u);
-    IndxReleaseTable(&oTable);
-}
-
 TEST_F(Opening, TableMayStayWithTheDatabaseOnly)
 {
     EXPECT_EQ(
@@ -116,6 +90,8 @@ TEST_F(Opening, FailedCreationHandsOutNothingAndListsNothing)
     // The files that were made stay; the next attempt uses them.
     EXPECT_TRUE(std::filesystem::exists(PathOf("Indexes", "T")));
     EXPECT_NE(Create("T"), nullptr);
+    EXPECT_EQ(OpenTable("U", MAGIC, FORMAT, "Id,Name", 0, 5), nullptr);
+    EXPECT_TRUE(std::filesystem::exists(VersionFile("U")));
 }
 
 TEST_F(Opening, BlockFileThatCannotBeMadeFailsInTheStepAfter)
@@ -126,6 +102,7 @@ TEST_F(Opening, BlockFileThatCannotBeMadeFailsInTheStepAfter)
     EXPECT_TRUE(trace.has(
         TAG, 0, -1, "Failed to open blck file when opening indx '" + PathOf("Indexes", "T") + "'"))
         << trace.dump();
+    EXPECT_TRUE(trace.hasPart("TRUE = IndxIndexOpen("));
     EXPECT_TRUE(trace.hasPart("Table too large MAX 0, table "));
     EXPECT_TRUE(trace.has(TAG, 0, -1, "Failed to create table"));
     EXPECT_EQ(IndxError(), UNCHANGED);
@@ -142,6 +119,12 @@ TEST_F(Opening, RecordsFileThatCannotBeOpenedIsNoFailure)
     // The operations on records meet a closed file.
     EXPECT_FALSE(Add(oTable, "a", 1));
     EXPECT_EQ(IndxError(), 12u);
+    // The same when it is loaded.
+    trace.clear();
+    ASSERT_TRUE(Reopen());
+    EXPECT_EQ(TableCount(), 1u);
+    EXPECT_TRUE(trace.hasPart("TRUE = IndxRecordsOpen("));
+    EXPECT_EQ(ListedTable("T")->hRecords, FILE_NONE);
 }
 
 TEST_F(Opening, DescriptionThatCannotBeStoredFailsTheOpenAndLeavesTheTableListed)
@@ -219,7 +202,8 @@ TEST_F(Opening, AnotherShapeIsError25)
 TEST_F(Opening, AnotherFieldsTextKeepsTheStoredFlags)
 {
     void* oTable = Create("T");
-    EXPECT_EQ(OpenTable("T", MAGIC, FORMAT, "Id;Bad,,"), oTable);
+    EXPECT_EQ(OpenTable("T", MAGIC, FORMAT, "Id;Bad,,", 1), oTable); // nor is the flag looked at
+    EXPECT_EQ(static_cast<IndxTable*>(oTable)->bCompanionFiles, 0u);
     EXPECT_STREQ(static_cast<IndxTable*>(oTable)->fields, FIELDS);
     ASSERT_TRUE(Reopen());
     oTable = OpenTable("T", MAGIC, FORMAT, "Id,Name,Size");
@@ -521,6 +505,7 @@ TEST_F(Opening, LoadTableOfAListedNameReturns0AndLeavesTheListAsItWas)
     EXPECT_EQ(
         trace.texts(), (std::vector<std::string>{
                            "IndxLoadTable(" + Hex(&oLoaded) + ", " + Hex(database()) + ", T, t)"}));
+    EXPECT_EQ(IndxError(), UNCHANGED);
     EXPECT_EQ(TableCount(), 1u);
     EXPECT_EQ(ListedTable("T"), oTable);
 }

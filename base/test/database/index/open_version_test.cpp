@@ -92,6 +92,12 @@ TEST_F(Versions, VersionIsWrittenUnderTheNameAndReadUnderTheFileName)
     uint32_t version = 0;
     EXPECT_EQ(IndxGetTableVersion(&version, "File", database()), 1u);
     EXPECT_EQ(version, INDX_VERSION_NONE);
+    const auto open = [&](uint32_t wanted) {
+        return IndxOpenTableInternal(
+            nullptr, database(), "Name", "File", MAGIC, FORMAT, FIELDS, 0, wanted);
+    };
+    EXPECT_EQ(open(5), 0u);
+    EXPECT_EQ(open(INDX_VERSION_NONE), 1u);
 }
 
 TEST_F(Versions, GetTableVersionKnowsThreeOutcomes)
@@ -139,10 +145,13 @@ TEST_F(Versions, DamagedVersionFilesFailTheOpen)
         EXPECT_TRUE(trace.has(TAG, 0, -1, "Failed when discovering table version"));
         EXPECT_EQ(IndxError(), UNCHANGED);
     }
-    Fail(FAULT_STNZ_LOAD);
+    Fail(FAULT_STNZ_LOAD, 1, 2);
     TraceRecorder trace;
     EXPECT_EQ(Create("T", 5), nullptr);
     EXPECT_TRUE(trace.has(TAG, 1, -1, noStanza)) << trace.dump();
+    uint32_t version = 123;
+    EXPECT_EQ(IndxGetTableVersion(&version, "T", database()), 0u);
+    EXPECT_EQ(version, 123u);
 }
 
 TEST_F(Versions, VersionThatCannotBeWrittenFailsTheCreation)

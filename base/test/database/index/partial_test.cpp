@@ -281,49 +281,6 @@ TEST_F(PartialTest, EveryStorableKindIsReadBack)
     IndxReleaseCursor(&oCursor);
 }
 
-// ---- words -----------------------------------------------------------------------------------
-
-TEST_F(PartialTest, AReadTellsEachOfItsSteps)
-{
-    AddAda();
-    HeldBytes read;
-    const std::string arguments = "IndxRetrivePartialRecord(" + Hex(&read.data) + ", " +
-                                  Hex(table_) + ", 0, " + Hex(none_) + ")";
-    TraceRecorder trace;
-    ASSERT_EQ(Read(&read, 0, none_), 1u);
-    EXPECT_EQ(
-        trace.texts(), (std::vector<std::string>{
-                           arguments, "There are 13 bytes of variable data", "Read 4 byte field",
-                           "Read 4 byte field", "Read 5 byte field", "TRUE = " + arguments}));
-    for (const TraceRecorder::Line& line : trace.lines()) {
-        EXPECT_EQ(line.tag, TAG);
-        EXPECT_EQ(line.level, 4);
-        EXPECT_EQ(line.error, 0u);
-    }
-}
-
-TEST_F(PartialTest, WithoutASelectionThereAreNoBytesOfVariableData)
-{
-    AddAda();
-    HeldBytes read;
-    TraceRecorder trace;
-    ASSERT_EQ(Read(&read, 0, nullptr), 1u);
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "There are 0 bytes of variable data"));
-    EXPECT_FALSE(trace.hasPart("byte field"));
-}
-
-TEST_F(PartialTest, AFailedReadEndsWithFalse)
-{
-    HeldBytes read;
-    TraceRecorder trace;
-    EXPECT_EQ(Read(&read, 0, nullptr), 0u);
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 4,
-        "FALSE = IndxRetrivePartialRecord(" + Hex(&read.data) + ", " + Hex(table_) + ", 0, " +
-            Hex(nullptr) + ")"))
-        << trace.dump();
-}
-
 // ---- failures --------------------------------------------------------------------------------
 
 TEST_F(PartialTest, ASeekThatFailsSetsError12AndLogsNothing)
@@ -636,6 +593,7 @@ TEST_F(PartialTest, TheStepNeverWritesPastItsBuffer)
     EXPECT_EQ(log.count(1306), 1u);
     EXPECT_EQ(room.substr(FIXED_SIZE), "xxx");
     EXPECT_EQ(read.size, FIXED_SIZE + 4); // grows all the same
+    EXPECT_EQ(read.pSelected, none_ + 1);
 }
 
 TEST_F(PartialTest, TheStepDoesNotFollowASlotOutsideOfTheFixedPart)
