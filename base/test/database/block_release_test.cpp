@@ -4,10 +4,12 @@
 #include "support/block_file.h"
 
 #include <cstring>
+#include <random>
 
 #include "support/armed_fault.h"
 #include "support/file_bytes.h"
 #include "support/file_calls.h"
+#include "support/seed.h"
 #include "support/trace_recorder.h"
 
 namespace {
@@ -24,10 +26,10 @@ class BlockRelease : public BlockFileTest {
     uint8_t* TakeEnds(int32_t tId, uint32_t front, uint32_t back)
     {
         const std::string bytes = Stored(tId);
-        void* pData =
-            BlckTakeBlock(oBlck_, tId, reinterpret_cast<const uint8_t*>(bytes.data()), front, back);
+        uint8_t* pData =
+            BlckBringIn(oBlck_, tId, reinterpret_cast<const uint8_t*>(bytes.data()), front, back);
         EXPECT_NE(pData, nullptr);
-        return static_cast<uint8_t*>(pData);
+        return pData;
     }
     // A file of one block, filled with 'y'; its id.
     int32_t MakeBlockOfY()
@@ -61,48 +63,94 @@ TEST_F(BlockRelease, NothingIsWrittenBeforeThenBlocksAscendingThenTheControlBloc
     EXPECT_TRUE(stored == image);
 }
 
-// What nobody can have changed since it was read or written is in the file already.
-TEST_F(BlockRelease, WritesEndWhereTheChangesEnd)
+// Declares bytes of a block and fills them.
+void Change(uint8_t* pData, uint32_t offset, uint32_t size, char letter)
+{
+    ASSERT_TRUE(BlckWillChange(pData, offset, size));
+    memset(pData + offset, letter, size);
+}
+
+// What was not declared is in the file already, and stays there as it is.
+TEST_F(BlockRelease, WritesWhatWasDeclared)
 {
     MakeBlocks(3);
     Release();
-    memset(Get(0), 'a', 100);
-    BlckModifiedStart(Get(0), oBlck_, 100, 0);
-    memset(Get(1), 'b', 200);
-    BlckModifiedStart(Get(1), oBlck_, 200, 0);
-    BlckModifiedStart(Get(1), oBlck_, 50, 0); // the longer one counts
-    BlckModifiedStart(Get(2), oBlck_, 300, 0);
+    Change(Get(0), 0, 100, 'a');
+    Change(Get(1), 20, 4, 'b');
+    Change(Get(1), 10000, 200, 'b');
+    Change(Get(1), 10100, 50, 'B'); // inside what was declared
+    ASSERT_TRUE(BlckWillChange(Get(2), 300, 1));
     Fill(Get(2), 'c'); // marked whole
     auto* pUserData = static_cast<char*>(BlckUserData(oBlck_));
+    BlckUserDataWillChange(oBlck_, 60);
     memset(pUserData, 'u', 60);
-    BlckUserDataModifiedStart(oBlck_, 60);
-    const std::string before = ReadFileBytes(path());
+    std::string expected = ReadFileBytes(path());
+    expected.replace(16384, 100, 100, 'a');
+    expected.replace(2 * 16384 + 20, 4, 4, 'b');
+    expected.replace(2 * 16384 + 10000, 200, 200, 'b');
+    expected.replace(2 * 16384 + 10100, 50, 50, 'B');
+    expected.replace(3 * 16384, 16384, 16384, 'c');
+    expected.replace(40, 60, 60, 'u');
     FileCalls calls;
     Release();
-    EXPECT_EQ(calls.sizes(FILE_OP_WRITE), (std::vector<uint32_t>{100, 200, 16384, 100}));
+    EXPECT_EQ(calls.sizes(FILE_OP_WRITE), (std::vector<uint32_t>{100, 4, 200, 16384, 100}));
+    EXPECT_EQ(
+        calls.offsets(FILE_OP_WRITE),
+        (Offsets{16384, 2 * 16384 + 20, 2 * 16384 + 10000, 3 * 16384, 0}));
     const std::string after = ReadFileBytes(path());
-    ASSERT_EQ(after.size(), before.size());
-    EXPECT_EQ(after.substr(16384, 100), std::string(100, 'a'));
-    EXPECT_EQ(after.substr(16384 + 100, 16284), before.substr(16384 + 100, 16284));
-    EXPECT_EQ(after.substr(2 * 16384, 200), std::string(200, 'b'));
-    EXPECT_EQ(after.substr(3 * 16384, 16384), std::string(16384, 'c'));
-    EXPECT_EQ(after.substr(40, 60), std::string(60, 'u'));
-    EXPECT_EQ(after.substr(100, 16068), before.substr(100, 16068));
+    EXPECT_EQ(after.substr(24), expected.substr(24)); // the words before count blocks
     // The user data that a host marks is written whole, and so is what failed to be written before.
-    BlckUserDataModifiedStart(oBlck_, 60);
+    BlckUserDataWillChange(oBlck_, 60);
     {
         const ArmedFault fault(FAULT_WRITE);
         Release();
     }
     BlckUserDataModified(oBlck_);
     Release();
-    BlckUserDataModifiedStart(oBlck_, 10);
+    BlckUserDataWillChange(oBlck_, 10);
     Release();
     EXPECT_EQ(
-        calls.sizes(FILE_OP_WRITE), (std::vector<uint32_t>{100, 200, 16384, 100, 100, 16168, 50}));
+        calls.sizes(FILE_OP_WRITE),
+        (std::vector<uint32_t>{100, 4, 200, 16384, 100, 100, 16168, 50}));
 }
 
-// A block of which only the start was brought into memory is a whole one to everybody who does not
+// Ranges that lie closer together than a system call is worth are written with one.
+TEST_F(BlockRelease, RangesThatLieCloseAreWrittenTogether)
+{
+    MakeBlocks(1);
+    Release();
+    Change(Get(0), 0, 8, 'a');
+    Change(Get(0), 8 + 4095, 8, 'b');
+    Change(Get(0), 8 + 4095 + 8 + 4096, 8, 'c');
+    FileCalls calls;
+    Release();
+    EXPECT_EQ(calls.sizes(FILE_OP_WRITE), (std::vector<uint32_t>{8 + 4095 + 8, 8}));
+}
+
+// Whatever is declared, in whatever order, is written, and of the rest nothing that differs.
+TEST_F(BlockRelease, RandomChangesAreAllWritten)
+{
+    const int32_t tId = MakeBlockOfY();
+    std::mt19937_64 random(TestSeed());
+    for (int round = 0; round < 300; ++round) {
+        std::string expected = Stored(tId);
+        const auto front = static_cast<uint32_t>(random() % 9000);
+        const auto back = static_cast<uint32_t>(random() % 7000);
+        uint8_t* pData = random() % 4 ? TakeEnds(tId, front, back) : Get(tId);
+        for (uint64_t changes = random() % 12; changes > 0; --changes) {
+            const auto offset = static_cast<uint32_t>(random() % 16384);
+            const auto size = static_cast<uint32_t>(
+                random() % std::min<uint32_t>(16385 - offset, random() % 2 ? 16384 : 64));
+            const char letter = static_cast<char>('a' + random() % 26);
+            Change(pData, offset, size, letter);
+            expected.replace(offset, size, size, letter);
+        }
+        Release();
+        ASSERT_TRUE(Stored(tId) == expected) << round;
+    }
+}
+
+// A block of which only the ends were brought into memory is a whole one to everybody who does not
 // know that.
 TEST_F(BlockRelease, TheRestOfABlockFollowsWhereItIsNeeded)
 {
@@ -112,12 +160,13 @@ TEST_F(BlockRelease, TheRestOfABlockFollowsWhereItIsNeeded)
         const int tId = New('y');
         Release();
         uint8_t* pData = TakeEnds(tId, 500, 1000);
-        ASSERT_EQ(BlckPeekBlock(nullptr, oBlck_, tId), pData);
-        memset(pData + 400, 'z', 100);
-        memset(pData + 16384 - 1200, 'w', 300); // past what was there
-        BlckModifiedStart(pData, oBlck_, 16384 - 900, 1200);
+        bool bInMemory = false;
+        ASSERT_EQ(BlckReadBlock(&bInMemory, oBlck_, tId), pData);
+        EXPECT_TRUE(bInMemory);
+        Change(pData, 400, 200, 'z');          // past what was there
+        Change(pData, 16384 - 1200, 300, 'w'); // on both sides
         std::string expected(16384, 'y');
-        expected.replace(400, 100, 100, 'z');
+        expected.replace(400, 200, 200, 'z');
         expected.replace(16384 - 1200, 300, 300, 'w');
         if (use == std::string("get")) {
             EXPECT_EQ(Get(tId), pData);
@@ -137,26 +186,46 @@ TEST_F(BlockRelease, TheRestOfABlockFollowsWhereItIsNeeded)
     }
 }
 
-TEST_F(BlockRelease, MoreOfTheStartFollowsWhereItIsNeeded)
+// Only what is there may change: a declaration that cannot bring it in changes nothing.
+TEST_F(BlockRelease, WhatCannotBeReadCannotBeDeclared)
 {
     const int32_t tId = MakeBlockOfY();
     uint8_t* pData = TakeEnds(tId, 500, 1000);
-    pData[16384 - 1001] = 'w'; // the end grows downwards, too
-    BlckModifiedStart(pData, oBlck_, 16384, 1001);
     {
         const ArmedFault fault(FAULT_READ, 1, 0);
-        EXPECT_TRUE(BlckNeedStart(pData, 500));
-        EXPECT_FALSE(BlckNeedStart(pData, 501));
+        EXPECT_TRUE(BlckWillChange(pData, 0, 500));
+        EXPECT_TRUE(BlckWillChange(pData, 16384 - 1000, 1000));
+        EXPECT_FALSE(BlckWillChange(pData, 0, 501));
+        EXPECT_FALSE(BlckWillChange(pData, 16384 - 1001, 1));
+        EXPECT_TRUE(BlckWillChange(pData, 5000, 0)); // nothing
     }
-    memset(pData + 500, '?', 16384 - 1001 - 500);
-    EXPECT_TRUE(BlckNeedStart(pData, 501));
-    std::string expected(16384, 'y');
-    expected[16384 - 1001] = 'w';
-    EXPECT_TRUE(std::string(reinterpret_cast<char*>(pData), 16384) == expected);
-    EXPECT_TRUE(BlckNeedStart(pData, 16384));
+    FileCalls calls;
     Release();
-    EXPECT_TRUE(Stored(tId) == expected);
+    EXPECT_EQ(calls.sizes(FILE_OP_WRITE), (std::vector<uint32_t>{500, 1000}));
+    EXPECT_TRUE(Stored(tId) == std::string(16384, 'y'));
 }
+
+#if !defined(NDEBUG)
+// The proof of the contract: a byte that was changed and not declared ends the process.
+TEST_F(BlockRelease, AByteThatWasNotDeclaredEndsTheProcess)
+{
+    const int32_t tId = MakeBlockOfY();
+    uint8_t* pData = Get(tId);
+    Change(pData, 100, 10, 'z');
+    for (const int offset : {0, 99, 110, 16383}) {
+        const uint8_t kept = pData[offset];
+        EXPECT_DEATH(
+            {
+                pData[offset] = '!';
+                Release();
+            },
+            "DiffersAsDeclared")
+            << offset;
+        EXPECT_EQ(pData[offset], kept);
+    }
+    Release();
+}
+#endif
 
 // What is written in two parts has failed when one of them has.
 TEST_F(BlockRelease, EitherPartThatFailsIsAFailedWrite)
@@ -164,7 +233,8 @@ TEST_F(BlockRelease, EitherPartThatFailsIsAFailedWrite)
     const int32_t tId = MakeBlockOfY();
     for (uint32_t nth : {1u, 2u, 3u}) {
         uint8_t* pData = TakeEnds(tId, 500, 1000);
-        BlckModifiedStart(pData, oBlck_, 16384, 1000);
+        Change(pData, 0, 500, 'y');
+        Change(pData, 15384, 1000, 'y');
         LogRecorder log;
         const ArmedFault fault(FAULT_WRITE, nth);
         Release();
@@ -189,6 +259,7 @@ TEST_F(BlockRelease, ARestThatCannotBeReadStaysAsItIsInTheFile)
         Release();
     }
     std::string expected(16384, 'y');
+    expected.replace(0, 10, 10, 'z');
     expected.replace(0, 4, 4, '\xff');
     EXPECT_TRUE(Stored(tId) == expected);
 }

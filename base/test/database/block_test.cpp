@@ -146,17 +146,6 @@ TEST_F(Block, AnOpenWithoutMemoryLeavesNothingBehind)
     }
 }
 
-TEST_F(Block, AReferenceThatCannotBeAddedGivesANullHandle)
-{
-    MakeBlocks(1);
-    Close();
-    int untouched = 0;
-    void* o = &untouched;
-    const ArmedFault fault(FAULT_INCREF);
-    EXPECT_EQ(BlckFileOpen(&o, path().c_str()), 1u);
-    EXPECT_EQ(o, nullptr);
-}
-
 TEST_F(Block, TheBlockSizeInTheFileIsNeverChecked)
 {
     MakeBlocks(1);

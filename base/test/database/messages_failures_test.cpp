@@ -179,7 +179,7 @@ TEST(FailureMessages, OfTrees)
          [](S& s) {
              uint8_t* pNode = nullptr;
              IndxGetNode(&pNode, s.Integers({1}).cursor(), 0);
-             SetNodeCount(pNode, -1);
+             EXPECT_TRUE(IndxSetNodeCount(pNode, -1));
              IndxGetNode(&pNode, s.tree->cursor(), 0);
              EXPECT_EQ(pNode, nullptr);
          }},

@@ -37,8 +37,8 @@ class OrderTest : public PeopleTest {
         }
         return result;
     }
-    // Fails unless the writes are: records, then blocks in ascending order, each once and from its
-    // start on, then the control block from its start on (which may be missing when told so).
+    // Fails unless the writes are: records, then blocks in ascending order, each byte once, then
+    // the control block from its start on (which may be missing when told so).
     static void ExpectOrderOfWrites(const Calls& calls, size_t records, bool hasControl = true)
     {
         Calls writes;
@@ -55,10 +55,11 @@ class OrderTest : public PeopleTest {
             EXPECT_TRUE(IsBlockFile(writes[i])) << i;
             EXPECT_GT(writes[i].size, 0u) << i;
             EXPECT_LE(writes[i].size, BLOCK) << i;
-            EXPECT_EQ(writes[i].offset % BLOCK, 0) << i;
+            EXPECT_EQ(writes[i].offset / BLOCK, (writes[i].offset + writes[i].size - 1) / BLOCK)
+                << i;
             EXPECT_GE(writes[i].offset, BLOCK) << i;
             if (i > records) {
-                EXPECT_GT(writes[i].offset, writes[i - 1].offset) << i;
+                EXPECT_GE(writes[i].offset, writes[i - 1].offset + writes[i - 1].size) << i;
             }
         }
         EXPECT_TRUE(IsBlockFile(writes.back()));

@@ -4,8 +4,8 @@
 // end of each schema the trees are checked, and every record is sought through every index and
 // compared item by item.
 //
-// NIM_TEST_SEED replays a run: the seed is printed. NIM_TEST_OPERATIONS sets the number of operations
-// of the whole program, of which each part takes its share (support/effort.h).
+// NIM_TEST_SEED replays a run: the seed is printed. NIM_TEST_OPERATIONS sets the number of
+// operations of the whole program, of which each part takes its share (support/effort.h).
 
 #include <gtest/gtest.h>
 

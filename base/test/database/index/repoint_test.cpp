@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/file_calls.h"
 #include "support/person_table.h"
 #include "support/quiet_trace.h"
 #include "support/same_files.h"
@@ -50,11 +51,9 @@ class RepointTest : public PeopleTest {
         const auto offset = static_cast<uint32_t>(OffsetOf(table_, id));
         const Held blob = BlobOf(person);
         IndxUpdateTable(table_);
-        FaultResetCalls();
+        const FileCalls calls;
         EXPECT_EQ(IndxModifyRecordInTable(table_, offset, blob.get()), 1u);
-        const uint32_t writes = FaultCalls(FAULT_WRITE, BlocksPath().c_str());
-        FaultStopCalls();
-        return writes;
+        return static_cast<uint32_t>(calls.blocksWritten(BlocksPath()).size());
     }
     std::string CopyPath(const char* name) const { return directory().path(name); }
     void CopyDatabase(const char* name)

@@ -147,10 +147,13 @@ bool IndxGetKeyInfoFromNode(IndxKeyInfo** ppKey, IndxCursor* pCursor, const uint
 
 // ---- getting ------------------------------------------------------------------------------------
 
-const uint8_t* IndxReadNode(bool* pInMemory, IndxCursor* pCursor, uint32_t tId)
+namespace {
+
+// A node to be read; `ppNode` is the caller's variable, for the trace.
+const uint8_t* ReadNode(const void* ppNode, bool* pInMemory, IndxCursor* pCursor, uint32_t tId)
 {
     INDX_TRACE(
-        INDX_DETAIL, "IndxGetNode(%p, %p, %ld)", static_cast<void*>(pInMemory),
+        INDX_DETAIL, "IndxGetNode(%p, %p, %ld)", const_cast<void*>(ppNode),
         static_cast<void*>(pCursor), tId);
     const uint8_t* pNode = BlckReadBlock(pInMemory, BlckOf(pCursor), static_cast<int32_t>(tId));
     if (!pNode || NodeIsSound(pNode, HeapFlag(pCursor)))
@@ -159,6 +162,13 @@ const uint8_t* IndxReadNode(bool* pInMemory, IndxCursor* pCursor, uint32_t tId)
         INDX_ALWAYS, "Node %ld of field '%s' of table '%s' is damaged", tId, pCursor->oField->name,
         TableOf(pCursor)->name);
     return nullptr;
+}
+
+} // namespace
+
+const uint8_t* IndxReadNode(bool* pInMemory, IndxCursor* pCursor, uint32_t tId)
+{
+    return ReadNode(pInMemory, pInMemory, pCursor, tId);
 }
 
 // The free room stays behind, when it is worth it, but for some entries more: what is added beyond
@@ -182,7 +192,7 @@ uint8_t* IndxNodeToChange(IndxCursor* pCursor, uint32_t tId, const uint8_t* pNod
 void IndxGetNode(uint8_t** ppNode, IndxCursor* pCursor, uint32_t tId)
 {
     bool bInMemory = false;
-    const uint8_t* pNode = IndxReadNode(&bInMemory, pCursor, tId);
+    const uint8_t* pNode = ReadNode(ppNode, &bInMemory, pCursor, tId);
     *ppNode = pNode ? IndxNodeToChange(pCursor, tId, pNode, bInMemory) : nullptr;
 }
 
