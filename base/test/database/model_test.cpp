@@ -455,9 +455,9 @@ class ModelRun {
     ModelKey found_;
 };
 
-class TreeModelTest : public testing::TestWithParam<ModelCase> {};
+class TreeAgainstModel : public testing::TestWithParam<ModelCase> {};
 
-TEST_P(TreeModelTest, HoldsWhatTheMapHolds)
+TEST_P(TreeAgainstModel, HoldsWhatTheMapHolds)
 {
     const ModelCase& c = GetParam();
     const uint64_t all = FromEnvironment("NIMDB_TEST_OPERATIONS", DEFAULT_OPERATIONS);
@@ -489,7 +489,7 @@ const ModelCase CASES[] = {
 
 // Records with a key in each of seven trees that share one block file. Two of them are unique: a
 // record that one of them refuses is backed out of all, whatever the others had split.
-TEST(TreeModelMany, SevenIndexesOfOneFileHoldTheSameRecords)
+TEST(TreeAgainstModelMany, SevenIndexesOfOneFileHoldTheSameRecords)
 {
     const uint64_t all = FromEnvironment("NIMDB_TEST_OPERATIONS", DEFAULT_OPERATIONS);
     const uint64_t operations = std::max<uint64_t>(all / 40, 200);
@@ -568,7 +568,7 @@ TEST(TreeModelMany, SevenIndexesOfOneFileHoldTheSameRecords)
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Tree, TreeModelTest, testing::ValuesIn(CASES),
+    Tree, TreeAgainstModel, testing::ValuesIn(CASES),
     [](const testing::TestParamInfo<ModelCase>& which) { return std::string(which.param.name); });
 
 } // namespace

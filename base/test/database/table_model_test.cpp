@@ -598,9 +598,9 @@ class TableRun {
 // ---- the parts of the run
 // ----------------------------------------------------------------------------
 
-class TableModelTest : public DatabaseTest, public testing::WithParamInterface<uint32_t> {};
+class TableAgainstModel : public DatabaseTest, public testing::WithParamInterface<uint32_t> {};
 
-TEST_P(TableModelTest, TablesOfAnySchemaAnswerAsTheModelDoes)
+TEST_P(TableAgainstModel, TablesOfAnySchemaAnswerAsTheModelDoes)
 {
     const uint64_t seed = TestSeed("NIMDB_TEST_SEED");
     const QuietTrace quiet;
@@ -634,6 +634,6 @@ TEST_P(TableModelTest, TablesOfAnySchemaAnswerAsTheModelDoes)
     EXPECT_TRUE(log.empty()) << log.dump();
 }
 
-INSTANTIATE_TEST_SUITE_P(Parts, TableModelTest, testing::Range(0u, PARTS));
+INSTANTIATE_TEST_SUITE_P(Parts, TableAgainstModel, testing::Range(0u, PARTS));
 
 } // namespace
