@@ -212,7 +212,7 @@ TEST_F(BlockGet, TheSpaceOfAFreshBlockIsReservedWithoutChangingTheLength)
 
 // ---- the free chain, damaged -------------------------------------------------------------------
 
-class DamagedChain : public BlockFileTest {
+class BlockGetDamagedChain : public BlockFileTest {
   protected:
     // Three blocks, of which 0 and 2 are free (head 2, then 0); the head's link becomes `link`.
     void Make(uint32_t head, uint32_t link)
@@ -244,13 +244,13 @@ class DamagedChain : public BlockFileTest {
     }
 };
 
-TEST_F(DamagedChain, ALinkToItselfEndsTheChain)
+TEST_F(BlockGetDamagedChain, ALinkToItselfEndsTheChain)
 {
     Make(2, 2);
     EXPECT_EQ(Take(3), (std::vector<int32_t>{2, 3, 4}));
 }
 
-TEST_F(DamagedChain, AHeadOrALinkOutOfRangeGivesNoBlockAndEndsTheChain)
+TEST_F(BlockGetDamagedChain, AHeadOrALinkOutOfRangeGivesNoBlockAndEndsTheChain)
 {
     for (const uint32_t bad : {3u, 1000u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFEu}) {
         SCOPED_TRACE(bad);
@@ -264,7 +264,7 @@ TEST_F(DamagedChain, AHeadOrALinkOutOfRangeGivesNoBlockAndEndsTheChain)
     }
 }
 
-TEST_F(DamagedChain, ALinkToABlockInUseGivesTheChainUp)
+TEST_F(BlockGetDamagedChain, ALinkToABlockInUseGivesTheChainUp)
 {
     Make(2, 1);
     Fill(Get(1), 'u'); // in use by the present operation
@@ -274,7 +274,7 @@ TEST_F(DamagedChain, ALinkToABlockInUseGivesTheChainUp)
     EXPECT_EQ(Get(1)[0], 'u');
 }
 
-TEST_F(DamagedChain, ARingOfFreeBlocksHandsNoneOutTwice)
+TEST_F(BlockGetDamagedChain, ARingOfFreeBlocksHandsNoneOutTwice)
 {
     Make(2, 0);
     std::string bytes;

@@ -434,9 +434,9 @@ class ModelRun {
     ModelKey found_;
 };
 
-class TreeModelTest : public testing::TestWithParam<ModelCase> {};
+class TreeAgainstModel : public testing::TestWithParam<ModelCase> {};
 
-TEST_P(TreeModelTest, HoldsWhatTheMapHolds)
+TEST_P(TreeAgainstModel, HoldsWhatTheMapHolds)
 {
     const ModelCase& c = GetParam();
     const uint64_t all = ModelOperations();
@@ -468,7 +468,7 @@ const ModelCase CASES[] = {
 
 // Records with a key in each of seven trees that share one block file. Two of them are unique: a
 // record that one of them refuses is backed out of all, whatever the others had split.
-TEST(TreeModelMany, SevenIndexesOfOneFileHoldTheSameRecords)
+TEST(TreeAgainstModelMany, SevenIndexesOfOneFileHoldTheSameRecords)
 {
     const uint64_t all = ModelOperations();
     const uint64_t operations = std::max<uint64_t>(all / 40, 200);
@@ -548,7 +548,7 @@ TEST(TreeModelMany, SevenIndexesOfOneFileHoldTheSameRecords)
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Tree, TreeModelTest, testing::ValuesIn(CASES),
+    Tree, TreeAgainstModel, testing::ValuesIn(CASES),
     [](const testing::TestParamInfo<ModelCase>& which) { return std::string(which.param.name); });
 
 } // namespace

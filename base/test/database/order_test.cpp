@@ -16,7 +16,7 @@ constexpr int64_t BLOCK = 16384;
 constexpr uint32_t CONTROL = 16168;
 constexpr uint32_t HEADER = 40; // of the control block, before the user data
 
-class OrderTest : public PeopleTest {
+class OrderOfWrites : public PeopleTest {
   protected:
     using Calls = std::vector<FileCalls::Call>;
 
@@ -73,7 +73,7 @@ class OrderTest : public PeopleTest {
     }
 };
 
-TEST_F(OrderTest, AnAddWritesItsRecordThenBlocksThenTheControlBlock)
+TEST_F(OrderOfWrites, AnAddWritesItsRecordThenBlocksThenTheControlBlock)
 {
     People model;
     for (uint32_t n = 0; n < 60; ++n) {
@@ -84,7 +84,7 @@ TEST_F(OrderTest, AnAddWritesItsRecordThenBlocksThenTheControlBlock)
     ExpectHolds(table_, model);
 }
 
-TEST_F(OrderTest, ADeleteThatEmptiesNodesWritesBlocksThenTheControlBlock)
+TEST_F(OrderOfWrites, ADeleteThatEmptiesNodesWritesBlocksThenTheControlBlock)
 {
     People model;
     AddPeople(table_, &model, 0, 9, 8000, 8000);
@@ -101,7 +101,7 @@ TEST_F(OrderTest, ADeleteThatEmptiesNodesWritesBlocksThenTheControlBlock)
 }
 
 // All of an operation's block writes belong to its end: nothing before IndxUpdateTable has begun.
-TEST_F(OrderTest, NoBlockIsWrittenBetweenTheStartOfAnOperationAndItsUpdate)
+TEST_F(OrderOfWrites, NoBlockIsWrittenBetweenTheStartOfAnOperationAndItsUpdate)
 {
     struct Watch {
         uint32_t blockWrites = 0; // so far
@@ -136,7 +136,7 @@ TEST_F(OrderTest, NoBlockIsWrittenBetweenTheStartOfAnOperationAndItsUpdate)
     ExpectHolds(table_, model);
 }
 
-TEST_F(OrderTest, AnAddRecordWritesNoBlockUntilTheUpdate)
+TEST_F(OrderOfWrites, AnAddRecordWritesNoBlockUntilTheUpdate)
 {
     People model;
     AddPeople(table_, &model, 0, 5);
@@ -154,7 +154,7 @@ TEST_F(OrderTest, AnAddRecordWritesNoBlockUntilTheUpdate)
     ExpectHolds(table_, model);
 }
 
-TEST_F(OrderTest, AFailingOperationWritesNoBlock)
+TEST_F(OrderOfWrites, AFailingOperationWritesNoBlock)
 {
     People model;
     AddPeople(table_, &model, 0, 681);
@@ -178,7 +178,7 @@ TEST_F(OrderTest, AFailingOperationWritesNoBlock)
     ExpectHolds(table_, model);
 }
 
-TEST_F(OrderTest, ReadingWritesNothingAndReadsNothingTwice)
+TEST_F(OrderOfWrites, ReadingWritesNothingAndReadsNothingTwice)
 {
     People model;
     AddPeople(table_, &model, 0, 1500);
@@ -211,7 +211,7 @@ TEST_F(OrderTest, ReadingWritesNothingAndReadsNothingTwice)
     ExpectHolds(table_, model);
 }
 
-TEST_F(OrderTest, AnAddReadsEachNodeOnceAndWritesTheRecordInOneCall)
+TEST_F(OrderOfWrites, AnAddReadsEachNodeOnceAndWritesTheRecordInOneCall)
 {
     People model;
     AddPeople(table_, &model, 0, 1500);
@@ -234,7 +234,7 @@ TEST_F(OrderTest, AnAddReadsEachNodeOnceAndWritesTheRecordInOneCall)
 }
 
 // Room for a fresh block is asked for when it is handed out, before anything is overwritten.
-TEST_F(OrderTest, RoomForFreshBlocksIsReservedBeforeAnythingIsWritten)
+TEST_F(OrderOfWrites, RoomForFreshBlocksIsReservedBeforeAnythingIsWritten)
 {
     People model;
     AddPeople(table_, &model, 0, 4, 8000, 8000);
@@ -250,7 +250,7 @@ TEST_F(OrderTest, RoomForFreshBlocksIsReservedBeforeAnythingIsWritten)
 }
 
 // A modified block is written once however often it was changed.
-TEST_F(OrderTest, ABlockIsWrittenOnceAnOperation)
+TEST_F(OrderOfWrites, ABlockIsWrittenOnceAnOperation)
 {
     People model;
     AddPeople(table_, &model, 0, 20, 5000, 5000);
@@ -264,7 +264,7 @@ TEST_F(OrderTest, ABlockIsWrittenOnceAnOperation)
     ExpectHolds(table_, model);
 }
 
-TEST_F(OrderTest, ANewTableIsDescribedInItsFileBeforeItIsHandedOut)
+TEST_F(OrderOfWrites, ANewTableIsDescribedInItsFileBeforeItIsHandedOut)
 {
     FileCalls files;
     ASSERT_NE(OpenPeople(0, "Other"), nullptr);
@@ -274,7 +274,7 @@ TEST_F(OrderTest, ANewTableIsDescribedInItsFileBeforeItIsHandedOut)
 
 // Kept: a block file always opens as modified, so that its control block is written once more at
 // the close; nothing else is.
-TEST_F(OrderTest, OpeningReadsEachControlBlockOnceAndClosingRewritesIt)
+TEST_F(OrderOfWrites, OpeningReadsEachControlBlockOnceAndClosingRewritesIt)
 {
     People model;
     AddPeople(table_, &model, 0, 50);

@@ -589,9 +589,9 @@ class TableRun {
 // ---- the parts of the run
 // ----------------------------------------------------------------------------
 
-class TableModelTest : public DatabaseTest, public testing::WithParamInterface<uint32_t> {};
+class TableAgainstModel : public DatabaseTest, public testing::WithParamInterface<uint32_t> {};
 
-TEST_P(TableModelTest, TablesOfAnySchemaAnswerAsTheModelDoes)
+TEST_P(TableAgainstModel, TablesOfAnySchemaAnswerAsTheModelDoes)
 {
     const uint64_t seed = TestSeed();
     const QuietTrace quiet;
@@ -625,6 +625,6 @@ TEST_P(TableModelTest, TablesOfAnySchemaAnswerAsTheModelDoes)
     EXPECT_TRUE(log.empty()) << log.dump();
 }
 
-INSTANTIATE_TEST_SUITE_P(Parts, TableModelTest, testing::Range(0u, PARTS));
+INSTANTIATE_TEST_SUITE_P(Parts, TableAgainstModel, testing::Range(0u, PARTS));
 
 } // namespace

@@ -530,7 +530,7 @@ TEST_F(Catalogue, ChangesThatWereNotReleasedAreLostWithALogMessage)
 
 // ---- clustered mode ---------------------------------------------------------------------------
 
-class Clustered : public Catalogue {
+class CatalogueClustered : public Catalogue {
   protected:
     void SetUp() override
     {
@@ -539,7 +539,7 @@ class Clustered : public Catalogue {
     }
 };
 
-TEST_F(Clustered, HomeIsTheCallers)
+TEST_F(CatalogueClustered, HomeIsTheCallers)
 {
     const std::string home = directory().path("drive");
     void* oDatabase = nullptr;
@@ -556,13 +556,13 @@ TEST_F(Clustered, HomeIsTheCallers)
     EXPECT_TRUE(IsDirectory(HomePath() + "/Next"));
 }
 
-TEST_F(Clustered, HomeIsTheConfiguredOneWithoutTheCallers)
+TEST_F(CatalogueClustered, HomeIsTheConfiguredOneWithoutTheCallers)
 {
     ASSERT_TRUE(Open());
     EXPECT_TRUE(IsDirectory(HomePath() + "/Data/Indexes"));
 }
 
-TEST_F(Clustered, HomeThatIsNoDirectoryIsError28)
+TEST_F(CatalogueClustered, HomeThatIsNoDirectoryIsError28)
 {
     void* oDatabase = nullptr;
     EXPECT_EQ(IndxOpenDatabase(&oDatabase, "Data", nullptr, directory().path("a/b").c_str()), 0u);
@@ -571,7 +571,7 @@ TEST_F(Clustered, HomeThatIsNoDirectoryIsError28)
     EXPECT_EQ(IndxError(), 28u);
 }
 
-TEST_F(Clustered, CallersHomeCountsInNoOtherMode)
+TEST_F(CatalogueClustered, CallersHomeCountsInNoOtherMode)
 {
     for (const uint32_t mode : {0u, 2u, 0xFFFFFFFFu}) {
         DbSetClusteredMode(mode);
@@ -583,7 +583,7 @@ TEST_F(Clustered, CallersHomeCountsInNoOtherMode)
     }
 }
 
-TEST_F(Clustered, ClosingReleasesTheBlocks)
+TEST_F(CatalogueClustered, ClosingReleasesTheBlocks)
 {
     ASSERT_TRUE(Open());
     void* oTable = Create("T");
@@ -601,7 +601,7 @@ TEST_F(Clustered, ClosingReleasesTheBlocks)
     EXPECT_TRUE(log.empty()) << log.dump();
 }
 
-TEST_F(Clustered, ClosingATableGivesItsDatabaseBack)
+TEST_F(CatalogueClustered, ClosingATableGivesItsDatabaseBack)
 {
     ASSERT_TRUE(Open());
     void* oTable = Create("T");
@@ -622,7 +622,7 @@ TEST_F(Clustered, ClosingATableGivesItsDatabaseBack)
     EXPECT_EQ(IndxCloseTable(&oHeld), 1u) << "a second time";
 }
 
-TEST_F(Clustered, TableThatIsStillHeldDoesNotKeepItsDatabaseAlive)
+TEST_F(CatalogueClustered, TableThatIsStillHeldDoesNotKeepItsDatabaseAlive)
 {
     ASSERT_TRUE(Open());
     void* oTable = ObjIncRefCount(Create("T"));
@@ -632,7 +632,7 @@ TEST_F(Clustered, TableThatIsStillHeldDoesNotKeepItsDatabaseAlive)
     EXPECT_EQ(IndxReleaseTable(&oTable), 1u);
 }
 
-TEST_F(Clustered, TableIsOpenedAgainAfterItWasClosed)
+TEST_F(CatalogueClustered, TableIsOpenedAgainAfterItWasClosed)
 {
     ASSERT_TRUE(Open());
     void* oTable = ObjIncRefCount(Create("T"));

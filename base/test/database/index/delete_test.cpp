@@ -254,7 +254,7 @@ TEST_F(Delete, AnEntryByNodeAndPositionCanBeRemovedAndOthersAreRefused)
 
 // ---- re-keying a full parent -------------------------------------------------------------------
 
-class ReKey : public Delete {
+class DeleteReKey : public Delete {
   protected:
     static Key Numbered(uint32_t n, size_t size)
     {
@@ -264,7 +264,7 @@ class ReKey : public Delete {
     }
 };
 
-TEST_F(ReKey, ALongerLowestKeyForAFullParentIsEnteredAboveFirst)
+TEST_F(DeleteReKey, ALongerLowestKeyForAFullParentIsEnteredAboveFirst)
 {
     // Deleting k10 of 5 bytes leaves k11 of 5400 as the lowest key, in a parent without room.
     IndexFixture index(path(), {{INDX_KEY_TEXT}});
@@ -281,7 +281,7 @@ TEST_F(ReKey, ALongerLowestKeyForAFullParentIsEnteredAboveFirst)
     }
 }
 
-TEST_F(ReKey, AHundredThousandTextsLoadedAscendingAllSurviveTheDeletionOfTheFirst)
+TEST_F(DeleteReKey, AHundredThousandTextsLoadedAscendingAllSurviveTheDeletionOfTheFirst)
 {
     IndexFixture index(path(), {{INDX_KEY_TEXT}});
     constexpr uint32_t COUNT = 100'000;
@@ -308,7 +308,7 @@ TEST_F(ReKey, AHundredThousandTextsLoadedAscendingAllSurviveTheDeletionOfTheFirs
     EXPECT_EQ(index.Walk().size(), COUNT - 1000);
 }
 
-TEST_F(ReKey, EveryDeletionOutOfTreesOfUnequalKeysKeepsThemSound)
+TEST_F(DeleteReKey, EveryDeletionOutOfTreesOfUnequalKeysKeepsThemSound)
 {
     // Short keys in front of long ones, in every arrangement: parents fill to the byte.
     for (uint32_t seed = 1; seed <= 40; ++seed) {
@@ -339,7 +339,7 @@ TEST_F(ReKey, EveryDeletionOutOfTreesOfUnequalKeysKeepsThemSound)
     }
 }
 
-TEST_F(ReKey, ALowestKeyTooLongForItsParentFailsCleanly)
+TEST_F(DeleteReKey, ALowestKeyTooLongForItsParentFailsCleanly)
 {
     // Under the root stand "a" with 2 bytes and "b" with 8168; without "a" it would be "a2" with
     // 8168 beside it, and the two do not fit into one node.
@@ -371,7 +371,7 @@ TEST_F(ReKey, ALowestKeyTooLongForItsParentFailsCleanly)
 
 // ---- failures ----------------------------------------------------------------------------------
 
-class DeleteSweep : public ReKey {
+class DeleteSweep : public DeleteReKey {
   protected:
     static size_t Size(uint32_t n) { return n % 4 == 2 ? 5 : n % 2 ? 5426 : 5400; }
 
@@ -421,7 +421,7 @@ TEST_F(DeleteSweep, EveryFullDiskIsBackedOutCleanly)
 
 // ---- parents without room ----------------------------------------------------------------------
 
-class FullParent : public TreeTest {
+class DeleteFullParent : public TreeTest {
   protected:
     // Three leaves, "b" and "c", "m" and "n", "p", under a root that has 26 bytes left.
     void SetUp() override
@@ -462,7 +462,7 @@ class FullParent : public TreeTest {
     std::unique_ptr<IndexFixture> index_;
 };
 
-TEST_F(FullParent, ANewLowestKeySplitsItToTheLeft)
+TEST_F(DeleteFullParent, ANewLowestKeySplitsItToTheLeft)
 {
     TraceRecorder trace;
     ASSERT_TRUE(index_->Insert(10, SizedKey("a", 100))); // the entry of the first leaf was "b"
@@ -473,7 +473,7 @@ TEST_F(FullParent, ANewLowestKeySplitsItToTheLeft)
     EXPECT_EQ(index_->Walk().front(), 10u);
 }
 
-TEST_F(FullParent, ALongerLowestKeyThatADeletionLeavesSplitsIt)
+TEST_F(DeleteFullParent, ALongerLowestKeyThatADeletionLeavesSplitsIt)
 {
     ASSERT_TRUE(index_->Add('q', SizedKey("q", 8168))); // shares the leaf of "p"
     TraceRecorder trace;
@@ -485,7 +485,7 @@ TEST_F(FullParent, ALongerLowestKeyThatADeletionLeavesSplitsIt)
 
 // ---- what marks the description ----------------------------------------------------------------
 
-class Marks : public TreeTest {
+class StoreMarks : public TreeTest {
   protected:
     // Whether a change marked the description; it is stored afterwards.
     bool Inserts(int32_t value)
@@ -519,7 +519,7 @@ class Marks : public TreeTest {
     std::unique_ptr<IndexFixture> index_;
 };
 
-TEST_F(Marks, RootsEndsAndLevelsMarkTheDescription)
+TEST_F(StoreMarks, RootsEndsAndLevelsMarkTheDescription)
 {
     EXPECT_TRUE(Inserts(1)); // the first root
     for (int32_t i = 2; i <= 681; ++i)
@@ -538,7 +538,7 @@ TEST_F(Marks, RootsEndsAndLevelsMarkTheDescription)
     EXPECT_TRUE(Deletes(1000)); // the last key
 }
 
-TEST_F(Marks, ANewFirstLeafMarksTheDescription)
+TEST_F(StoreMarks, ANewFirstLeafMarksTheDescription)
 {
     for (int32_t i = 0; i <= 681; ++i)
         Inserts(i);
@@ -546,7 +546,7 @@ TEST_F(Marks, ANewFirstLeafMarksTheDescription)
     EXPECT_EQ(index_->field()->levels, 2);
 }
 
-TEST_F(Marks, ALeafBetweenOthersComesAndGoesWithoutMarkingTheDescription)
+TEST_F(StoreMarks, ALeafBetweenOthersComesAndGoesWithoutMarkingTheDescription)
 {
     for (int32_t i = 0; i <= 681; ++i)
         Inserts(2 * i);

@@ -272,7 +272,7 @@ TEST_F(Insert, ARecordIdIndexHoldsIdsInOrder)
 
 // ---- keys too long to fit ----------------------------------------------------------------------
 
-class LongKeys : public Insert {
+class InsertLongKeys : public Insert {
   protected:
     // Inserts and expects a clean refusal: the texts, and nothing changed after the back-out.
     void
@@ -296,7 +296,7 @@ class LongKeys : public Insert {
     }
 };
 
-TEST_F(LongKeys, OneKeyOfTheGreatestLengthIsAccepted)
+TEST_F(InsertLongKeys, OneKeyOfTheGreatestLengthIsAccepted)
 {
     IndexFixture index(path(), {{INDX_KEY_TEXT}});
     ASSERT_TRUE(index.Add(1, SizedKey("a", 8168)));
@@ -304,7 +304,7 @@ TEST_F(LongKeys, OneKeyOfTheGreatestLengthIsAccepted)
     EXPECT_TRUE(SoundTable(index.table()));
 }
 
-TEST_F(LongKeys, ANewRootThatCannotHoldItsTwoKeysIsRefused)
+TEST_F(InsertLongKeys, ANewRootThatCannotHoldItsTwoKeysIsRefused)
 {
     IndexFixture right(directory_.path("right"), {{INDX_KEY_TEXT}});
     ASSERT_TRUE(right.Add(1, SizedKey("a", 8168)));
@@ -322,7 +322,7 @@ TEST_F(LongKeys, ANewRootThatCannotHoldItsTwoKeysIsRefused)
     EXPECT_TRUE(SoundTable(left.table(), CheckTable(left.table()).lost.size()));
 }
 
-TEST_F(LongKeys, TwoLengthsUpToASumOf16304FitTogetherAndOneMoreDoesNot)
+TEST_F(InsertLongKeys, TwoLengthsUpToASumOf16304FitTogetherAndOneMoreDoesNot)
 {
     for (const size_t second : {8136u, 8137u}) {
         IndexFixture index(directory_.path("s" + std::to_string(second)), {{INDX_KEY_TEXT}});
@@ -343,7 +343,7 @@ TEST_F(LongKeys, TwoLengthsUpToASumOf16304FitTogetherAndOneMoreDoesNot)
     EXPECT_TRUE(SoundTable(index.table(), CheckTable(index.table()).lost.size()));
 }
 
-TEST_F(LongKeys, ASplitWithRoomOnNeitherSideIsRefusedBeforeANodeIsMade)
+TEST_F(InsertLongKeys, ASplitWithRoomOnNeitherSideIsRefusedBeforeANodeIsMade)
 {
     IndexFixture index(path(), {{INDX_KEY_TEXT}});
     ASSERT_TRUE(index.Add(1, SizedKey("a", 8152)));
@@ -361,7 +361,7 @@ TEST_F(LongKeys, ASplitWithRoomOnNeitherSideIsRefusedBeforeANodeIsMade)
     EXPECT_TRUE(SoundTable(index.table()));
 }
 
-TEST_F(LongKeys, ABranchWithRoomOnNeitherSideIsRefusedToo)
+TEST_F(InsertLongKeys, ABranchWithRoomOnNeitherSideIsRefusedToo)
 {
     IndexFixture index(path(), {{INDX_KEY_TEXT}});
     // The root holds "a" and "m", 8152 bytes each; the leaf of "a" is full up to "f".
@@ -386,7 +386,7 @@ TEST_F(LongKeys, ABranchWithRoomOnNeitherSideIsRefusedToo)
     }
 }
 
-TEST_F(LongKeys, EveryPairOfLengthsAroundHalfANodeIsStoredOrRefusedCleanly)
+TEST_F(InsertLongKeys, EveryPairOfLengthsAroundHalfANodeIsStoredOrRefusedCleanly)
 {
     for (size_t first = 8148; first <= 8168; first += 4) {
         for (size_t second = 8148; second <= 8168; second += 5) {

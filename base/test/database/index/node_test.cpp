@@ -323,7 +323,7 @@ TEST_F(Node, AnUnknownKeyTypeStoresTheIdAndThePointerOnly)
 
 // ---- the block file of an index ----------------------------------------------------------------
 
-class IndexOpen : public TreeTest {
+class StoreOpen : public TreeTest {
   protected:
     // A table whose database has this directory for its block files.
     void MakeTable(const std::string& directory)
@@ -346,7 +346,7 @@ class IndexOpen : public TreeTest {
     IndxTable* table_ = nullptr;
 };
 
-TEST_F(IndexOpen, OpensTheFileInTheTablesDirectory)
+TEST_F(StoreOpen, OpensTheFileInTheTablesDirectory)
 {
     MakeTable(directory_.path());
     TraceRecorder trace;
@@ -360,7 +360,7 @@ TEST_F(IndexOpen, OpensTheFileInTheTablesDirectory)
     EXPECT_EQ(trace.countLevel(-1), 0u);
 }
 
-TEST_F(IndexOpen, AFileThatCannotBeOpenedIsTrueAndLeavesTheHandleUntouched)
+TEST_F(StoreOpen, AFileThatCannotBeOpenedIsTrueAndLeavesTheHandleUntouched)
 {
     const std::string missing = directory_.path("missing");
     MakeTable(missing);
@@ -378,7 +378,7 @@ TEST_F(IndexOpen, AFileThatCannotBeOpenedIsTrueAndLeavesTheHandleUntouched)
         TAG, 0, 3, "TRUE = IndxIndexOpen(" + Address(&oBlck) + ", " + Address(table_) + ", Name)"));
 }
 
-TEST_F(IndexOpen, APathThatCannotBeBuiltIsNamedNull)
+TEST_F(StoreOpen, APathThatCannotBeBuiltIsNamedNull)
 {
     int untouched = 0;
     void* oBlck = &untouched;
@@ -391,9 +391,9 @@ TEST_F(IndexOpen, APathThatCannotBeBuiltIsNamedNull)
 
 // ---- ending an operation -----------------------------------------------------------------------
 
-class UpdateTable : public TreeTest {};
+class StoreUpdate : public TreeTest {};
 
-TEST_F(UpdateTable, AnUnchangedTableIsTrueAndStillWritesAllBlocks)
+TEST_F(StoreUpdate, AnUnchangedTableIsTrueAndStillWritesAllBlocks)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER}});
     ASSERT_TRUE(index.Add(1, NumberKey(1)));
@@ -409,7 +409,7 @@ TEST_F(UpdateTable, AnUnchangedTableIsTrueAndStillWritesAllBlocks)
     EXPECT_TRUE(SoundTable(index.table()));
 }
 
-TEST_F(UpdateTable, AChangedDescriptionIsStoredAsUnchangedWithItsRoots)
+TEST_F(StoreUpdate, AChangedDescriptionIsStoredAsUnchangedWithItsRoots)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER}});
     ASSERT_TRUE(index.Insert(1, NumberKey(1)));
@@ -437,7 +437,7 @@ TEST_F(UpdateTable, AChangedDescriptionIsStoredAsUnchangedWithItsRoots)
     EXPECT_TRUE(SoundBlockFile(path()));
 }
 
-TEST_F(UpdateTable, ADescriptionThatCannotBeStoredIsLoggedAndTheNodesAreWrittenAllTheSame)
+TEST_F(StoreUpdate, ADescriptionThatCannotBeStoredIsLoggedAndTheNodesAreWrittenAllTheSame)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER}});
     ASSERT_TRUE(index.Insert(1, NumberKey(1)));
@@ -463,7 +463,7 @@ TEST_F(UpdateTable, ADescriptionThatCannotBeStoredIsLoggedAndTheNodesAreWrittenA
     EXPECT_TRUE(SoundTable(index.table()));
 }
 
-TEST_F(UpdateTable, ADescriptionTooLargeForTheUserDataIsNotWrittenBehindIt)
+TEST_F(StoreUpdate, ADescriptionTooLargeForTheUserDataIsNotWrittenBehindIt)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER}});
     const std::string text(20000, 'f');
@@ -476,7 +476,7 @@ TEST_F(UpdateTable, ADescriptionTooLargeForTheUserDataIsNotWrittenBehindIt)
     EXPECT_TRUE(SoundTable(index.table()));
 }
 
-TEST_F(UpdateTable, NoTableIsFalse)
+TEST_F(StoreUpdate, NoTableIsFalse)
 {
     EXPECT_EQ(IndxUpdateTable(nullptr), 0u);
     void* oWrong = ObjIntegerNew(1);
@@ -486,9 +486,9 @@ TEST_F(UpdateTable, NoTableIsFalse)
 
 // ---- roots and back-outs -----------------------------------------------------------------------
 
-class Roots : public TreeTest {};
+class StoreRoots : public TreeTest {};
 
-TEST_F(Roots, ABackoutPutsTheRootsOfEveryIndexBack)
+TEST_F(StoreRoots, ABackoutPutsTheRootsOfEveryIndexBack)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER}, {INDX_KEY_TEXT, true}});
     ASSERT_TRUE(index.Insert(1, NumberKey(1), 0, 0));
@@ -507,7 +507,7 @@ TEST_F(Roots, ABackoutPutsTheRootsOfEveryIndexBack)
     EXPECT_TRUE(SoundTable(index.table(), 2));
 }
 
-TEST_F(Roots, ARootSplitThatAnotherIndexThwartsIsUndone)
+TEST_F(StoreRoots, ARootSplitThatAnotherIndexThwartsIsUndone)
 {
     // 681 keys fill a leaf; the 682nd splits the root of one index and is a duplicate in the other.
     IndexFixture index(path(), {{INDX_KEY_RECORD_ID}, {INDX_KEY_TEXT, true}});
@@ -531,7 +531,7 @@ TEST_F(Roots, ARootSplitThatAnotherIndexThwartsIsUndone)
     EXPECT_TRUE(SoundTable(index.table(), 2));
 }
 
-TEST_F(Roots, AnEmptiedIndexThatIsBackedOutHoldsItsKeysAgain)
+TEST_F(StoreRoots, AnEmptiedIndexThatIsBackedOutHoldsItsKeysAgain)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER}});
     ASSERT_TRUE(index.Add(1, NumberKey(1)));
@@ -543,7 +543,7 @@ TEST_F(Roots, AnEmptiedIndexThatIsBackedOutHoldsItsKeysAgain)
     EXPECT_TRUE(SoundTable(index.table()));
 }
 
-TEST_F(Roots, WhatAnEarlierOperationCommittedWithoutAnUpdateGoesWithALaterBackout)
+TEST_F(StoreRoots, WhatAnEarlierOperationCommittedWithoutAnUpdateGoesWithALaterBackout)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER}});
     ASSERT_TRUE(index.Insert(1, NumberKey(1))); // not ended
@@ -555,7 +555,7 @@ TEST_F(Roots, WhatAnEarlierOperationCommittedWithoutAnUpdateGoesWithALaterBackou
 
 // ---- when anything reaches the file ------------------------------------------------------------
 
-TEST_F(Roots, NoBlockIsWrittenBeforeTheUpdateAndNoneByAFailedOperation)
+TEST_F(StoreRoots, NoBlockIsWrittenBeforeTheUpdateAndNoneByAFailedOperation)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER, true}});
     for (uint32_t id = 1; id <= 2000; ++id)

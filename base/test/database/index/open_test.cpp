@@ -586,7 +586,7 @@ TEST_F(Opening, LoadedTableIsMarkedInClusteredModeOnly)
 
 // ---- faults at every step ---------------------------------------------------------------------
 
-class Faults : public RowTest {
+class OpeningFaults : public RowTest {
   protected:
     // Runs `step` on a fresh state with the n-th call of a fault point failing, for n = 1, 2, ...
     // until nothing struck; `check` follows each run with the faults gone.
@@ -624,7 +624,7 @@ class Faults : public RowTest {
     }
 };
 
-TEST_F(Faults, NoFailureWhileATableIsCreatedLeavesAnythingBehind)
+TEST_F(OpeningFaults, NoFailureWhileATableIsCreatedLeavesAnythingBehind)
 {
     for (const uint32_t point :
          {FAULT_ALLOC, FAULT_INCREF, FAULT_OPEN, FAULT_READ, FAULT_WRITE, FAULT_SEEKSTART,
@@ -655,7 +655,7 @@ TEST_F(Faults, NoFailureWhileATableIsCreatedLeavesAnythingBehind)
     }
 }
 
-TEST_F(Faults, NoFailureWhileATableIsLoadedLosesIt)
+TEST_F(OpeningFaults, NoFailureWhileATableIsLoadedLosesIt)
 {
     AddMany(Create("T"), 3);
     for (const uint32_t point :

@@ -5,16 +5,16 @@
 
 namespace {
 
-using Versions = RowTest;
+using OpeningVersions = RowTest;
 
-TEST_F(Versions, VersionFileWithoutABlockFileIsNotCompared)
+TEST_F(OpeningVersions, VersionFileWithoutABlockFileIsNotCompared)
 {
     WriteFileBytes(VersionFile("T"), "[Versioning]\nVersion = 9\n");
     EXPECT_NE(Create("T", 5), nullptr);
     EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = 5\n");
 }
 
-TEST_F(Versions, Wanted5AgainstNoneIsRefused)
+TEST_F(OpeningVersions, Wanted5AgainstNoneIsRefused)
 {
     Create("T", INDX_VERSION_NONE);
     TraceRecorder trace;
@@ -26,7 +26,7 @@ TEST_F(Versions, Wanted5AgainstNoneIsRefused)
     EXPECT_FALSE(std::filesystem::exists(VersionFile("T")));
 }
 
-TEST_F(Versions, TableWithoutAVersionOpensOnlyWhenNoneOrAnyIsAsked)
+TEST_F(OpeningVersions, TableWithoutAVersionOpensOnlyWhenNoneOrAnyIsAsked)
 {
     Create("T", INDX_VERSION_ANY);
     EXPECT_FALSE(std::filesystem::exists(VersionFile("T")));
@@ -38,7 +38,7 @@ TEST_F(Versions, TableWithoutAVersionOpensOnlyWhenNoneOrAnyIsAsked)
     EXPECT_TRUE(trace.has(TAG, 0, -1, "Wrong table version - wanted 'Does not exist', is 'None'"));
 }
 
-TEST_F(Versions, StoredVersionMustBeTheWantedOne)
+TEST_F(OpeningVersions, StoredVersionMustBeTheWantedOne)
 {
     Create("T", 5);
     EXPECT_NE(Create("T", 5), nullptr);
@@ -54,14 +54,14 @@ TEST_F(Versions, StoredVersionMustBeTheWantedOne)
     EXPECT_NE(Create("T", 5), nullptr);
 }
 
-TEST_F(Versions, VersionIsCheckedBeforeTheShape)
+TEST_F(OpeningVersions, VersionIsCheckedBeforeTheShape)
 {
     Create("T", 5);
     EXPECT_EQ(OpenTable("T", MAGIC + 1, FORMAT, FIELDS, 0, 6), nullptr);
     EXPECT_EQ(IndxError(), UNCHANGED);
 }
 
-TEST_F(Versions, LargeVersionsKeepTheir32Bits)
+TEST_F(OpeningVersions, LargeVersionsKeepTheir32Bits)
 {
     Create("T", 0x80000000u);
     EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = -2147483648\n");
@@ -74,13 +74,13 @@ TEST_F(Versions, LargeVersionsKeepTheir32Bits)
     EXPECT_EQ(version, 0xFFFFFFFCu);
 }
 
-TEST_F(Versions, ReservedVersionAbsentIsWrittenAsAPlainNumber)
+TEST_F(OpeningVersions, ReservedVersionAbsentIsWrittenAsAPlainNumber)
 {
     EXPECT_NE(Create("T", INDX_VERSION_ABSENT), nullptr);
     EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = -3\n");
 }
 
-TEST_F(Versions, VersionIsWrittenUnderTheNameAndReadUnderTheFileName)
+TEST_F(OpeningVersions, VersionIsWrittenUnderTheNameAndReadUnderTheFileName)
 {
     void* oTable = nullptr;
     ASSERT_EQ(
@@ -100,7 +100,7 @@ TEST_F(Versions, VersionIsWrittenUnderTheNameAndReadUnderTheFileName)
     EXPECT_EQ(open(INDX_VERSION_NONE), 1u);
 }
 
-TEST_F(Versions, GetTableVersionKnowsThreeOutcomes)
+TEST_F(OpeningVersions, GetTableVersionKnowsThreeOutcomes)
 {
     uint32_t version = 1;
     TraceRecorder trace;
@@ -115,7 +115,7 @@ TEST_F(Versions, GetTableVersionKnowsThreeOutcomes)
     EXPECT_EQ(version, 12u);
 }
 
-TEST_F(Versions, DamagedVersionFilesFailTheOpen)
+TEST_F(OpeningVersions, DamagedVersionFilesFailTheOpen)
 {
     Create("T", 5);
     struct Case {
@@ -154,7 +154,7 @@ TEST_F(Versions, DamagedVersionFilesFailTheOpen)
     EXPECT_EQ(version, 123u);
 }
 
-TEST_F(Versions, VersionThatCannotBeWrittenFailsTheCreation)
+TEST_F(OpeningVersions, VersionThatCannotBeWrittenFailsTheCreation)
 {
     Fail(FAULT_STNZ_SAVE);
     TraceRecorder trace;
@@ -171,7 +171,7 @@ TEST_F(Versions, VersionThatCannotBeWrittenFailsTheCreation)
     EXPECT_NE(Create("T", INDX_VERSION_NONE), nullptr) << "no version file is asked for";
 }
 
-TEST_F(Versions, VersionFileKeepsWhatElseIsInIt)
+TEST_F(OpeningVersions, VersionFileKeepsWhatElseIsInIt)
 {
     WriteFileBytes(VersionFile("T"), "# kept\n[Other]\nVersion = 1\n");
     EXPECT_NE(Create("T", 5), nullptr);
@@ -180,7 +180,7 @@ TEST_F(Versions, VersionFileKeepsWhatElseIsInIt)
     EXPECT_NE(bytes.find("[Versioning]\nVersion = 5\n"), std::string::npos);
 }
 
-TEST_F(Versions, VersionTextsAreFixed)
+TEST_F(OpeningVersions, VersionTextsAreFixed)
 {
     const std::pair<uint32_t, const char*> cases[] = {
         {0xFFFFFFFDu, "Does not exist"},
@@ -200,7 +200,7 @@ TEST_F(Versions, VersionTextsAreFixed)
     EXPECT_EQ(IndxTableVersionString(INDX_VERSION_ANY), nullptr);
 }
 
-TEST_F(Versions, VersionCallsRefuseBadArguments)
+TEST_F(OpeningVersions, VersionCallsRefuseBadArguments)
 {
     uint32_t version = 123;
     void* oOther = ObjIntegerNew(1);

@@ -14,11 +14,11 @@ namespace {
 constexpr const char* TAG = "INDX        ";
 constexpr uint32_t RECORDS_END = 0x7FFFFFFF;
 
-class RecordTest : public PeopleTest {};
+class RecordAdd : public PeopleTest {};
 
 // ---- adding: places and ids ------------------------------------------------------------------
 
-TEST_F(RecordTest, TwoAddsGiveConsecutiveIdsAndOffsetsInTheOrderOfAdding)
+TEST_F(RecordAdd, TwoAddsGiveConsecutiveIdsAndOffsetsInTheOrderOfAdding)
 {
     EXPECT_EQ(MustAdd(1), 1u);
     const uint64_t firstLength = std::filesystem::file_size(RecordsPath());
@@ -30,7 +30,7 @@ TEST_F(RecordTest, TwoAddsGiveConsecutiveIdsAndOffsetsInTheOrderOfAdding)
     EXPECT_EQ(U32At(bytes, firstLength), bytes.size() - firstLength);
 }
 
-TEST_F(RecordTest, ARecordInItsFileIsWhatItsByteOffsetsSay)
+TEST_F(RecordAdd, ARecordInItsFileIsWhatItsByteOffsetsSay)
 {
     Person person;
     person.name = "Ada";
@@ -66,7 +66,7 @@ TEST_F(RecordTest, ARecordInItsFileIsWhatItsByteOffsetsSay)
     ExpectHolds(table_, model);
 }
 
-TEST_F(RecordTest, LengthAndIdAreStampedOverWhateverTheRecordHeld)
+TEST_F(RecordAdd, LengthAndIdAreStampedOverWhateverTheRecordHeld)
 {
     const Held blob = BlobOf(MakePerson(1));
     auto* pBlob = static_cast<DbBlob*>(blob.get());
@@ -81,7 +81,7 @@ TEST_F(RecordTest, LengthAndIdAreStampedOverWhateverTheRecordHeld)
     ExpectSound(table_);
 }
 
-TEST_F(RecordTest, ANullIdPointerIsLegal)
+TEST_F(RecordAdd, ANullIdPointerIsLegal)
 {
     const Held object = ObjectOf(MakePerson(1));
     EXPECT_EQ(IndxAddObjectToTable(nullptr, table_, object.get()), 1u);
@@ -90,7 +90,7 @@ TEST_F(RecordTest, ANullIdPointerIsLegal)
     ExpectHolds(table_, {{1, MakePerson(1)}, {2, MakePerson(2)}});
 }
 
-TEST_F(RecordTest, ThePassedObjectKeepsItsOwnId)
+TEST_F(RecordAdd, ThePassedObjectKeepsItsOwnId)
 {
     Person person = MakePerson(1);
     person.id = 4711;
@@ -102,7 +102,7 @@ TEST_F(RecordTest, ThePassedObjectKeepsItsOwnId)
     ExpectHolds(table_, {{1, MakePerson(1)}});
 }
 
-TEST_F(RecordTest, AFailedAddLeavesAGapInTheIds)
+TEST_F(RecordAdd, AFailedAddLeavesAGapInTheIds)
 {
     EXPECT_EQ(MustAdd(1), 1u);
     Person again = MakePerson(1); // name and key are taken
@@ -115,7 +115,7 @@ TEST_F(RecordTest, AFailedAddLeavesAGapInTheIds)
     ExpectHolds(table_, {{1, MakePerson(1)}, {3, MakePerson(2)}});
 }
 
-TEST_F(RecordTest, ARefusedKeyLeavesTheRecordsFileAsItWas)
+TEST_F(RecordAdd, ARefusedKeyLeavesTheRecordsFileAsItWas)
 {
     MustAdd(1);
     const std::string before = ReadFileBytes(RecordsPath());
@@ -125,7 +125,7 @@ TEST_F(RecordTest, ARefusedKeyLeavesTheRecordsFileAsItWas)
     ExpectHolds(table_, {{1, MakePerson(1)}});
 }
 
-TEST_F(RecordTest, SettingAnIdBelowTheHighestLeavesItAndALargerOneRaisesIt)
+TEST_F(RecordAdd, SettingAnIdBelowTheHighestLeavesItAndALargerOneRaisesIt)
 {
     ASSERT_EQ(IndxSetRecordInTable(10, table_, BlobOf(MakePerson(1)).get()), 1u);
     EXPECT_EQ(IndxNextId(table_), 11u);
@@ -150,7 +150,7 @@ TEST_F(RecordTest, SettingAnIdBelowTheHighestLeavesItAndALargerOneRaisesIt)
 }
 
 // Nothing else of the description changes here: no root, no end of an index.
-TEST_F(RecordTest, AHighestIdThatWasRaisedIsStored)
+TEST_F(RecordAdd, AHighestIdThatWasRaisedIsStored)
 {
     MustAdd(1);
     Reload();
@@ -160,7 +160,7 @@ TEST_F(RecordTest, AHighestIdThatWasRaisedIsStored)
     ExpectHolds(table_, {{1, MakePerson(1)}, {20, MakePerson(2)}});
 }
 
-TEST_F(RecordTest, AFailedSetDoesNotRaiseTheHighestId)
+TEST_F(RecordAdd, AFailedSetDoesNotRaiseTheHighestId)
 {
     MustAdd(1);
     EXPECT_EQ(IndxSetRecordInTable(50, table_, BlobOf(MakePerson(1)).get()), 0u);
@@ -170,7 +170,7 @@ TEST_F(RecordTest, AFailedSetDoesNotRaiseTheHighestId)
 
 // Kept: the highest id is compared signed, so an id from 2^31 on never raises it, and counts as
 // negative everywhere.
-TEST_F(RecordTest, AnIdFromTwoToThe31OnDoesNotRaiseTheHighestId)
+TEST_F(RecordAdd, AnIdFromTwoToThe31OnDoesNotRaiseTheHighestId)
 {
     MustAdd(1);
     ASSERT_EQ(IndxSetRecordInTable(0x80000000u, table_, BlobOf(MakePerson(2)).get()), 1u);
@@ -180,7 +180,7 @@ TEST_F(RecordTest, AnIdFromTwoToThe31OnDoesNotRaiseTheHighestId)
     ExpectSound(table_);
 }
 
-TEST_F(RecordTest, SettingAnIdThatIsPresentIsRefusedByTheIndexOfIds)
+TEST_F(RecordAdd, SettingAnIdThatIsPresentIsRefusedByTheIndexOfIds)
 {
     MustAdd(1);
     const std::string before = ReadFileBytes(RecordsPath());
@@ -194,7 +194,7 @@ TEST_F(RecordTest, SettingAnIdThatIsPresentIsRefusedByTheIndexOfIds)
     ExpectHolds(table_, {{1, MakePerson(1)}, {2, MakePerson(2)}});
 }
 
-TEST_F(RecordTest, AnAddOfARecordOnlyMakesNoCompanionFile)
+TEST_F(RecordAdd, AnAddOfARecordOnlyMakesNoCompanionFile)
 {
     void* oOther = OpenPeople(1, "Other");
     ASSERT_NE(oOther, nullptr);
@@ -209,7 +209,7 @@ TEST_F(RecordTest, AnAddOfARecordOnlyMakesNoCompanionFile)
     ExpectHolds(oOther, {{1, MakePerson(1)}, {2, MakePerson(2)}});
 }
 
-TEST_F(RecordTest, NeitherAddRecordNorAddRecordOnlyTouchesTheHighestId)
+TEST_F(RecordAdd, NeitherAddRecordNorAddRecordOnlyTouchesTheHighestId)
 {
     const Held blob = BlobOf(MakePerson(1));
     ASSERT_EQ(IndxAddRecord(7, table_, &static_cast<DbBlob*>(blob.get())->data), 1u);
@@ -218,13 +218,13 @@ TEST_F(RecordTest, NeitherAddRecordNorAddRecordOnlyTouchesTheHighestId)
     ExpectHolds(table_, {{7, MakePerson(1)}});
 }
 
-TEST_F(RecordTest, ATableWithoutTheFlagMakesNoCompanionFiles)
+TEST_F(RecordAdd, ATableWithoutTheFlagMakesNoCompanionFiles)
 {
     MustAdd(1);
     EXPECT_FALSE(std::filesystem::exists(PathOf("Files", TABLE)));
 }
 
-TEST_F(RecordTest, ACompanionFileIsCreatedEmptyOverAnOldOne)
+TEST_F(RecordAdd, ACompanionFileIsCreatedEmptyOverAnOldOne)
 {
     void* oOther = OpenPeople(1, "Other");
     ASSERT_NE(oOther, nullptr);
@@ -238,7 +238,7 @@ TEST_F(RecordTest, ACompanionFileIsCreatedEmptyOverAnOldOne)
 
 // ---- companion failures ----------------------------------------------------------------------
 
-TEST_F(RecordTest, AFailedCompanionFileLeavesRecordAndKeysOfAnAddRecord)
+TEST_F(RecordAdd, AFailedCompanionFileLeavesRecordAndKeysOfAnAddRecord)
 {
     void* oOther = OpenPeople(1, "Other");
     const Held blob = BlobOf(MakePerson(1));
@@ -252,7 +252,7 @@ TEST_F(RecordTest, AFailedCompanionFileLeavesRecordAndKeysOfAnAddRecord)
     ExpectHolds(oOther, {{1, MakePerson(1)}});
 }
 
-TEST_F(RecordTest, AFailedCompanionNameIsTracedAndLeavesRecordAndKeys)
+TEST_F(RecordAdd, AFailedCompanionNameIsTracedAndLeavesRecordAndKeys)
 {
     void* oOther = OpenPeople(1, "Other");
     WriteFileBytes(PathOf("Files", "Other"), "no directory");
@@ -265,7 +265,7 @@ TEST_F(RecordTest, AFailedCompanionNameIsTracedAndLeavesRecordAndKeys)
     ExpectHolds(oOther, {{1, MakePerson(1)}});
 }
 
-TEST_F(RecordTest, AFailedCompanionFileIsBackedOutByAddRecordToTable)
+TEST_F(RecordAdd, AFailedCompanionFileIsBackedOutByAddRecordToTable)
 {
     void* oOther = OpenPeople(1, "Other");
     Fail(FAULT_OPEN, 1, 1, "Files");
@@ -280,7 +280,7 @@ TEST_F(RecordTest, AFailedCompanionFileIsBackedOutByAddRecordToTable)
     ExpectHolds(oOther, {{2, MakePerson(1)}});
 }
 
-TEST_F(RecordTest, AnIdThatHasNoCompanionPathIsBackedOutBySet)
+TEST_F(RecordAdd, AnIdThatHasNoCompanionPathIsBackedOutBySet)
 {
     void* oOther = OpenPeople(1, "Other");
     TraceRecorder trace;
@@ -292,7 +292,7 @@ TEST_F(RecordTest, AnIdThatHasNoCompanionPathIsBackedOutBySet)
 
 // ---- refused ---------------------------------------------------------------------------------
 
-TEST_F(RecordTest, ARecordOfAnotherTypeIsRefusedWith18AndWritesNothing)
+TEST_F(RecordAdd, ARecordOfAnotherTypeIsRefusedWith18AndWritesNothing)
 {
     MustAdd(1);
     const std::string records = ReadFileBytes(RecordsPath());
@@ -322,7 +322,7 @@ TEST_F(RecordTest, ARecordOfAnotherTypeIsRefusedWith18AndWritesNothing)
     ExpectHolds(table_, {{1, MakePerson(1)}});
 }
 
-TEST_F(RecordTest, WrongObjectMagicsAreRefusedWithoutMessageAndCode)
+TEST_F(RecordAdd, WrongObjectMagicsAreRefusedWithoutMessageAndCode)
 {
     const Held blob = BlobOf(MakePerson(1));
     const Held object = ObjectOf(MakePerson(1));
@@ -346,7 +346,7 @@ TEST_F(RecordTest, WrongObjectMagicsAreRefusedWithoutMessageAndCode)
     ExpectHolds(table_, {});
 }
 
-TEST_F(RecordTest, AnObjectOfAnotherTypeEndsTheProcess)
+TEST_F(RecordAdd, AnObjectOfAnotherTypeEndsTheProcess)
 {
     const Instance other(0xca333333, "i;s;");
     const Held text(ObjStringNew("x"));
@@ -367,7 +367,7 @@ TEST_F(RecordTest, AnObjectOfAnotherTypeEndsTheProcess)
     ExpectHolds(table_, {});
 }
 
-TEST_F(RecordTest, AnObjectThatCannotBeEncodedIsRefused)
+TEST_F(RecordAdd, AnObjectThatCannotBeEncodedIsRefused)
 {
     constexpr uint32_t POINTER_MAGIC = 0xca444444;
     void* oTable = OpenTable("Pointers", POINTER_MAGIC, "i;p;", "Id, Pointer");
@@ -382,7 +382,7 @@ TEST_F(RecordTest, AnObjectThatCannotBeEncodedIsRefused)
 }
 
 // Shorter than the fixed part, there would be no slot for the id.
-TEST_F(RecordTest, ARecordShorterThanItsFixedPartIsRefused)
+TEST_F(RecordAdd, ARecordShorterThanItsFixedPartIsRefused)
 {
     for (const uint32_t size : {0u, 3u, 15u, 16u, FIXED_SIZE - 1}) {
         const Held blob = MakeBlob(PERSON_MAGIC, FORMAT, std::string(size, '\0'));
@@ -400,7 +400,7 @@ TEST_F(RecordTest, ARecordShorterThanItsFixedPartIsRefused)
 }
 
 // Also when every key lies in what is there: what could not be decoded is not stored.
-TEST_F(RecordTest, AShortRecordIsRefusedThoughItsKeysAreThere)
+TEST_F(RecordAdd, AShortRecordIsRefusedThoughItsKeysAreThere)
 {
     constexpr uint32_t SHORT_MAGIC = 0xca888888;
     void* oTable = OpenTable("Short", SHORT_MAGIC, "i;i;q;u;", "Id, A;Indexed, B, C");
@@ -419,7 +419,7 @@ TEST_F(RecordTest, AShortRecordIsRefusedThoughItsKeysAreThere)
 }
 
 // The slots of a record from a caller are believed no more than those from a file.
-TEST_F(RecordTest, ARecordWhoseSlotsPointOutsideItIsRefused)
+TEST_F(RecordAdd, ARecordWhoseSlotsPointOutsideItIsRefused)
 {
     MustAdd(1);
     struct {
@@ -442,7 +442,7 @@ TEST_F(RecordTest, ARecordWhoseSlotsPointOutsideItIsRefused)
 
 // ---- failures --------------------------------------------------------------------------------
 
-TEST_F(RecordTest, TheFirstIndexThatRefusesAKeyEndsTheAdd)
+TEST_F(RecordAdd, TheFirstIndexThatRefusesAKeyEndsTheAdd)
 {
     MustAdd(1);
     TraceRecorder trace;
@@ -454,7 +454,7 @@ TEST_F(RecordTest, TheFirstIndexThatRefusesAKeyEndsTheAdd)
     ExpectSound(table_);
 }
 
-TEST_F(RecordTest, AFailedSeekGivesError12AndEntersNoKey)
+TEST_F(RecordAdd, AFailedSeekGivesError12AndEntersNoKey)
 {
     MustAdd(1);
     for (const uint32_t point : {FAULT_SEEKEND, FAULT_GETOFFSET}) {
@@ -473,7 +473,7 @@ TEST_F(RecordTest, AFailedSeekGivesError12AndEntersNoKey)
     }
 }
 
-TEST_F(RecordTest, AFailedWriteIsLoggedWith1302AndBackedOut)
+TEST_F(RecordAdd, AFailedWriteIsLoggedWith1302AndBackedOut)
 {
     MustAdd(1);
     const uint64_t before = std::filesystem::file_size(RecordsPath());
@@ -500,7 +500,7 @@ TEST_F(RecordTest, AFailedWriteIsLoggedWith1302AndBackedOut)
     ExpectHolds(table_, model);
 }
 
-TEST_F(RecordTest, AFailedWriteOfAnAddRecordLeavesItsKeysInMemory)
+TEST_F(RecordAdd, AFailedWriteOfAnAddRecordLeavesItsKeysInMemory)
 {
     const Held blob = BlobOf(MakePerson(1));
     Fail(FAULT_WRITE, 1, 1, "Records");
@@ -511,7 +511,7 @@ TEST_F(RecordTest, AFailedWriteOfAnAddRecordLeavesItsKeysInMemory)
     ExpectHolds(table_, {});
 }
 
-TEST_F(RecordTest, ADescriptionThatCannotBeStoredFailsTheAddButNotTheRecord)
+TEST_F(RecordAdd, ADescriptionThatCannotBeStoredFailsTheAddButNotTheRecord)
 {
     MustAdd(1);
     LogRecorder log;
@@ -526,7 +526,7 @@ TEST_F(RecordTest, ADescriptionThatCannotBeStoredFailsTheAddButNotTheRecord)
 
 // ---- the end of the file at 2 GiB ------------------------------------------------------------
 
-TEST_F(RecordTest, ARecordMayEndExactlyAtTheLastOffset)
+TEST_F(RecordAdd, ARecordMayEndExactlyAtTheLastOffset)
 {
     MustAdd(1);
     Person person = MakePerson(2);
@@ -538,7 +538,7 @@ TEST_F(RecordTest, ARecordMayEndExactlyAtTheLastOffset)
     ExpectHolds(table_, {{1, MakePerson(1)}, {person.id, person}});
 }
 
-TEST_F(RecordTest, AnAddThatWouldPassTwoGiBFailsBeforeAnyKeyIsEntered)
+TEST_F(RecordAdd, AnAddThatWouldPassTwoGiBFailsBeforeAnyKeyIsEntered)
 {
     MustAdd(1);
     const uint32_t size = static_cast<DbBlob*>(BlobOf(MakePerson(2)).get())->data.size;
@@ -561,7 +561,7 @@ TEST_F(RecordTest, AnAddThatWouldPassTwoGiBFailsBeforeAnyKeyIsEntered)
 
 // ---- closed ----------------------------------------------------------------------------------
 
-TEST_F(RecordTest, AClosedRecordsFileIsMetByEveryOperation)
+TEST_F(RecordAdd, AClosedRecordsFileIsMetByEveryOperation)
 {
     MustAdd(1);
     FileSysClose(&table()->hRecords);

@@ -15,7 +15,7 @@
 
 namespace {
 
-class RepointTest : public PeopleTest {
+class Repoint : public PeopleTest {
   protected:
     // Every step is traced, to nobody.
     class LongWay {
@@ -123,7 +123,7 @@ class RepointTest : public PeopleTest {
     }
 };
 
-TEST_F(RepointTest, TheShortWayLeavesTheSameBytesAsTheLongOne)
+TEST_F(Repoint, TheShortWayLeavesTheSameBytesAsTheLongOne)
 {
     const uint64_t seed = TestSeed();
     People model;
@@ -148,7 +148,7 @@ TEST_F(RepointTest, TheShortWayLeavesTheSameBytesAsTheLongOne)
 
 // While every step is traced, blocks are read and written whole; otherwise only as far as they are
 // used and have changed. The files must be the same to the byte.
-TEST_F(RepointTest, BlocksWrittenInPartHoldTheSameBytesAsBlocksWrittenWhole)
+TEST_F(Repoint, BlocksWrittenInPartHoldTheSameBytesAsBlocksWrittenWhole)
 {
     const uint64_t seed = TestSeed();
     CopyDatabase("before");
@@ -185,7 +185,7 @@ TEST_F(RepointTest, BlocksWrittenInPartHoldTheSameBytesAsBlocksWrittenWhole)
     EXPECT_EQ(Differences(CopyPath("part"), CopyPath("whole")), std::vector<std::string>());
 }
 
-TEST_F(RepointTest, AModificationWritesOnlyTheNodesOfTheKeysThatChange)
+TEST_F(Repoint, AModificationWritesOnlyTheNodesOfTheKeysThatChange)
 {
     People model;
     AddPeople(table_, &model, 1, 200);
@@ -203,7 +203,7 @@ TEST_F(RepointTest, AModificationWritesOnlyTheNodesOfTheKeysThatChange)
     ExpectHolds(table_, model);
 }
 
-TEST_F(RepointTest, AKeyThatLooksTheSameToTheIndexIsReplaced)
+TEST_F(Repoint, AKeyThatLooksTheSameToTheIndexIsReplaced)
 {
     People model;
     AddPeople(table_, &model, 1, 20);
@@ -217,7 +217,7 @@ TEST_F(RepointTest, AKeyThatLooksTheSameToTheIndexIsReplaced)
     ExpectHolds(table_, model);
 }
 
-TEST_F(RepointTest, CursorsOnAKeyThatStaysFindTheirPlaceAgainAsAfterAnyModification)
+TEST_F(Repoint, CursorsOnAKeyThatStaysFindTheirPlaceAgainAsAfterAnyModification)
 {
     People model;
     AddPeople(table_, &model, 1, 20);
@@ -231,7 +231,7 @@ TEST_F(RepointTest, CursorsOnAKeyThatStaysFindTheirPlaceAgainAsAfterAnyModificat
     EXPECT_EQ(PersonAt(cursor.get()), model[7]);
 }
 
-TEST_F(RepointTest, AKeyThatAnotherRecordHoldsIsNotTakenForTheRecordsOwn)
+TEST_F(Repoint, AKeyThatAnotherRecordHoldsIsNotTakenForTheRecordsOwn)
 {
     People model;
     AddPeople(table_, &model, 1, 20);
@@ -254,7 +254,7 @@ TEST_F(RepointTest, AKeyThatAnotherRecordHoldsIsNotTakenForTheRecordsOwn)
 }
 
 // What the short way meets on its way down is judged, and told, by the long one.
-TEST_F(RepointTest, ADamagedTreeEndsInTheFailureOfTheLongWay)
+TEST_F(Repoint, ADamagedTreeEndsInTheFailureOfTheLongWay)
 {
     People model;
     AddPeople(table_, &model, 1, 1500, 40);
@@ -292,7 +292,7 @@ TEST_F(RepointTest, ADamagedTreeEndsInTheFailureOfTheLongWay)
     ExpectHolds(table_, model);
 }
 
-TEST_F(RepointTest, RecordsTooShortForAKeyAndFieldsWithoutOneHaveNoKeyInCommon)
+TEST_F(Repoint, RecordsTooShortForAKeyAndFieldsWithoutOneHaveNoKeyInCommon)
 {
     const Held blob = BlobOf(MakePerson(1));
     const ObjData whole = static_cast<DbBlob*>(blob.get())->data;
