@@ -81,16 +81,30 @@ NimBool PathCreateDirectory(const char* path)
     return SysMakeDirectory(path) || SysPathKind(path) == SYS_DIRECTORY;
 }
 
+uint32_t PathKind(const char* path)
+{
+    if (!path || !*path)
+        return PATH_ABSENT;
+    if (FaultFails(FAULT_EXISTS, path))
+        return PATH_UNKNOWN;
+    switch (SysPathKind(path)) {
+    case SYS_ABSENT:
+        return PATH_ABSENT;
+    case SYS_DIRECTORY:
+        return PATH_DIRECTORY;
+    case SYS_OTHER:
+        return PATH_FILE;
+    default:
+        return PATH_UNKNOWN;
+    }
+}
+
 NimBool PathIsADirectory(const char* path)
 {
-    if (!path || !*path || FaultFails(FAULT_EXISTS, path))
-        return FALSE;
-    return SysPathKind(path) == SYS_DIRECTORY;
+    return PathKind(path) == PATH_DIRECTORY;
 }
 
 NimBool FileExists(const char* path)
 {
-    if (!path || !*path || FaultFails(FAULT_EXISTS, path))
-        return FALSE;
-    return SysPathKind(path) == SYS_OTHER;
+    return PathKind(path) == PATH_FILE;
 }

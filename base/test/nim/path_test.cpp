@@ -177,6 +177,35 @@ TEST(FileExists, TellsEntriesThatAreNoDirectories)
     EXPECT_EQ(FileExists(""), 0u);
 }
 
+TEST(PathKind, TellsWhatStandsThere)
+{
+    TemporaryDirectory directory;
+    const std::string file = directory.path("file");
+    WriteFileBytes(file, "");
+    EXPECT_EQ(PathKind(file.c_str()), PATH_FILE);
+    EXPECT_EQ(PathKind(directory.path().c_str()), PATH_DIRECTORY);
+    EXPECT_EQ(PathKind(directory.path("absent").c_str()), PATH_ABSENT);
+    EXPECT_EQ(PathKind(directory.path("absent/below").c_str()), PATH_ABSENT);
+    EXPECT_EQ(PathKind(directory.path("file/below").c_str()), PATH_ABSENT);
+    EXPECT_EQ(PathKind(nullptr), PATH_ABSENT);
+    EXPECT_EQ(PathKind(""), PATH_ABSENT);
+}
+
+TEST(PathKind, ALookUpThatFailsIsNotTakenForNothing)
+{
+    TemporaryDirectory directory;
+    const std::string file = directory.path("file");
+    WriteFileBytes(file, "");
+    FailOnce(FAULT_EXISTS, "file");
+    EXPECT_EQ(PathKind(file.c_str()), PATH_UNKNOWN);
+    EXPECT_EQ(PathKind(file.c_str()), PATH_FILE);
+    FaultDisarmAll();
+    FailOnce(FAULT_EXISTS, "absent");
+    EXPECT_EQ(PathKind(directory.path("absent").c_str()), PATH_UNKNOWN);
+    EXPECT_EQ(PathKind(directory.path("absent").c_str()), PATH_ABSENT);
+    FaultDisarmAll();
+}
+
 TEST(PathFaults, AFailingLookUpIsANoAndAFailingCreationMakesNothing)
 {
     TemporaryDirectory directory;
