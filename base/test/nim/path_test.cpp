@@ -1,4 +1,5 @@
 // Paths: joining, the home directory, and what stands at a path.
+#include "nim/drive.h"
 #include "nim/fault.h"
 #include "nim/mem.h"
 #include "nim/path.h"
@@ -224,4 +225,19 @@ TEST(PathFaults, AFailingLookUpIsANoAndAFailingCreationMakesNothing)
     EXPECT_FALSE(std::filesystem::exists(directory.path("made")));
     EXPECT_EQ(PathCreateDirectory(directory.path("made").c_str()), 1u);
     FaultDisarmAll();
+}
+
+TEST(Drives, AreToldWhereTheSystemHasLetters)
+{
+    const uint32_t letters = DriveGetLetters();
+    if (SysSeparator() == '/') {
+        EXPECT_EQ(letters, 0u);
+        EXPECT_EQ(DriveGetLastError(), 0u) << "that there are none is no failure";
+        EXPECT_EQ(DriveGetType("C:\\"), 0u);
+    } else {
+        EXPECT_NE(letters, 0u);
+        EXPECT_NE(DriveGetType("C:\\"), 0u);
+    }
+    EXPECT_EQ(DriveGetType(nullptr), 0u);
+    EXPECT_EQ(DriveGetType(""), 0u);
 }

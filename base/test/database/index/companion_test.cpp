@@ -356,7 +356,7 @@ TEST_F(Companion, NoFaultWhileListingLeavesAnythingBehind)
     MakeFile("0000/00/01");
     MakeFile("0001/00/01");
     const LiveCounts before;
-    for (const uint32_t point : {FAULT_ALLOC, FAULT_INCREF, FAULT_SCAN}) {
+    for (const uint32_t point : {FAULT_ALLOC, FAULT_SCAN}) {
         for (uint32_t nth = 1;; ++nth) {
             ASSERT_LT(nth, 200u);
             void* oList = nullptr;

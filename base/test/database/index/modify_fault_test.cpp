@@ -390,13 +390,4 @@ TEST_F(ModifySweepTest, NoBlockCanBeHadInAModification)
 {
     Sweep(FAULT_RESERVE, "Indexes", 1, Another);
 }
-TEST_F(ModifySweepTest, AReferenceThatCannotBeTakenInAModification)
-{
-    Sweep(FAULT_INCREF, nullptr, 1, Another);
-}
-TEST_F(ModifySweepTest, AReferenceThatCannotBeTakenInADeletion)
-{
-    Sweep(FAULT_INCREF, nullptr, 1, Nobody);
-}
-
 } // namespace
