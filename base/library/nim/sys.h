@@ -6,12 +6,8 @@
 // a failure SysLastError tells the reason.
 #pragma once
 
-#include <bit>
 #include <cstddef>
 #include <cstdint>
-
-// Of both systems: texts and checksums are read word by word, as words stand in memory.
-static_assert(std::endian::native == std::endian::little, "the first byte of a word is its lowest");
 
 // ---- files ----
 constexpr intptr_t SYS_NO_FILE = -1;

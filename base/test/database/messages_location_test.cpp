@@ -37,6 +37,14 @@ TEST(LocationMessages, HomeAndPaths)
                            EXPECT_EQ(DbGetClusterDerivedPath(nullptr, &path), 0u);
                            return std::string("For path (null), retval is FALSE, db is (null)");
                        }},
+                      {"Failed to munge path %s: the home directory cannot be told", 1, -1,
+                       [](S& s) {
+                           s.Configure("/some/where");
+                           s.FailOnce(FAULT_READ, "configure.cfg");
+                           EXPECT_EQ(DbMungeQtreeIdFromDbPath(7, "e:\\x"), 0u);
+                           return std::string("Failed to munge path e:\\x: the home directory "
+                                              "cannot be told");
+                       }},
                       {"For path %s and qtree id %d 0x%x, the return value is 0x%x", 0, 4,
                        [](S&) {
                            EXPECT_EQ(DbMungeQtreeIdFromDbPath(0x12345678, "e:\\x"), 0x05345678u);
@@ -52,6 +60,19 @@ TEST(LocationMessages, Drives)
         // The line's error word carries the system's own error value.
         {"GetLogicalDrives failed. Unable to enumerate drives", S::SYSTEM_ERROR, -1,
          [](S& s) { DbGetDbPathList(s.list, 0); }},
+        {"Failed to tell the type of drive %s; it is left out", 1, -1,
+         [](S& s) {
+             s.Drives("D", 0);
+             DbGetDbPathList(s.list, 0);
+             return std::string("Failed to tell the type of drive D:\\; it is left out");
+         }},
+        {"Failed to tell whether %s is a directory; it is left out", 1, -1,
+         [](S& s) {
+             s.Drives("D");
+             s.FailOnce(FAULT_EXISTS, "tambdb");
+             DbGetDbPathList(s.list, 0);
+             return std::string("Failed to tell whether D:\\tambdb is a directory; it is left out");
+         }},
         {"The drive type for drive %s is %d", 0, 1,
          [](S& s) {
              s.Drives("D", 4);
