@@ -420,9 +420,10 @@ bool SysScan(const char* directory, SysNameCallback f, void* context)
             continue;
         good = ToUtf8(entry.cFileName, name, sizeof name) && f(context, name);
     } while (good && FindNextFileW(scan, &entry));
-    good = good && GetLastError() == ERROR_NO_MORE_FILES;
+    const DWORD reason = GetLastError();
     FindClose(scan);
-    return good;
+    SetLastError(reason);
+    return good && reason == ERROR_NO_MORE_FILES;
 }
 
 bool SysReplaceFile(const char* from, const char* to)
