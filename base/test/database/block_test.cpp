@@ -100,7 +100,11 @@ TEST_F(Block, AnUnusableArgumentFailsTheOpenWithNothingButItsEntryAndResult)
         EXPECT_EQ(o, &untouched);
         const std::string call =
             "BlckFileOpen(" + Address(&o) + ", " + (bad ? bad : "(null)") + ")";
-        EXPECT_EQ(trace.texts(), (std::vector<std::string>{call, "FALSE = " + call}));
+        std::vector<std::string> texts;
+        for (const TraceRecorder::Line& line : trace.lines())
+            if (line.tag == TAG) // the base services tell what the system says
+                texts.push_back(line.text);
+        EXPECT_EQ(texts, (std::vector<std::string>{call, "FALSE = " + call}));
         EXPECT_TRUE(trace.has(TAG, 0, 3, "FALSE = " + call));
     }
     EXPECT_EQ(BlckFileOpen(nullptr, path().c_str()), 0u);

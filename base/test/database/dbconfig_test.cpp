@@ -11,6 +11,7 @@
 
 #include "database/dbconfig_internal.h"
 #include "database/indexinternal.h"
+#include "database/index.h"
 #include "nim/fault.h"
 #include "nim/nim.h"
 #include "support/file_bytes.h"
@@ -119,6 +120,55 @@ TEST_F(DbConfig, HomeWithoutMemoryIsNullAndTheResultStaysOne)
     EXPECT_EQ(DbGetHomeDir(nullptr), 0u);
 }
 
+TEST_F(DbConfig, HomeIsNullAndNotTheDefaultWhenTheConfigurationCannotBeRead)
+{
+    Configure("/var/bases");
+    for (const uint32_t point : {FAULT_OPEN, FAULT_READ, FAULT_STNZ_LOAD}) {
+        const FaultRule rule = {point, "configure.cfg", 1, 1, FAULT_FAIL, 0};
+        FaultArm(&rule);
+        TraceRecorder trace(-1);
+        EXPECT_EQ(Home(), "(null)") << point;
+        EXPECT_TRUE(trace.hasPart("configure.cfg'; no default takes its place")) << trace.dump();
+        FaultDisarmAll();
+        EXPECT_EQ(Home(), "/var/bases");
+    }
+    std::filesystem::remove(directory_.path("configure.cfg"));
+    std::filesystem::create_directory(directory_.path("configure.cfg"));
+    EXPECT_EQ(Home(), "(null)");
+}
+
+// The home directory of databases would be another one, and the database in it an empty one.
+TEST_F(DbConfig, NoDatabaseIsOpenedUnderAnotherHomeThanTheConfiguredOne)
+{
+    Configure(directory_.path("configured"));
+    void* oDatabase = nullptr;
+    ASSERT_EQ(IndxOpenDatabase(&oDatabase, "Data", nullptr, nullptr), 1u);
+    ASSERT_EQ(IndxCloseDatabase(&oDatabase), 1u);
+    ASSERT_TRUE(std::filesystem::exists(directory_.path("configured/Data/Indexes")));
+    TraceRecorder quiet(-1);
+    LogRecorder log;
+    for (const uint32_t point :
+         {FAULT_OPEN, FAULT_READ, FAULT_STNZ_LOAD, FAULT_ALLOC, FAULT_EXISTS, FAULT_SEEKEND}) {
+        for (const uint32_t times : {1u, 0u}) {
+            bool struck = true;
+            for (uint32_t nth = 1; struck; ++nth) {
+                ASSERT_LT(nth, 1000u);
+                const FaultRule rule = {point, nullptr, nth, times, FAULT_FAIL, 0};
+                const uint32_t id = FaultArm(&rule);
+                const NimBool opened = IndxOpenDatabase(&oDatabase, "Data", nullptr, nullptr);
+                struck = FaultHits(id) != 0;
+                FaultDisarmAll();
+                EXPECT_EQ(opened == 1, oDatabase != nullptr);
+                EXPECT_TRUE(opened || struck);
+                IndxCloseDatabase(&oDatabase);
+                ASSERT_FALSE(std::filesystem::exists(directory_.path("db")))
+                    << "point " << point << ", call " << nth;
+                ASSERT_FALSE(std::filesystem::exists("Data"));
+            }
+        }
+    }
+}
+
 TEST_F(DbConfig, ClusteredModeStartsAtZeroAndKeepsAnyValue)
 {
     EXPECT_EQ(gModeAtStart, 0u);
@@ -204,6 +254,17 @@ TEST_F(DbConfig, HomeDirectoryMungesToZeroAndBack)
     EXPECT_EQ(DbMungeQtreeIdFromDbPath(0x12345678, "C:\\Bases\\"), 0x03345678u);
     EXPECT_EQ(Taken(DbGetDbPathFromMungedQtreeId(0)), "C:\\Bases");
     EXPECT_EQ(Taken(DbGetDbPathFromMungedQtreeId(0x00FFFFFF)), "C:\\Bases");
+}
+
+TEST_F(DbConfig, MungingFailsWhenTheHomeDirectoryCannotBeTold)
+{
+    Configure("D:\\bases");
+    const FaultRule rule = {FAULT_READ, "configure.cfg", 1, 1, FAULT_FAIL, 0};
+    FaultArm(&rule);
+    TraceRecorder trace;
+    EXPECT_EQ(DbMungeQtreeIdFromDbPath(7, "D:\\bases"), 0u);
+    ExpectLine(trace, 1, -1, "Failed to munge path D:\\bases: the home directory cannot be told");
+    EXPECT_EQ(DbMungeQtreeIdFromDbPath(7, "D:\\other"), 0x04000007u);
 }
 
 TEST_F(DbConfig, FirstCharacterThatIsNoLetterWrapsTheDriveNumber)
@@ -343,6 +404,22 @@ TEST_F(DbConfigList, OtherThanFixedDrivesAreNeverListed)
     ExpectLine(trace, 0, 1, "The drive type for drive E:\\ is -1");
     ExpectLine(trace, 0, 1, "The drive type for drive H:\\ is 6");
     EXPECT_FALSE(trace.hasPart("PathIsADirectory"));
+}
+
+TEST_F(DbConfigList, WhatTheSystemCannotTellIsNotTakenForANo)
+{
+    if (!MakeDriveDirectories("BC"))
+        GTEST_SKIP() << "drive letters are the system's own here";
+    Drives("B", 0);
+    Drives("C", 3);
+    const FaultRule rule = {FAULT_EXISTS, "tambdb", 1, 1, FAULT_FAIL, 0};
+    FaultArm(&rule);
+    TraceRecorder trace(1);
+    EXPECT_EQ(Listed(0), Texts());
+    ExpectLine(trace, 1, -1, "Failed to tell the type of drive B:\\; it is left out");
+    ExpectLine(trace, 1, -1, "Failed to tell whether C:\\tambdb is a directory; it is left out");
+    EXPECT_FALSE(trace.hasPart("PathIsADirectory"));
+    EXPECT_EQ(Listed(0), Texts({"C:\\tambdb"}));
 }
 
 TEST_F(DbConfigList, FixedDriveWithoutTheDirectoryIsNotListed)

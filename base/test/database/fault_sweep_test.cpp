@@ -264,8 +264,7 @@ TEST_F(FaultSweepAdd, ClosingADatabase)
         ASSERT_NO_FATAL_FAILURE(AddPeople(oTable, &model, 500, 501, HALF));
         Person again = MakePerson(500, HALF); // leaves ids of blocks and a record id behind
         ASSERT_EQ(Add(oTable, &again), 0u);
-        // A reference can always be had; closing does not provide for the lack of one.
-        const uint32_t armed = rule.point == FAULT_INCREF ? 0 : FaultArm(&rule);
+        const uint32_t armed = FaultArm(&rule);
         Close();
         *pHit = FaultHits(armed) > 0;
         FaultDisarmAll();

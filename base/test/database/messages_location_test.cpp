@@ -47,6 +47,12 @@ TEST(LocationMessages, HomeAndPaths)
          }},
         {"For path %s, retval is %s, db is %s", With("e:\\x", "FALSE", "(null)"), 0, 4,
          [](S&) { EXPECT_EQ(DbGetClusterDerivedPath("e:\\x", nullptr), 0u); }},
+        {"Failed to munge path %s: the home directory cannot be told", With("e:\\x"), 1, -1,
+         [](S& s) {
+             s.Configure("/some/where");
+             s.FailOnce(FAULT_READ, "configure.cfg");
+             EXPECT_EQ(DbMungeQtreeIdFromDbPath(7, "e:\\x"), 0u);
+         }},
         {"For path %s and qtree id %d 0x%x, the return value is 0x%x",
          With("e:\\x", 305419896, 0x12345678, 0x5345678), 0, 4, munge(0x12345678, "e:\\x")},
         {"For path %s and qtree id %d 0x%x, the return value is 0x%x",
@@ -65,6 +71,17 @@ TEST(LocationMessages, Drives)
         // The line's error word carries the system's own error value.
         {"GetLogicalDrives failed. Unable to enumerate drives", S::SYSTEM_ERROR, -1,
          [](S& s) { DbGetDbPathList(s.list, 0); }},
+        {"Failed to tell the type of drive %s; it is left out", With("D:\\"), 1, -1,
+         [](S& s) {
+             s.Drives("D", 0);
+             DbGetDbPathList(s.list, 0);
+         }},
+        {"Failed to tell whether %s is a directory; it is left out", With("D:\\tambdb"), 1, -1,
+         [](S& s) {
+             s.Drives("D");
+             s.FailOnce(FAULT_EXISTS, "tambdb");
+             DbGetDbPathList(s.list, 0);
+         }},
         {"The drive type for drive %s is %d", With("D:\\", 4), 0, 1,
          [](S& s) {
              s.Drives("D", 4);

@@ -172,19 +172,6 @@ TEST(Instance, ReferencesAreCounted)
     EXPECT_EQ(gDied, std::vector<std::string>{"1"});
 }
 
-TEST(Instance, AReferenceThatCannotBeTakenIsNullAndNotCounted)
-{
-    Ref object = NewObject(MAGIC, "i;");
-    FaultRule rule = {FAULT_INCREF, nullptr, 2, 1, FAULT_FAIL, 0};
-    FaultArm(&rule);
-    EXPECT_EQ(ObjIncRefCount(object.get()), object.get());
-    EXPECT_EQ(ObjIncRefCount(object.get()), nullptr);
-    EXPECT_EQ(RefCount(object.get()), 2);
-    FaultDisarmAll();
-    void* second = object.get();
-    ObjReleaseInternal(&second);
-}
-
 TEST(Instance, TheDestructorSeesAnIntactBodyACountOfOneAndANullVariable)
 {
     static void* variable;

@@ -406,18 +406,6 @@ TEST_F(Catalogue, ClosingTheDatabaseLeavesNothingOpen)
     EXPECT_EQ(FileSysOpenCount(), 0u);
 }
 
-TEST_F(Catalogue, ClosingTheDatabaseClosesItsTablesThoughNoReferenceCanBeTaken)
-{
-    ASSERT_TRUE(Open());
-    ASSERT_TRUE(Add(Create("A"), "x"));
-    ASSERT_TRUE(Add(Create("B"), "x"));
-    ASSERT_TRUE(Reopen());
-    ASSERT_EQ(TableCount(), 2u);
-    Fail(FAULT_INCREF, 1, 0);
-    EXPECT_EQ(IndxCloseDatabase(databaseVariable()), 1u);
-    EXPECT_EQ(ObjLiveCount(0), 0u); // nor memory and files, says the end of the test
-}
-
 TEST_F(Catalogue, ClosedTableHasNoFieldsLeft)
 {
     ASSERT_TRUE(Open());
@@ -675,8 +663,8 @@ TEST_F(Catalogue, NoFailureWhileADatabaseIsOpenedLosesATableOrLeavesAnythingBehi
     ASSERT_TRUE(Add(Create("B"), "in B"));
     Close();
     for (const uint32_t point :
-         {FAULT_ALLOC, FAULT_INCREF, FAULT_OPEN, FAULT_READ, FAULT_SEEKSTART, FAULT_MKDIR,
-          FAULT_SCAN, FAULT_RECONSTRUCT}) {
+         {FAULT_ALLOC, FAULT_OPEN, FAULT_READ, FAULT_SEEKSTART, FAULT_MKDIR, FAULT_SCAN,
+          FAULT_RECONSTRUCT}) {
         for (uint32_t nth = 1;; ++nth) {
             SCOPED_TRACE("call " + std::to_string(nth) + " of point " + std::to_string(point));
             ASSERT_LT(nth, 2000u);

@@ -293,18 +293,4 @@ TEST_F(Fields, NoAllocationThatFailsLeavesHalfACursor)
     }
 }
 
-TEST_F(Fields, NoReferenceThatFailsLeavesHalfACursor)
-{
-    const LiveCounts before;
-    for (uint32_t nth = 1; nth < 6; ++nth) {
-        void* oCursor = nullptr;
-        Fail(FAULT_INCREF, nth);
-        const NimBool bMade = IndxGetFieldCursor(&oCursor, oTable_, "Name");
-        FaultDisarmAll();
-        EXPECT_EQ(bMade != 0, oCursor != nullptr);
-        IndxReleaseCursor(&oCursor);
-        EXPECT_EQ(before, LiveCounts());
-    }
-}
-
 } // namespace

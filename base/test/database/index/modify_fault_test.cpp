@@ -390,13 +390,4 @@ TEST_F(ModifyFaultSweep, NoBlockCanBeHadInAModification)
 {
     Sweep(FAULT_RESERVE, "Indexes", 1, Another);
 }
-TEST_F(ModifyFaultSweep, AReferenceThatCannotBeTakenInAModification)
-{
-    Sweep(FAULT_INCREF, nullptr, 1, Another);
-}
-TEST_F(ModifyFaultSweep, AReferenceThatCannotBeTakenInADeletion)
-{
-    Sweep(FAULT_INCREF, nullptr, 1, Nobody);
-}
-
 } // namespace

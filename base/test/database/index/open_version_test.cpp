@@ -14,6 +14,31 @@ TEST_F(OpeningVersions, VersionFileWithoutABlockFileIsNotCompared)
     EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = 5\n");
 }
 
+TEST_F(OpeningVersions, NoNameOfATableIsWrittenOverOnTheWay)
+{
+    Create("T.tmp", 7);
+    Create("T", 5);
+    EXPECT_EQ(ReadFileBytes(VersionFile("T.tmp")), "[Versioning]\nVersion = 7\n");
+    EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = 5\n");
+    ASSERT_TRUE(Reopen());
+    EXPECT_NE(Create("T.tmp", 7), nullptr);
+    EXPECT_NE(Create("T", 5), nullptr);
+}
+
+// Whatever fails on the way to the new version, that of the other table is not touched.
+TEST_F(OpeningVersions, AVersionThatCannotBeStoredLeavesThatOfEveryOtherTable)
+{
+    Create("T.tmp", 7);
+    Create("T", 5);
+    for (const uint32_t point : {FAULT_OPEN, FAULT_WRITE, FAULT_CLOSE}) {
+        Fail(point, 1, 0, "Attributes");
+        EXPECT_EQ(IndxSetTableVersion("T", database(), 6), 0u);
+        FaultDisarmAll();
+        EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = 5\n");
+        EXPECT_EQ(ReadFileBytes(VersionFile("T.tmp")), "[Versioning]\nVersion = 7\n");
+    }
+}
+
 TEST_F(OpeningVersions, Wanted5AgainstNoneIsRefused)
 {
     Create("T", INDX_VERSION_NONE);

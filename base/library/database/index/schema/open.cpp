@@ -63,7 +63,7 @@ bool StoreVersion(const char* name, const IndxDatabase* pDatabase, uint32_t vers
         return false;
     key.p = nullptr; // the stanza's now
     HeldMemory<char> path(PathBuild(pDatabase->attributesPath, name, 0));
-    return StnzReplaceStanzaInFile(stanza.p, path.get()) != 0;
+    return StnzReplaceStanzaViaParent(stanza.p, path.get()) != 0;
 }
 
 // Whether the stored version lets the open go on.
