@@ -167,7 +167,9 @@ NIM_API NimBool ObjTemplateCreateInstanceUncleared(void** out, ObjTemplate* tmpl
 
 /* A new zeroed object from magic and format: of the first registered template with this magic and
  * format (when `destructor` is given: and this destructor; when `size` is given: and this size),
- * else of one made for it. Parameters as in ObjTemplateCreateInternal.
+ * else of one made for it. Registered is what ObjTemplateCreateInternal was asked for: a template
+ * that was made for objects alone gives way to whatever is registered later. Parameters as in
+ * ObjTemplateCreateInternal.
  * Result: 1; 0 with *out null for a null or refused format or without memory. */
 NIM_API NimBool ObjCreateInternal(
     void** out, uint32_t size, uint32_t magic, const char* format, ObjDestructor destructor,
@@ -273,7 +275,7 @@ NIM_API NimBool ObjSerializedPutNumber(void* form, uint32_t room, uint32_t place
  * Result: 1; 0 when the bytes are not a whole, undamaged serialised form, name a format that is
  * refused or the template of objects that cannot be rebuilt (a destructor and a `p` item), or
  * without memory. Nothing is left behind then. Memory taken is bounded by the bytes available.
- * Templates are found by magic and format (the first registered), else made. */
+ * Templates are found by magic and format, as ObjCreateInternal finds them, else made. */
 NIM_API NimBool ObjReconstructFromMemory(void** out, const void* src);
 NIM_API NimBool ObjReconstructFromMemorySized(void** out, const void* src, uint32_t available);
 

@@ -17,11 +17,11 @@
 #include <cstring>
 
 #include "database/dbrecord_internal.h"
+#include "database/trace.h"
 #include "nim/bytes.h"
 #include "nim/mem.h"
 #include "nim/proc.h"
 #include "nim/str.h"
-#include "nim/trace.h"
 #include "nim/unique.h"
 
 // The BLOB is laid over the body of an object "i;s;d;".
@@ -30,12 +30,6 @@ static_assert(offsetof(DbBlob, magic) == 0 && offsetof(DbBlob, format) == 8);
 static_assert(offsetof(DbBlob, data) == 16 && offsetof(ObjData, data) == 8);
 
 namespace {
-
-constexpr char TAG[] = "DBLIB        ";
-constexpr int32_t LEVEL_FAILURE = -1;
-constexpr int32_t LEVEL_DETAIL = 4;
-
-#define TRACE_LINE(level, ...) NIM_TRACE(TAG, 0, level, __VA_ARGS__)
 
 // A slot of kind 3, 4, 7 or 8: length, then offset.
 constexpr uint32_t SLOT_OFFSET = 4;
@@ -83,13 +77,13 @@ ObjTemplate* BlobTemplate()
 // An item that no record can hold, met where only storable items may be: memory corruption.
 void CrashOnKind()
 {
-    TRACE_LINE(LEVEL_FAILURE, "Should not get these");
+    DBLIB_TRACE(TraceLevel::ALWAYS, "Should not get these");
     ProcCrash(0);
 }
 
 void TraceNoMemory(uint32_t lSize)
 {
-    TRACE_LINE(LEVEL_FAILURE, "No memory for %lu bytes", lSize);
+    DBLIB_TRACE(TraceLevel::ALWAYS, "No memory for %lu bytes", lSize);
 }
 
 // The pointer in an item, whatever its type is to the module that owns the object.
@@ -137,14 +131,14 @@ bool MeasureItem(uint32_t* pLength, const ObjDbField* pField, const uint8_t* pBo
         // Without this an object that holds a map, or for which there is no memory now, would be
         // stored as none at all, and be gone.
         if (*pLength == 0)
-            TRACE_LINE(LEVEL_FAILURE, "Failed to serialise object at '%p'", oNested);
+            DBLIB_TRACE(TraceLevel::ALWAYS, "Failed to serialise object at '%p'", oNested);
         return *pLength != 0;
     }
     case DB_KIND_DATA: {
         const ObjData* pData = reinterpret_cast<const ObjData*>(pItem);
         *pLength = pData->size;
         if (pData->size != 0 && !pData->data)
-            TRACE_LINE(LEVEL_FAILURE, "Data of %lu bytes has none", pData->size);
+            DBLIB_TRACE(TraceLevel::ALWAYS, "Data of %lu bytes has none", pData->size);
         return pData->size == 0 || pData->data;
     }
     case DB_KIND_ARRAY:
@@ -182,11 +176,11 @@ bool WriteNested(uint8_t* pTo, uint32_t lLength, uint32_t lOffset, const void* o
         lReported = UINT32_MAX;
         ObjSerializeToMemory(oNested, pTo, &lReported);
     }
-    TRACE_LINE(
-        LEVEL_DETAIL, "size is %ld at %ld", static_cast<int32_t>(lReported),
+    DBLIB_TRACE(
+        TraceLevel::DETAIL, "size is %ld at %ld", static_cast<int32_t>(lReported),
         static_cast<int32_t>(lOffset));
     if (lReported != lLength)
-        TRACE_LINE(LEVEL_FAILURE, "Failed to serialise object at '%p'", oNested);
+        DBLIB_TRACE(TraceLevel::ALWAYS, "Failed to serialise object at '%p'", oNested);
     return lReported == lLength;
 }
 
@@ -259,13 +253,13 @@ bool WriteObject(
 const ObjDbData* StorableDbData(const void* oObject)
 {
     if ((ObjGetMagic(oObject) & OBJ_MAGIC_MASK) != OBJ_MAGIC_VALID) {
-        TRACE_LINE(LEVEL_FAILURE, "Invalid object at '%p'", oObject);
+        DBLIB_TRACE(TraceLevel::ALWAYS, "Invalid object at '%p'", oObject);
         ProcCrash(0);
         return nullptr;
     }
     const ObjDbData* pDbData = ObjGetDbData(oObject);
     if (!pDbData) {
-        TRACE_LINE(LEVEL_FAILURE, "Corrupt object - no template at '%p'", oObject);
+        DBLIB_TRACE(TraceLevel::ALWAYS, "Corrupt object - no template at '%p'", oObject);
         ProcCrash(0);
         return nullptr;
     }
@@ -282,13 +276,14 @@ bool EncodeObject(ObjData* pRecord, const ObjDbData* pDbData, const void* oObjec
         return false;
     const uint64_t lTotal = pDbData->fixedSize + lVariable;
     if (lTotal > DB_RECORD_MAX) {
-        TRACE_LINE(LEVEL_FAILURE, "Record of %I64u bytes is too long", lTotal);
+        DBLIB_TRACE(TraceLevel::ALWAYS, "Record of %I64u bytes is too long", lTotal);
         return false;
     }
     const uint32_t lSize = static_cast<uint32_t>(lTotal);
-    TRACE_LINE(
-        LEVEL_DETAIL, "Size of database BLOB is %ld bytes (%ld + %ld)", static_cast<int32_t>(lSize),
-        static_cast<int32_t>(pDbData->fixedSize), static_cast<int32_t>(lVariable));
+    DBLIB_TRACE(
+        TraceLevel::DETAIL, "Size of database BLOB is %ld bytes (%ld + %ld)",
+        static_cast<int32_t>(lSize), static_cast<int32_t>(pDbData->fixedSize),
+        static_cast<int32_t>(lVariable));
 
     // Slots need not cover the fixed part, and what lies between them goes to disk: it must not be
     // stray memory. The variable part is written through and through.
@@ -317,8 +312,8 @@ struct Source {
 
 bool Damaged(const Source& source, const ObjDbField* pField)
 {
-    TRACE_LINE(
-        LEVEL_FAILURE, "Damaged record of %lu bytes, slot at %ld", source.size,
+    DBLIB_TRACE(
+        TraceLevel::ALWAYS, "Damaged record of %lu bytes, slot at %ld", source.size,
         pField->fixedOffset);
     return false;
 }
@@ -407,8 +402,8 @@ bool DecodeNested(const Source& source, const ObjDbField* pField, uint8_t* pItem
 {
     const uint8_t* pSlot = source.bytes + pField->fixedOffset;
     const int32_t lLength = GetI32(pSlot);
-    TRACE_LINE(
-        LEVEL_DETAIL, "Reconstruct Object from %ld bytes at %lx", lLength,
+    DBLIB_TRACE(
+        TraceLevel::DETAIL, "Reconstruct Object from %ld bytes at %lx", lLength,
         GetU32(pSlot + SLOT_OFFSET));
     if (lLength <= 0)
         return true;
@@ -418,7 +413,7 @@ bool DecodeNested(const Source& source, const ObjDbField* pField, uint8_t* pItem
     // Kept: an object that cannot be rebuilt is reported, and the rest of the record still counts.
     void* oNested;
     if (!ObjReconstructFromMemorySized(&oNested, pForm, static_cast<uint32_t>(lLength)))
-        TRACE_LINE(LEVEL_FAILURE, "Reconstruct failed");
+        DBLIB_TRACE(TraceLevel::ALWAYS, "Reconstruct failed");
     SetPointer(pItem, oNested);
     return true;
 }
@@ -469,8 +464,8 @@ bool DecodeFields(uint8_t* pBody, const ObjDbData* pDbData, const ObjData* pReco
 {
     const Source source = {static_cast<const uint8_t*>(pRecord->data), pRecord->size};
     if (!source.bytes || source.size < pDbData->fixedSize) {
-        TRACE_LINE(
-            LEVEL_FAILURE, "Damaged record of %lu bytes, fixed size %lu", source.size,
+        DBLIB_TRACE(
+            TraceLevel::ALWAYS, "Damaged record of %lu bytes, fixed size %lu", source.size,
             pDbData->fixedSize);
         return false;
     }
@@ -519,8 +514,9 @@ bool DecodeFields(uint8_t* pBody, const ObjDbData* pDbData, const ObjData* pReco
 NimBool DecodeObject(void** ppObject, void* oObject, const ObjData* pRecord)
 {
     const ObjDbData* pDbData = ObjGetDbData(oObject);
-    TRACE_LINE(
-        LEVEL_DETAIL, "Size of database BLOB is %ld bytes", static_cast<int32_t>(pRecord->size));
+    DBLIB_TRACE(
+        TraceLevel::DETAIL, "Size of database BLOB is %ld bytes",
+        static_cast<int32_t>(pRecord->size));
     if (!pDbData || !DecodeFields(static_cast<uint8_t*>(oObject), pDbData, pRecord)) {
         ObjReleaseInternal(&oObject);
         return FALSE;
@@ -633,17 +629,18 @@ NimBool DbConvertObjectToDbFormat(void** ppBlob, const void* oObject)
 
 NimBool DbConvertObjectFromDbFormat(void** ppObject, const void* oBlob)
 {
-    TRACE_LINE(LEVEL_DETAIL, "DbConvertObjectFromDbFormat(%p, %p)", ppObject, oBlob);
+    DBLIB_TRACE(TraceLevel::DETAIL, "DbConvertObjectFromDbFormat(%p, %p)", ppObject, oBlob);
     if (!ppObject)
         return FALSE;
     *ppObject = nullptr;
     if (ObjGetMagic(oBlob) != DB_BLOB_MAGIC) {
-        TRACE_LINE(LEVEL_FAILURE, "Invalid BLOB at '%p'", oBlob);
+        DBLIB_TRACE(TraceLevel::ALWAYS, "Invalid BLOB at '%p'", oBlob);
         return FALSE;
     }
     const DbBlob* pBlob = static_cast<const DbBlob*>(oBlob);
-    TRACE_LINE(
-        LEVEL_DETAIL, "Magic %ld format %s", static_cast<int32_t>(pBlob->magic), pBlob->format);
+    DBLIB_TRACE(
+        TraceLevel::DETAIL, "Magic %ld format %s", static_cast<int32_t>(pBlob->magic),
+        pBlob->format);
     void* oObject = nullptr;
     if (ObjCreateInternal(
             &oObject, OBJ_SIZE_COMPUTED, pBlob->magic, pBlob->format, nullptr, Pool()) != TRUE)

@@ -7,15 +7,11 @@
 #include "database/dbrecord.h"
 #include "database/index.h"
 #include "database/indexinternal.h"
+#include "database/trace.h"
 #include "nim/bytes.h"
 #include "nim/scope.h"
 
 namespace {
-
-constexpr const char* TAG = "INDXWRAP        ";
-constexpr int32_t ALWAYS = -1;
-#define WRAP_TRACE(level, ...) NIM_TRACE(TAG, 0, (level), __VA_ARGS__)
-#define WRAP_TRACE_ERROR(level, ...) NIM_TRACE(TAG, 1, (level), __VA_ARGS__)
 
 // A cursor on a field for the length of a call.
 class HeldCursor {
@@ -68,11 +64,11 @@ IndxDeleteObjectFromTable(void* oTable, const char* fieldName, uint32_t id, void
 {
     HeldCursor cursor(oTable, fieldName);
     if (!cursor) {
-        WRAP_TRACE_ERROR(ALWAYS, "Failed to get cursor on '%s'", fieldName);
+        WRAP_TRACE_ERROR(TraceLevel::ALWAYS, "Failed to get cursor on '%s'", fieldName);
         return FALSE;
     }
     if (!cursor.Find(id, oKeyObject)) {
-        WRAP_TRACE_ERROR(ALWAYS, "Could not find key");
+        WRAP_TRACE_ERROR(TraceLevel::ALWAYS, "Could not find key");
         return FALSE;
     }
     return IndxDeleteRecord(cursor.get());
@@ -119,7 +115,8 @@ uint32_t VisitRecord(const Walk& walk, const HeldCursor& cursor)
     HeldObject<> object;
     if (!FetchObject(object.Out(), walk, cursor.get())) {
         if (walk.idCallback)
-            WRAP_TRACE(ALWAYS, "Failed to fetch object at cursor - skip record in walk");
+            WRAP_TRACE(
+                TraceLevel::ALWAYS, "Failed to fetch object at cursor - skip record in walk");
         return 1;
     }
     if (!walk.idCallback)
@@ -176,12 +173,12 @@ uint32_t IndxWalkTableWithRecordId(
 {
     if (!IndxAsTable(oTable) || !fieldName || !callback) {
         // Names the form with a callback, not this operation: operators know the text.
-        WRAP_TRACE(ALWAYS, "Munged args to IndxWalkCallbackWithRecordId");
+        WRAP_TRACE(TraceLevel::ALWAYS, "Munged args to IndxWalkCallbackWithRecordId");
         return 0;
     }
     HeldCursor cursor(oTable, fieldName);
     if (!cursor) {
-        WRAP_TRACE(ALWAYS, "Failed to get field cursor for '%s'", fieldName);
+        WRAP_TRACE(TraceLevel::ALWAYS, "Failed to get field cursor for '%s'", fieldName);
         return 0;
     }
     return WalkField({nullptr, callback, context, false, nullptr}, cursor);

@@ -45,6 +45,7 @@ struct ObjTemplate {
     bool hasPointer = false;            // a `p` item
     int32_t onlyKind = 0;               // the kind of the item when there is just one
     std::atomic<bool> fromBytes{false}; // made by a reconstruction; no caller has asked for it yet
+    std::atomic<uint32_t> rank{0};      // in the order of registration; 0: nobody has registered it
 #ifndef NIM_NO_FAULTS
     std::atomic<int32_t> live{0}; // instances
 #endif
@@ -58,7 +59,8 @@ struct ObjTemplate {
 
 // ---- template.cpp -----------------------------------------------------------------------------
 
-// The first registered template of this magic and format; null when there is none. No lock.
+// The first registered template of this magic and format, or one that was made without being
+// registered; null when there is none. No lock.
 ObjTemplate* ObjTemplateFind(uint32_t magic, const char* format);
 // A template of computed size, marked as made from bytes, that nobody else sees yet. Null for a
 // refused format and without memory.

@@ -8,6 +8,10 @@
 // because objects and callers' variables point at it. Looking up takes no lock (buckets are singly
 // linked and appended to at the end, each link stored once, after what it points at is complete);
 // registering takes one. Its memory does not come from the pools, so that it is no leak of theirs.
+//
+// Objects are also made, and rebuilt, of a magic and a format that nobody has registered. The
+// template that is made for them stands behind whatever is registered later, or a module that comes
+// late would get objects without its tail and its destructor.
 
 #include "object_internal.h"
 #include "spinlock.h"
@@ -28,6 +32,7 @@ constexpr uint32_t BUCKETS = 1024;
 
 std::atomic<ObjTemplate*> gBuckets[BUCKETS];
 SpinLock gRegistering; // looking up takes none
+uint32_t gRegistered;  // templates that were given a rank; under the lock
 
 struct Item {
     int32_t kind;
@@ -230,21 +235,33 @@ struct Wanted {
     ObjDestructor destructor = nullptr;
 };
 
+// Whether one template was registered before another. One that nobody has registered comes last:
+// its rank of 0 wraps to the highest number.
+bool WasRegisteredBefore(const ObjTemplate* one, const ObjTemplate* other)
+{
+    return one->rank.load(std::memory_order_relaxed) - 1 <
+           other->rank.load(std::memory_order_relaxed) - 1;
+}
+
+// The first registered of those that fit.
 ObjTemplate* Find(uint32_t hash, uint32_t magic, const char* format, const Wanted& wanted)
 {
+    ObjTemplate* found = nullptr;
     ObjTemplate* tmpl = gBuckets[hash % BUCKETS].load(std::memory_order_acquire);
     for (; tmpl; tmpl = tmpl->next.load(std::memory_order_acquire)) {
         if (tmpl->hash != hash || tmpl->magic != magic || strcmp(tmpl->db.format, format) != 0)
             continue;
         if (wanted.size != OBJ_SIZE_COMPUTED && wanted.size != tmpl->size)
             continue;
-        if (wanted.anyDestructor || wanted.destructor == tmpl->destructor)
-            return tmpl;
+        if (!wanted.anyDestructor && wanted.destructor != tmpl->destructor)
+            continue;
+        if (!found || WasRegisteredBefore(tmpl, found))
+            found = tmpl;
     }
-    return nullptr;
+    return found;
 }
 
-// Appends, so that the first registered is the first found. Under the lock.
+// Appends. Under the lock.
 void Link(ObjTemplate* tmpl)
 {
     std::atomic<ObjTemplate*>* link = &gBuckets[tmpl->hash % BUCKETS];
@@ -314,6 +331,43 @@ uint32_t LiveOf(const ObjTemplate& tmpl, uint32_t magic)
 
 } // namespace
 
+// Finds or makes the template of exactly this size and destructor; null when it is refused, and
+// without memory.
+static ObjTemplate* FindOrMake(
+    uint32_t size, uint32_t magic, const char* format, ObjDestructor destructor, bool registers)
+{
+    Layout layout;
+    if (!ReadFormat(&layout, {}, format))
+        return nullptr;
+    if (size != OBJ_SIZE_COMPUTED) {
+        if (size < layout.size || size > MAX_BODY)
+            return nullptr;
+        size = (size + 7) / 8 * 8;
+    } else {
+        size = static_cast<uint32_t>(layout.size);
+    }
+    uint32_t hash = HashOf(magic, format);
+    Wanted wanted{size, false, destructor};
+    ObjTemplate* tmpl = Find(hash, magic, format, wanted);
+    if (tmpl && (!registers || tmpl->rank.load(std::memory_order_relaxed) != 0))
+        return tmpl;
+    SpinLockGuard guard(gRegistering);
+    tmpl = Find(hash, magic, format, wanted);
+    bool isNew = !tmpl;
+    if (isNew) {
+        tmpl = Make(magic, format, layout);
+        if (!tmpl)
+            return nullptr;
+        tmpl->size = size;
+        tmpl->destructor = destructor;
+    }
+    if (registers && tmpl->rank.load(std::memory_order_relaxed) == 0)
+        tmpl->rank.store(++gRegistered, std::memory_order_relaxed);
+    if (isNew)
+        Link(tmpl);
+    return tmpl;
+}
+
 NimBool ObjTemplateCreateInternal(
     ObjTemplate** out, uint32_t size, uint32_t magic, const char* format, ObjDestructor destructor)
 {
@@ -322,31 +376,9 @@ NimBool ObjTemplateCreateInternal(
     *out = nullptr;
     if (!format)
         return FALSE;
-    Layout layout;
-    if (!ReadFormat(&layout, {}, format))
+    ObjTemplate* tmpl = FindOrMake(size, magic, format, destructor, true);
+    if (!tmpl)
         return FALSE;
-    if (size != OBJ_SIZE_COMPUTED) {
-        if (size < layout.size || size > MAX_BODY)
-            return FALSE;
-        size = (size + 7) / 8 * 8;
-    } else {
-        size = static_cast<uint32_t>(layout.size);
-    }
-    uint32_t hash = HashOf(magic, format);
-    Wanted wanted{size, false, destructor};
-    ObjTemplate* tmpl = Find(hash, magic, format, wanted);
-    if (!tmpl) {
-        SpinLockGuard guard(gRegistering);
-        tmpl = Find(hash, magic, format, wanted);
-        if (!tmpl) {
-            tmpl = Make(magic, format, layout);
-            if (!tmpl)
-                return FALSE;
-            tmpl->size = size;
-            tmpl->destructor = destructor;
-            Link(tmpl);
-        }
-    }
     if (tmpl->fromBytes.load(std::memory_order_relaxed))
         tmpl->fromBytes.store(false, std::memory_order_relaxed);
     *out = tmpl;
@@ -377,9 +409,9 @@ NimBool ObjCreateInternal(
     if (size != OBJ_SIZE_COMPUTED)
         wanted.size = static_cast<uint32_t>((static_cast<uint64_t>(size) + 7) / 8 * 8);
     ObjTemplate* tmpl = Find(HashOf(magic, format), magic, format, wanted);
-    if (!tmpl && !ObjTemplateCreateInternal(&tmpl, size, magic, format, destructor))
-        return FALSE;
-    return ObjTemplateCreateInstanceFromPool(out, tmpl, pool);
+    if (!tmpl)
+        tmpl = FindOrMake(size, magic, format, destructor, false);
+    return ObjTemplateCreateInstanceFromPool(out, tmpl, pool); // refuses null
 }
 
 ObjTemplate* ObjTemplateFind(uint32_t magic, const char* format)

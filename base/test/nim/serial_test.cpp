@@ -426,6 +426,16 @@ TEST(Serial, ARebuiltObjectUsesTheFirstRegisteredTemplateWithItsTailAndDestructo
     EXPECT_EQ(died, 77);
 }
 
+TEST(Serial, ARebuiltObjectsTemplateGivesWayToWhatIsRegisteredLater)
+{
+    const std::string form = Seal(New(MAGIC + 64, "i;") + U32(77));
+    EXPECT_NE(Reconstructed(form).get(), nullptr); // nobody has registered it yet
+    ObjTemplate* tmpl = TemplateOf(MAGIC + 64, "i;", nullptr, 64);
+    Ref back = Reconstructed(form);
+    ASSERT_NE(back.get(), nullptr);
+    EXPECT_EQ(OBJ_HEADER(back.get())->tmpl, tmpl);
+}
+
 TEST(Serial, ADestructorThatExpectsAPointerIsNeverRunOnNothing)
 {
     static bool ran;

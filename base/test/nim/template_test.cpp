@@ -304,6 +304,26 @@ TEST(Template, CreatingByMagicAndFormatUsesTheFirstRegistered)
     EXPECT_EQ(sized, TemplateOf(MAGIC + 4, "i;", nullptr, 40));
 }
 
+// A module may make objects of another one's magic and format before that one has registered them.
+TEST(Template, WhatWasMadeForAnObjectGivesWayToWhatIsRegisteredLater)
+{
+    auto templateOfNew = [] {
+        void* object = nullptr;
+        EXPECT_EQ(ObjCreateInternal(&object, NO_SIZE, MAGIC + 17, "i;q;", nullptr, 1), 1u);
+        ObjTemplate* tmpl = OBJ_HEADER(object)->tmpl;
+        ObjReleaseInternal(&object);
+        return tmpl;
+    };
+    ObjTemplate* made = templateOfNew();
+    EXPECT_EQ(templateOfNew(), made);
+    ObjTemplate* withTail = TemplateOf(MAGIC + 17, "i;q;", nullptr, 48);
+    EXPECT_NE(withTail, made);
+    EXPECT_EQ(templateOfNew(), withTail);
+    // Registered now, but second.
+    EXPECT_EQ(TemplateOf(MAGIC + 17, "i;q;"), made);
+    EXPECT_EQ(templateOfNew(), withTail);
+}
+
 TEST(Template, CreatingByMagicAndFormatRegistersWhatIsNew)
 {
     void* object = nullptr;

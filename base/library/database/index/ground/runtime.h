@@ -5,20 +5,18 @@
 #include <cstdint>
 
 #include "database/index.h"
+#include "database/trace.h"
 #include "nim/nim.h"
 
-// Trace levels, and the module's tag: its name and eight blanks.
-constexpr int32_t INDX_ALWAYS = -1;
-constexpr int32_t INDX_NODE_FAILURE = 0;
-constexpr int32_t INDX_OPENED = 3;
-constexpr int32_t INDX_DETAIL = 4;
-#define INDX_TAG "INDX        "
-#define INDX_TRACE(level, ...) NIM_TRACE(INDX_TAG, 0, (level), __VA_ARGS__)
-#define INDX_TRACE_ERROR(level, ...) NIM_TRACE(INDX_TAG, 1, (level), __VA_ARGS__)
+// The levels of trace.h, under the names that this module's lines give them.
+constexpr int32_t INDX_ALWAYS = TraceLevel::ALWAYS;
+constexpr int32_t INDX_NODE_FAILURE = TraceLevel::NODE_FAILURE;
+constexpr int32_t INDX_OPENED = TraceLevel::OPENED;
+constexpr int32_t INDX_DETAIL = TraceLevel::DETAIL;
 
 inline const char* IndxTruth(NimBool b)
 {
-    return b ? "TRUE" : "FALSE";
+    return TraceTruth(b);
 }
 
 struct IndxTemplates {

@@ -9,13 +9,11 @@
 #include "database/index/rows/rows.h"
 #include "database/index/schema/schema.h"
 #include "database/index/tree/keycursor.h"
+#include "database/logids.h"
 #include "nim/bytes.h"
 #include "nim/scope.h"
 
 namespace {
-
-constexpr uint32_t LOG_CLASS = 96;
-constexpr uint32_t LOG_WRITE_MODIFIED = 1308;
 
 // The bytes of a record, freed at the end of the operation.
 struct HeldRecord {
@@ -116,9 +114,7 @@ bool WriteNewRecord(IndxTable* pTable, const ObjData* pNew)
     uint32_t moved = 0;
     if (FileSysWrite(&moved, pTable->hRecords, pNew->data, pNew->size) || moved != pNew->size)
         return true;
-    LogMessage(
-        LOG_WRITE_MODIFIED, LOG_CLASS, 0, "Failed to write modified record in table '%s'",
-        pTable->name);
+    LogMessageAs(LOG_WRITE_MODIFIED, "Failed to write modified record in table '%s'", pTable->name);
     INDX_TRACE(INDX_ALWAYS, "Error writing out modified record");
     IndxSetError(INDX_ERROR_UPDATE);
     return false;

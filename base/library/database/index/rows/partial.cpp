@@ -9,14 +9,12 @@
 #include "database/dbrecord.h"
 #include "database/index/rows/rows.h"
 #include "database/index/schema/schema.h"
+#include "database/logids.h"
 #include "nim/bytes.h"
 #include "nim/scope.h"
 
 namespace {
 
-constexpr uint32_t LOG_CLASS = 96;
-constexpr uint32_t LOG_READ_FIELD = 1306;
-constexpr uint32_t LOG_READ_FIXED = 1307;
 constexpr uint32_t SLOT_OFFSET = 4; // in a variable field's slot: size, then offset
 constexpr uint32_t SLOT_SIZE = 8;
 constexpr int32_t FIELD_TYPE_NONE = -1;
@@ -71,9 +69,7 @@ NimBool AddFieldSize(void* context, void* oField)
 
 NimBool ReportField(const IndxTable* pTable, uint32_t size)
 {
-    LogMessage(
-        LOG_READ_FIELD, LOG_CLASS, 0, "Failed to retrive record field from table '%s'",
-        pTable->name);
+    LogMessageAs(LOG_READ_FIELD, "Failed to retrive record field from table '%s'", pTable->name);
     INDX_TRACE(INDX_ALWAYS, "Failed to read %ld bytes", size);
     IndxSetError(INDX_ERROR_READ);
     return FALSE;
@@ -140,7 +136,7 @@ uint8_t* ReadFixedPart(IndxTable* pTable, uint32_t offset)
     if (bytes && FileSysRead(&count, pTable->hRecords, bytes.get(), pTable->fixedSize) &&
         count == pTable->fixedSize)
         return bytes.Take();
-    LogMessage(LOG_READ_FIXED, LOG_CLASS, 0, "Faiedl to read record from table '%s'", pTable->name);
+    LogMessageAs(LOG_READ_FIXED, "Faiedl to read record from table '%s'", pTable->name);
     INDX_TRACE(INDX_ALWAYS, "Failed to read fixed part of record");
     IndxSetError(INDX_ERROR_READ);
     return nullptr;

@@ -16,17 +16,12 @@
 #include "database/index/rows/rows.h"
 #include "database/index/schema/schema.h"
 #include "database/index/tree/keycursor.h"
+#include "database/logids.h"
 #include "nim/bytes.h"
 #include "nim/scope.h"
 
 namespace {
 
-constexpr uint32_t LOG_CLASS_WRITE = 96;
-constexpr uint32_t LOG_CLASS_READ = 80;
-constexpr uint32_t LOG_WRITE_RECORD = 1302;
-constexpr uint32_t LOG_READ_RECORD = 1303;
-constexpr uint32_t LOG_READ_HEADER = 1304;
-constexpr uint32_t LOG_SEEK_RECORD = 1305;
 constexpr uint32_t CREATE_MODE = 2;  // a companion file is created empty
 constexpr uint32_t FIRST_READ = 512; // one read fetches most records whole
 
@@ -117,9 +112,7 @@ NimBool IndxAddRecordInternal(uint32_t id, void* oTable, void* pData, NimBool bC
     uint32_t moved = 0;
     if (!FileSysWrite(&moved, pTable->hRecords, pBytes, pRecord->size)) {
         INDX_TRACE(INDX_ALWAYS, "Failed to write record");
-        LogMessage(
-            LOG_WRITE_RECORD, LOG_CLASS_WRITE, 0, "Failed to write record in table '%s'",
-            pTable->name);
+        LogMessageAs(LOG_WRITE_RECORD, "Failed to write record in table '%s'", pTable->name);
         IndxSetError(INDX_ERROR_UPDATE);
         return FALSE;
     }
@@ -239,9 +232,8 @@ namespace {
 void ReportSeek(const IndxTable* pTable, uint32_t offset)
 {
     INDX_TRACE(INDX_ALWAYS, "Failed to seek to record at %ld in table '%s'", offset, pTable->name);
-    LogMessage(
-        LOG_SEEK_RECORD, LOG_CLASS_READ, 0, "Failed to seek to record at %ld in table '%s'", offset,
-        pTable->name);
+    LogMessageAs(
+        LOG_SEEK_RECORD, "Failed to seek to record at %ld in table '%s'", offset, pTable->name);
     IndxSetError(INDX_ERROR_SEEK);
 }
 
@@ -250,9 +242,9 @@ void ReportHeader(const IndxTable* pTable, uint32_t offset)
     INDX_TRACE(
         INDX_ALWAYS, "Failed to retrive record header at %ld from table '%s'", offset,
         pTable->name);
-    LogMessage(
-        LOG_READ_HEADER, LOG_CLASS_READ, 0,
-        "Failed to retrive record header at %ld from table '%s'", offset, pTable->name);
+    LogMessageAs(
+        LOG_READ_HEADER, "Failed to retrive record header at %ld from table '%s'", offset,
+        pTable->name);
     IndxSetError(INDX_ERROR_READ);
 }
 
@@ -261,9 +253,9 @@ void ReportRecord(const IndxTable* pTable, uint32_t length, uint32_t offset)
     INDX_TRACE(
         INDX_ALWAYS, "Failed to retrive %ld byte record at %ld from table '%s'", length, offset,
         pTable->name);
-    LogMessage(
-        LOG_READ_RECORD, LOG_CLASS_READ, 0,
-        "Failed to retrive %ld byte record at %ld from table '%s'", length, offset, pTable->name);
+    LogMessageAs(
+        LOG_READ_RECORD, "Failed to retrive %ld byte record at %ld from table '%s'", length, offset,
+        pTable->name);
     IndxSetError(INDX_ERROR_READ);
 }
 
