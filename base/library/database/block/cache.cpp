@@ -373,8 +373,14 @@ namespace {
 // rest of it cannot be had, it has not been changed.
 void DeclareWhole(BlckBlock* pBlock)
 {
-    if (BringInWhole(pBlock))
+    if (BringInWhole(pBlock)) {
         pBlock->dirty.Add(0, BLCK_BLOCK_SIZE);
+        return;
+    }
+    if (pBlock->frontTo > 0)
+        pBlock->dirty.Add(0, pBlock->frontTo);
+    if (pBlock->backFrom < BLCK_BLOCK_SIZE)
+        pBlock->dirty.Add(pBlock->backFrom, BLCK_BLOCK_SIZE);
 }
 
 // The block to be marked, or null with the trace that says what is wrong.

@@ -5,8 +5,8 @@
 
 #include <cstring>
 
-#include "database/block/shapes.h"
 #include "database/block/blockstore.h"
+#include "database/block/shapes.h"
 #include "support/armed_fault.h"
 #include "support/file_bytes.h"
 #include "support/file_calls.h"

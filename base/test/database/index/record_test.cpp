@@ -449,8 +449,7 @@ TEST_F(RecordAdd, TheFirstIndexThatRefusesAKeyEndsTheAdd)
     Person again = MakePerson(1); // name and key are taken
     EXPECT_EQ(Add(table_, &again), 0u);
     EXPECT_EQ(trace.count("Failed to insert key"), 1u) << trace.dump();
-    EXPECT_TRUE(trace.hasPart("'Name' of 'People'"));
-    EXPECT_FALSE(trace.hasPart("'Town' of 'People'"));
+    EXPECT_EQ(trace.countPart("IndxInsertKey("), 2u) << "Id and Name; not Town";
     ExpectSound(table_);
 }
 
