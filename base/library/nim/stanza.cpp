@@ -588,17 +588,15 @@ static char* StnzTemporary(const char* path, const char* between)
     const char* name = path + strlen(path);
     while (name > path && !SysIsSeparator(name[-1]))
         --name;
-    const size_t head = static_cast<size_t>(name - path);
-    const size_t middle = strlen(between);
-    const size_t length = strlen(name);
     char* temporary = static_cast<char*>(
-        MemAllocateWideUncleared(uint64_t{head} + middle + length + sizeof TAIL));
+        MemAllocateWideUncleared(uint64_t{strlen(path)} + strlen(between) + sizeof TAIL));
     if (!temporary)
         return nullptr;
-    memcpy(temporary, path, head);
-    memcpy(temporary + head, between, middle);
-    memcpy(temporary + head + middle, name, length);
-    memcpy(temporary + head + middle + length, TAIL, sizeof TAIL);
+    Output text = {temporary, 0};
+    StnzPut(&text, path, static_cast<size_t>(name - path));
+    StnzPutText(&text, between);
+    StnzPutText(&text, name);
+    StnzPut(&text, TAIL, sizeof TAIL); // with its NUL
     return temporary;
 }
 
