@@ -3,7 +3,8 @@
 // The encoder measures an object, takes memory once and fills it; the decoder walks the same
 // descriptors the other way; the field functions read and write single slots in place. What a
 // template's descriptors say is taken from the base services, and where a record is kept is the
-// index module's matter.
+// index module's matter. The BLOB's template and the objects of records are made here and nowhere
+// else.
 //
 // Invariants. A record's length is its fixed size plus the lengths of its variable items, at most
 // DB_RECORD_MAX. The decoder believes no byte of a record: whatever a slot says, nothing outside
@@ -17,10 +18,13 @@
 #include <cstring>
 
 #include "database/dbrecord_internal.h"
+#include "database/index.h"
+#include "database/index/ground/shapes.h"
 #include "database/trace.h"
 #include "nim/bytes.h"
 #include "nim/mem.h"
 #include "nim/proc.h"
+#include "nim/scope.h"
 #include "nim/str.h"
 #include "nim/unique.h"
 
@@ -37,17 +41,8 @@ constexpr uint32_t POINTER_SIZE = sizeof(void*);
 constexpr uint32_t OBJECT_ALIGNMENT = 8;
 static_assert(sizeof(UniqueId) == 32);
 
-// As much of a table's field object as DbSetFieldBooleanInBlob looks at, template
-// "s;i;i;b;b;b;i;i;i;i;i;i;o;ol;". The index module owns the whole shape; calls go from it to here
-// and never back, so this room does not include its header.
-struct FieldView {
-    const char* name;
-    int32_t type;
-    uint32_t recordOffset;
-};
-static_assert(offsetof(FieldView, type) == 8 && offsetof(FieldView, recordOffset) == 12);
-constexpr uint32_t FIELD_MAGIC = 0xca8ec4a2;
-constexpr int32_t FIELD_TYPE_BOOLEAN = 10;
+// No object has this magic: a template under it says how a format is laid out and makes nothing.
+constexpr uint32_t LAYOUT_MAGIC = 0;
 
 // The pool of all bytes and objects made here. Set on first use; two threads with a database each
 // may both set it, to the same value.
@@ -304,25 +299,27 @@ bool EncodeObject(ObjData* pRecord, const ObjDbData* pDbData, const void* oObjec
 
 // ---- decoder ----------------------------------------------------------------------------------
 
-// A record as it is being read.
-struct Source {
-    const uint8_t* bytes;
-    uint32_t size;
-};
+// A record as it is being read, or a stretch of it. Records end at 2 GiB.
+using Bytes = std::span<const uint8_t>;
 
-bool Damaged(const Source& source, const ObjDbField* pField)
+uint32_t SizeOf(Bytes bytes)
+{
+    return static_cast<uint32_t>(bytes.size());
+}
+
+bool Damaged(Bytes record, const ObjDbField* pField)
 {
     DBLIB_TRACE(
-        TraceLevel::ALWAYS, "Damaged record of %lu bytes, slot at %ld", source.size,
+        TraceLevel::ALWAYS, "Damaged record of %lu bytes, slot at %ld", SizeOf(record),
         pField->fixedOffset);
     return false;
 }
 
 // Where the bytes of a variable item lie; null when they would not lie inside the record.
-const uint8_t* VariableBytes(const Source& source, const uint8_t* pSlot, uint32_t lLength)
+const uint8_t* VariableBytes(Bytes record, const uint8_t* pSlot, uint32_t lLength)
 {
     const uint32_t lOffset = GetU32(pSlot + SLOT_OFFSET);
-    return BytesInside(lOffset, lLength, source.size) ? source.bytes + lOffset : nullptr;
+    return BytesInside(lOffset, lLength, SizeOf(record)) ? record.data() + lOffset : nullptr;
 }
 
 // The end of the object's last item, rounded up as objects are. Items lie in template order.
@@ -377,16 +374,16 @@ void ClearOverrunItems(
     }
 }
 
-bool DecodeString(const Source& source, const ObjDbField* pField, uint8_t* pItem)
+bool DecodeString(Bytes record, const ObjDbField* pField, uint8_t* pItem)
 {
-    const uint8_t* pSlot = source.bytes + pField->fixedOffset;
+    const uint8_t* pSlot = record.data() + pField->fixedOffset;
     const int32_t lLength = GetI32(pSlot);
     if (lLength <= 0)
         return true;
     const uint32_t lRoom = static_cast<uint32_t>(lLength);
-    const uint8_t* pText = VariableBytes(source, pSlot, lRoom);
+    const uint8_t* pText = VariableBytes(record, pSlot, lRoom);
     if (!pText)
-        return Damaged(source, pField);
+        return Damaged(record, pField);
     const void* pNul = std::memchr(pText, 0, lRoom);
     const uint32_t lText =
         pNul ? static_cast<uint32_t>(static_cast<const uint8_t*>(pNul) - pText) : lRoom;
@@ -398,18 +395,18 @@ bool DecodeString(const Source& source, const ObjDbField* pField, uint8_t* pItem
     return pCopy != nullptr;
 }
 
-bool DecodeNested(const Source& source, const ObjDbField* pField, uint8_t* pItem)
+bool DecodeNested(Bytes record, const ObjDbField* pField, uint8_t* pItem)
 {
-    const uint8_t* pSlot = source.bytes + pField->fixedOffset;
+    const uint8_t* pSlot = record.data() + pField->fixedOffset;
     const int32_t lLength = GetI32(pSlot);
     DBLIB_TRACE(
         TraceLevel::DETAIL, "Reconstruct Object from %ld bytes at %lx", lLength,
         GetU32(pSlot + SLOT_OFFSET));
     if (lLength <= 0)
         return true;
-    const uint8_t* pForm = VariableBytes(source, pSlot, static_cast<uint32_t>(lLength));
+    const uint8_t* pForm = VariableBytes(record, pSlot, static_cast<uint32_t>(lLength));
     if (!pForm)
-        return Damaged(source, pField);
+        return Damaged(record, pField);
     // Kept: an object that cannot be rebuilt is reported, and the rest of the record still counts.
     void* oNested;
     if (!ObjReconstructFromMemorySized(&oNested, pForm, static_cast<uint32_t>(lLength)))
@@ -419,13 +416,13 @@ bool DecodeNested(const Source& source, const ObjDbField* pField, uint8_t* pItem
 }
 
 // The byte count is unsigned here, and a block of no bytes is a block all the same.
-bool DecodeData(const Source& source, const ObjDbField* pField, ObjData* pData)
+bool DecodeData(Bytes record, const ObjDbField* pField, ObjData* pData)
 {
-    const uint8_t* pSlot = source.bytes + pField->fixedOffset;
+    const uint8_t* pSlot = record.data() + pField->fixedOffset;
     const uint32_t lLength = GetU32(pSlot);
-    const uint8_t* pBytes = lLength > 0 ? VariableBytes(source, pSlot, lLength) : pSlot;
+    const uint8_t* pBytes = lLength > 0 ? VariableBytes(record, pSlot, lLength) : pSlot;
     if (!pBytes)
-        return Damaged(source, pField);
+        return Damaged(record, pField);
     void* pCopy = MemAllocateUncleared(lLength, Pool());
     if (!pCopy) {
         TraceNoMemory(lLength);
@@ -439,20 +436,19 @@ bool DecodeData(const Source& source, const ObjDbField* pField, ObjData* pData)
 
 // Kept: the stored length counts, not the template's, so an array may run over the items behind it.
 // What it may not do is pass the end of the object.
-bool DecodeArray(
-    const Source& source, const ObjDbData* pDbData, const ObjDbField* pField, uint8_t* pBody)
+bool DecodeArray(Bytes record, const ObjDbData* pDbData, const ObjDbField* pField, uint8_t* pBody)
 {
-    const uint8_t* pSlot = source.bytes + pField->fixedOffset;
+    const uint8_t* pSlot = record.data() + pField->fixedOffset;
     const uint32_t lLength = GetU32(pSlot);
     if (lLength == 0)
         return true;
     const uint32_t lStart = static_cast<uint32_t>(pField->objectOffset);
     const bool bOverrun = lLength > static_cast<uint32_t>(pField->arrayLength);
     if (bOverrun && !BytesInside(lStart, lLength, ObjectEnd(pDbData)))
-        return Damaged(source, pField);
-    const uint8_t* pBytes = VariableBytes(source, pSlot, lLength);
+        return Damaged(record, pField);
+    const uint8_t* pBytes = VariableBytes(record, pSlot, lLength);
     if (!pBytes)
-        return Damaged(source, pField);
+        return Damaged(record, pField);
     std::memcpy(pBody + lStart, pBytes, lLength);
     if (bOverrun)
         ClearOverrunItems(pBody, pDbData, pField, lStart + lLength);
@@ -460,19 +456,18 @@ bool DecodeArray(
 }
 
 // Fills the body of a fresh object. False: the object is to be released, and can be.
-bool DecodeFields(uint8_t* pBody, const ObjDbData* pDbData, const ObjData* pRecord)
+bool DecodeFields(uint8_t* pBody, const ObjDbData* pDbData, Bytes record)
 {
-    const Source source = {static_cast<const uint8_t*>(pRecord->data), pRecord->size};
-    if (!source.bytes || source.size < pDbData->fixedSize) {
+    if (!record.data() || record.size() < pDbData->fixedSize) {
         DBLIB_TRACE(
-            TraceLevel::ALWAYS, "Damaged record of %lu bytes, fixed size %lu", source.size,
+            TraceLevel::ALWAYS, "Damaged record of %lu bytes, fixed size %lu", SizeOf(record),
             pDbData->fixedSize);
         return false;
     }
     bool bStorable = true;
     for (int32_t i = 0; i < pDbData->fieldCount; ++i) {
         const ObjDbField* pField = &pDbData->fields[i];
-        const uint8_t* pSlot = source.bytes + pField->fixedOffset;
+        const uint8_t* pSlot = record.data() + pField->fixedOffset;
         uint8_t* pItem = pBody + pField->objectOffset;
         bool bDecoded = true;
         switch (pField->kind) {
@@ -487,16 +482,16 @@ bool DecodeFields(uint8_t* pBody, const ObjDbData* pDbData, const ObjData* pReco
             std::memcpy(pItem, pSlot, sizeof(UniqueId));
             break;
         case DB_KIND_STRING:
-            bDecoded = DecodeString(source, pField, pItem);
+            bDecoded = DecodeString(record, pField, pItem);
             break;
         case DB_KIND_OBJECT:
-            bDecoded = DecodeNested(source, pField, pItem);
+            bDecoded = DecodeNested(record, pField, pItem);
             break;
         case DB_KIND_DATA:
-            bDecoded = DecodeData(source, pField, reinterpret_cast<ObjData*>(pItem));
+            bDecoded = DecodeData(record, pField, reinterpret_cast<ObjData*>(pItem));
             break;
         case DB_KIND_ARRAY:
-            bDecoded = DecodeArray(source, pDbData, pField, pBody);
+            bDecoded = DecodeArray(record, pDbData, pField, pBody);
             break;
         default:
             CrashOnKind();
@@ -507,22 +502,6 @@ bool DecodeFields(uint8_t* pBody, const ObjDbData* pDbData, const ObjData* pReco
             return false;
     }
     return bStorable;
-}
-
-// Decodes into `oObject`, a fresh object whose reference this call takes over: it goes to
-// *ppObject, or is released.
-NimBool DecodeObject(void** ppObject, void* oObject, const ObjData* pRecord)
-{
-    const ObjDbData* pDbData = ObjGetDbData(oObject);
-    DBLIB_TRACE(
-        TraceLevel::DETAIL, "Size of database BLOB is %ld bytes",
-        static_cast<int32_t>(pRecord->size));
-    if (!pDbData || !DecodeFields(static_cast<uint8_t*>(oObject), pDbData, pRecord)) {
-        ObjReleaseInternal(&oObject);
-        return FALSE;
-    }
-    *ppObject = oObject;
-    return TRUE;
 }
 
 // ---- single fields ----------------------------------------------------------------------------
@@ -574,26 +553,46 @@ NimBool SetField(
 
 // ---- for the layers above ---------------------------------------------------------------------
 
-NimBool DbEncodeObject(ObjData* pRecord, const void* oObject)
+bool DbDecodeRecord(void** ppObject, uint32_t magic, const char* format, Bytes record)
 {
-    if (!pRecord)
-        return FALSE;
-    *pRecord = {};
-    if (!oObject)
-        return FALSE;
-    const ObjDbData* pDbData = StorableDbData(oObject);
-    return pDbData && EncodeObject(pRecord, pDbData, oObject) ? TRUE : FALSE;
+    *ppObject = nullptr;
+    DBLIB_TRACE(TraceLevel::DETAIL, "Magic %ld format %s", static_cast<int32_t>(magic), format);
+    // Any size, any destructor: the template is the one that the records' owner has registered.
+    void* oObject = nullptr;
+    if (!ObjCreateInternal(&oObject, OBJ_SIZE_COMPUTED, magic, format, nullptr, Pool()))
+        return false;
+    DBLIB_TRACE(
+        TraceLevel::DETAIL, "Size of database BLOB is %ld bytes",
+        static_cast<int32_t>(record.size()));
+    if (!DecodeFields(static_cast<uint8_t*>(oObject), ObjGetDbData(oObject), record)) {
+        ObjReleaseInternal(&oObject);
+        return false;
+    }
+    *ppObject = oObject;
+    return true;
 }
 
-NimBool DbDecodeRecord(void** ppObject, ObjTemplate* pTemplate, const ObjData* pRecord)
+DbBlob* DbNewBlob(uint32_t magic, const char* format)
 {
-    if (!ppObject)
-        return FALSE;
-    *ppObject = nullptr;
-    void* oObject;
-    if (!pRecord || !ObjTemplateCreateInstanceFromPool(&oObject, pTemplate, Pool()))
-        return FALSE;
-    return DecodeObject(ppObject, oObject, pRecord);
+    HeldObject<DbBlob> blob;
+    if (!ObjTemplateCreateInstanceFromPool(blob.OutVoid(), BlobTemplate(), Pool())) {
+        TraceNoMemory(sizeof(DbBlob));
+        return nullptr;
+    }
+    blob->magic = magic;
+    blob->format = StrDuplicateIntoPool(format, Pool());
+    if (!blob->format) {
+        TraceNoMemory(StrSize(format));
+        return nullptr;
+    }
+    return blob.Take();
+}
+
+const ObjDbData* DbRecordLayout(const char* format)
+{
+    ObjTemplate* pTemplate = nullptr;
+    ObjTemplateCreateInternal(&pTemplate, OBJ_SIZE_COMPUTED, LAYOUT_MAGIC, format, nullptr);
+    return ObjGetDbDataFromTemplate(pTemplate);
 }
 
 // ---- exported ---------------------------------------------------------------------------------
@@ -603,27 +602,19 @@ NimBool DbConvertObjectToDbFormat(void** ppBlob, const void* oObject)
     if (!ppBlob)
         return FALSE;
     *ppBlob = nullptr;
-    ObjData record;
-    if (!DbEncodeObject(&record, oObject))
+    if (!oObject)
         return FALSE;
-
-    // From here on what fails is memory. The BLOB takes the bytes over, and frees them with itself.
-    void* oBlob = nullptr;
-    if (!ObjTemplateCreateInstanceFromPool(&oBlob, BlobTemplate(), Pool())) {
-        TraceNoMemory(sizeof(DbBlob));
+    const ObjDbData* pDbData = StorableDbData(oObject);
+    ObjData record;
+    if (!pDbData || !EncodeObject(&record, pDbData, oObject))
+        return FALSE;
+    DbBlob* pBlob = DbNewBlob(ObjGetMagic(oObject), pDbData->format);
+    if (!pBlob) {
         MemFreeInternal(&record.data);
         return FALSE;
     }
-    DbBlob* pBlob = static_cast<DbBlob*>(oBlob);
-    pBlob->magic = ObjGetMagic(oObject);
-    pBlob->data = record;
-    pBlob->format = StrDuplicateIntoPool(ObjGetDbData(oObject)->format, Pool());
-    if (!pBlob->format) {
-        TraceNoMemory(StrSize(ObjGetDbData(oObject)->format));
-        ObjReleaseInternal(&oBlob);
-        return FALSE;
-    }
-    *ppBlob = oBlob;
+    pBlob->data = record; // the BLOB takes the bytes over, and frees them with itself
+    *ppBlob = pBlob;
     return TRUE;
 }
 
@@ -637,15 +628,8 @@ NimBool DbConvertObjectFromDbFormat(void** ppObject, const void* oBlob)
         DBLIB_TRACE(TraceLevel::ALWAYS, "Invalid BLOB at '%p'", oBlob);
         return FALSE;
     }
-    const DbBlob* pBlob = static_cast<const DbBlob*>(oBlob);
-    DBLIB_TRACE(
-        TraceLevel::DETAIL, "Magic %ld format %s", static_cast<int32_t>(pBlob->magic),
-        pBlob->format);
-    void* oObject = nullptr;
-    if (ObjCreateInternal(
-            &oObject, OBJ_SIZE_COMPUTED, pBlob->magic, pBlob->format, nullptr, Pool()) != TRUE)
-        return FALSE;
-    return DecodeObject(ppObject, oObject, &pBlob->data);
+    const auto* pBlob = static_cast<const DbBlob*>(oBlob);
+    return DbDecodeRecord(ppObject, pBlob->magic, pBlob->format, DbBytesOf(pBlob->data));
 }
 
 NimBool
@@ -696,10 +680,10 @@ DbFormatSetUnique(ObjData* pRecord, ObjTemplate* pTemplate, int32_t lField, cons
 
 NimBool DbSetFieldBooleanInBlob(ObjData* pRecord, const void* oField, uint32_t bValue)
 {
-    if (!pRecord || !pRecord->data || ObjGetMagic(oField) != FIELD_MAGIC)
+    if (!pRecord || !pRecord->data || ObjGetMagic(oField) != INDX_FIELD_MAGIC)
         return FALSE;
-    const FieldView* pField = static_cast<const FieldView*>(oField);
-    if (pField->type != FIELD_TYPE_BOOLEAN)
+    const auto* pField = static_cast<const IndxField*>(oField);
+    if (pField->type != INDX_FIELD_BOOLEAN)
         return FALSE;
     PutU32(static_cast<uint8_t*>(pRecord->data) + pField->recordOffset, bValue);
     return TRUE;

@@ -298,7 +298,7 @@ TEST(DbRecord, BlobCarriesMagicACopyOfTheFormatAndTheBytes)
     EXPECT_EQ(static_cast<const DbBlob*>(blob.get())->data.size, 16u);
 }
 
-TEST(DbRecord, InnerFormsAgreeWithTheExportedOnesAndTakeOneAllocation)
+TEST(DbRecord, TheInnerFormAgreesWithTheExportedOneAndNeedsNoBlob)
 {
     Instance object(0xcabc000c, "i;s;d;");
     object.at<int32_t>(0) = 77;
@@ -306,37 +306,45 @@ TEST(DbRecord, InnerFormsAgreeWithTheExportedOnesAndTakeOneAllocation)
     object.setData(2, "77");
     Held blob = Encoded(object.get());
 
-    const uint32_t before = MemLiveCount();
-    ObjData record;
-    ASSERT_EQ(DbEncodeObject(&record, object.get()), 1u);
-    EXPECT_EQ(MemLiveCount(), before + 1);
-    EXPECT_EQ(DataBytes(record), RecordBytes(blob.get()));
+    const DbBlob* pBlob = static_cast<DbBlob*>(blob.get());
 
     TraceRecorder trace;
     Held back;
-    ASSERT_EQ(DbDecodeRecord(back.out(), object.pTemplate(), &record), 1u);
-    EXPECT_EQ(trace.texts(), Texts({"Size of database BLOB is 40 bytes"}));
+    ASSERT_TRUE(DbDecodeRecord(back.out(), pBlob->magic, pBlob->format, DbBytesOf(pBlob->data)));
+    EXPECT_EQ(
+        trace.texts(),
+        Texts({"Magic -893648884 format i;s;d;", "Size of database BLOB is 40 bytes"}));
     EXPECT_EQ(ObjGetMagic(back.get()), 0xcabc000cu);
     EXPECT_STREQ(Item<char*>(back.get(), 1), "seventy-seven");
-    MemFree(record.data);
 }
 
-TEST(DbRecord, NullArgumentsOfTheInnerFormsAreRefused)
+TEST(DbRecord, WithoutAFormatOrBytesTheInnerFormMakesNothing)
 {
-    Instance object(0xcabc0007, "i;");
-    ObjData record = {5, 5, &record};
-    EXPECT_EQ(DbEncodeObject(nullptr, object.get()), 0u);
-    EXPECT_EQ(DbEncodeObject(&record, nullptr), 0u);
-    EXPECT_EQ(record.size, 0u);
-    EXPECT_EQ(record.data, nullptr);
+    const uint8_t bytes[16] = {};
+    TraceRecorder trace;
+    void* out = &trace;
+    EXPECT_FALSE(DbDecodeRecord(&out, 0xcabc0007, nullptr, bytes));
+    EXPECT_EQ(out, nullptr);
+    out = &trace;
+    EXPECT_FALSE(DbDecodeRecord(&out, 0xcabc0007, "i;", {}));
+    EXPECT_EQ(out, nullptr);
+}
 
-    void* out = &record;
-    EXPECT_EQ(DbDecodeRecord(nullptr, object.pTemplate(), &record), 0u);
-    EXPECT_EQ(DbDecodeRecord(&out, object.pTemplate(), nullptr), 0u);
-    EXPECT_EQ(out, nullptr);
-    out = &record;
-    EXPECT_EQ(DbDecodeRecord(&out, nullptr, &record), 0u);
-    EXPECT_EQ(out, nullptr);
+// A host that registers its template after a table was opened finds nothing in its place.
+TEST(DbRecord, AskingForALayoutRegistersNothingForObjects)
+{
+    const ObjDbData* pLayout = DbRecordLayout("i;s;q;");
+    ASSERT_NE(pLayout, nullptr);
+    EXPECT_EQ(DbRecordLayout("i;s;q;"), pLayout);
+    Instance object(0xcabc0052, "i;s;q;");
+    const ObjDbData* pData = ObjGetDbData(object.get());
+    EXPECT_NE(pData, pLayout);
+    EXPECT_EQ(pLayout->fixedSize, pData->fixedSize);
+    ASSERT_EQ(pLayout->fieldCount, 3);
+    for (int32_t i = 0; i < 3; ++i)
+        EXPECT_EQ(std::memcmp(&pLayout->fields[i], &pData->fields[i], sizeof(ObjDbField)), 0);
+    EXPECT_EQ(DbRecordLayout("i;;"), nullptr);
+    EXPECT_EQ(DbRecordLayout(nullptr), nullptr);
 }
 
 // ---- messages and failures of the encoder -----------------------------------------------------
@@ -601,14 +609,15 @@ class DbFormat : public testing::Test {
         object_.at<int32_t>(1) = -5;
         object_.at<int64_t>(2) = INT64_MIN + 7;
         std::memset(&object_.at<UniqueId>(3), 'x', 32);
-        ASSERT_EQ(DbEncodeObject(&record_, object_.get()), 1u);
+        ASSERT_EQ(DbConvertObjectToDbFormat(blob_.out(), object_.get()), 1u);
+        record_ = static_cast<DbBlob*>(blob_.get())->data;
     }
-    ~DbFormat() override { MemFree(record_.data); }
     ObjTemplate* tmpl() { return object_.pTemplate(); }
     std::string bytes() { return DataBytes(record_); }
 
     Instance object_;
-    ObjData record_ = {};
+    Held blob_;
+    ObjData record_ = {}; // the BLOB's
 };
 
 } // namespace

@@ -43,7 +43,7 @@ TEST(WrapperMessages, DeletingAndWalking)
         {"Failed to fetch object at cursor - skip record in walk", 0, -1,
          [](S& s) {
              s.MustAdd(1);
-             s.Fail(FAULT_READ, 1, 1, "Records");
+             s.Fail(FAULT_READ, 1, 0, "Records");
              EXPECT_EQ(IndxWalkTableWithRecordId(s.table_, "Id", GoOnWithId, nullptr), 1u);
          }},
     };

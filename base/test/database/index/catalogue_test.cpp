@@ -118,8 +118,7 @@ TEST_F(Catalogue, TemplatesAreMadeOnceWithTheirMagicsAndSizes)
              {before.table, 0xca8ab522, "s;p;ol;ol;s;s;i;i;i;i;d;b;b;b;o;"},
              {before.field, 0xca8ec4a2, "s;i;i;b;b;b;i;i;i;i;i;i;o;ol;"},
              {before.cursor, 0xca8c918d, "i;i;i;i;o;o;"},
-             {before.keyInfo, 0xca8c92e0, "i;i;o;i;i;"},
-             {before.blob, 0xca66cae6, "i;s;d;"}}) {
+             {before.keyInfo, 0xca8c92e0, "i;i;o;i;i;"}}) {
         ASSERT_NE(c.pTemplate, nullptr);
         EXPECT_STREQ(ObjGetDbDataFromTemplate(c.pTemplate)->format, c.format);
         void* object = nullptr;

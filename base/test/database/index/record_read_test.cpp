@@ -133,7 +133,7 @@ TEST_F(RecordRead, AHeaderThatCannotBeReadIsLoggedWith1304)
         TraceRecorder trace;
         LogRecorder log;
         if (c.fault)
-            Fail(FAULT_READ, 1, 1, "Records");
+            Fail(FAULT_READ, 1, 0, "Records");
         ObjData data = {5, 0, nullptr};
         EXPECT_EQ(IndxRetriveRecord(&data, table_, c.offset), 0u);
         FaultDisarmAll();
@@ -162,6 +162,55 @@ TEST_F(RecordRead, ADeviceThatFailsBehindARecordDoesNotLoseTheRecord)
     FaultDisarmAll();
     EXPECT_EQ(DataBytes(data), file.substr(0, length));
     MemFree(data.data);
+}
+
+// What fails is the read that takes more than the record, on account of what lies behind it: some
+// systems then say how much came before the failure, and others that nothing did.
+TEST_F(RecordRead, AFailureBehindARecordDoesNotLoseTheRecordWhereverTheReadStops)
+{
+    MustAdd(1);
+    MustAdd(2);
+    const auto length = static_cast<uint32_t>(OffsetOf(table_, 2));
+    const std::string file = ReadFileBytes(RecordsPath());
+    for (const uint32_t moved : {0u, 1u, 15u, 16u, 17u, length - 1}) {
+        const FaultRule rule = {FAULT_READ, "Records", 1, 1, FAULT_FAIL_AFTER, moved};
+        FaultArm(&rule);
+        ObjData data = {};
+        TraceRecorder trace;
+        EXPECT_EQ(IndxRetriveRecord(&data, table_, 0), 1u) << moved;
+        FaultDisarmAll();
+        EXPECT_EQ(DataBytes(data), file.substr(0, length)) << moved;
+        EXPECT_EQ(trace.countLevel(-1), 0u) << trace.dump();
+        MemFree(data.data);
+    }
+}
+
+// A read that fails inside the record is no short record, and none of what follows it is asked for
+// in its place.
+TEST_F(RecordRead, AFailureInsideARecordFailsWhereverTheReadStops)
+{
+    MustAdd(1);
+    MustAdd(2);
+    const auto length = static_cast<uint32_t>(OffsetOf(table_, 2));
+    for (const uint32_t moved : {16u, 17u, length - 1}) {
+        IndxSetError(UNTOUCHED);
+        const FaultRule first = {FAULT_READ, "Records", 1, 1, FAULT_FAIL_AFTER, moved};
+        const FaultRule rest = {FAULT_READ, "Records", 3, 1, FAULT_FAIL_AFTER, moved - 16};
+        FaultArm(&first);
+        const uint32_t restId = FaultArm(&rest);
+        ObjData data = {5, 0, nullptr};
+        TraceRecorder trace;
+        EXPECT_EQ(IndxRetriveRecord(&data, table_, 0), 0u) << moved;
+        EXPECT_EQ(FaultHits(restId), 1u) << moved;
+        FaultDisarmAll();
+        EXPECT_EQ(data.data, nullptr);
+        EXPECT_EQ(IndxError(), INDX_ERROR_READ);
+        EXPECT_TRUE(trace.has(
+            TAG, 0, -1,
+            "Failed to retrive " + std::to_string(length) +
+                " byte record at 0 from table 'People'"))
+            << trace.dump();
+    }
 }
 
 TEST_F(RecordRead, ARecordThatCannotBeReadIsLoggedWith1303AndFreesItsBuffer)

@@ -6,7 +6,6 @@
 
 #include <atomic>
 
-#include "database/dbrecord.h"
 #include "database/index.h"
 #include "database/index/ground/runtime.h"
 #include "database/index/ground/shapes.h"
@@ -40,7 +39,6 @@ bool IndxEnsureTemplates()
          "s;i;i;b;b;b;i;i;i;i;i;i;o;ol;"},
         {&gIndxTemplates.cursor, sizeof(IndxCursor), INDX_CURSOR_MAGIC, "i;i;i;i;o;o;"},
         {&gIndxTemplates.keyInfo, sizeof(IndxKeyInfo), INDX_KEY_INFO_MAGIC, "i;i;o;i;i;"},
-        {&gIndxTemplates.blob, sizeof(DbBlob), DB_BLOB_MAGIC, "i;s;d;"},
     };
     for (const Wanted& w : wanted) {
         if (!ObjTemplateCreateInternal(w.ppTemplate, w.size, w.magic, w.format, nullptr))

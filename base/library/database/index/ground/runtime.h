@@ -25,7 +25,6 @@ struct IndxTemplates {
     ObjTemplate* field;
     ObjTemplate* cursor;
     ObjTemplate* keyInfo;
-    ObjTemplate* blob;
 };
 // Creates the templates on first use. False when there is no memory for them.
 bool IndxEnsureTemplates();

@@ -6,7 +6,7 @@
 // by there being a selection at all: every variable field is read whatever its flag. Kept: hosts
 // ask for a field and use others.
 
-#include "database/dbrecord.h"
+#include "database/dbrecord_internal.h"
 #include "database/index/rows/rows.h"
 #include "database/index/schema/schema.h"
 #include "database/logids.h"
@@ -225,7 +225,7 @@ IndxGetPartialRecord(void** ppRecord, void* oTable, uint32_t offset, const uint3
         IndxSetError(INDX_ERROR_ARGUMENT);
         return FALSE;
     }
-    HeldObject<DbBlob> blob(IndxNewBlob(pTable));
+    HeldObject<DbBlob> blob(DbNewBlob(pTable->recordMagic, pTable->format));
     if (!blob || !IndxRetrivePartialRecord(&blob->data, pTable, offset, pSelected))
         return FALSE;
     *ppRecord = blob.Take();

@@ -7,8 +7,7 @@
 // were written stay. Its offsets are signed 32-bit numbers, so it ends at 2 GiB; an add that would
 // pass that end fails before any key is entered.
 
-#include <algorithm>
-#include <cassert>
+#include <span>
 
 #include "database/block.h"
 #include "database/dbrecord.h"
@@ -229,6 +228,12 @@ NimBool IndxAddObjectToTable(uint32_t* pId, void* oTable, void* oObject)
 
 namespace {
 
+// A record is being read, into a data block of the caller's or straight into an object.
+void TraceRetrieval(const void* pTarget, const void* oTable, uint32_t offset)
+{
+    INDX_TRACE(INDX_DETAIL, "IndxRetriveRecord(%p, %p, %ld)", pTarget, oTable, offset);
+}
+
 void ReportSeek(const IndxTable* pTable, uint32_t offset)
 {
     INDX_TRACE(INDX_ALWAYS, "Failed to seek to record at %ld in table '%s'", offset, pTable->name);
@@ -282,80 +287,89 @@ class RecordBytes {
     RecordBytes(const RecordBytes&) = delete;
     RecordBytes& operator=(const RecordBytes&) = delete;
 
-    // FALSE with error and messages when the record cannot be had.
-    NimBool Read(IndxTable* pTable, uint32_t offset);
-    // Valid as long as the object, and not to be changed.
-    const ObjData* data() const { return &data_; }
+    // False with error and messages when the record cannot be had.
+    [[nodiscard]] bool Read(const IndxTable* pTable, uint32_t offset);
+    // Valid as long as the object.
+    std::span<const uint8_t> bytes() const { return {rest_ ? rest_.get() : first_, length_}; }
     // The bytes in memory of the caller's; null: no memory.
     uint8_t* TakeBytes()
     {
         uint8_t* pBytes = rest_.Take();
         if (!pBytes) {
-            pBytes = static_cast<uint8_t*>(MemAllocateUncleared(data_.size, IndxPool()));
-            MemCopy(pBytes, first_, data_.size);
+            pBytes = static_cast<uint8_t*>(MemAllocateUncleared(length_, IndxPool()));
+            MemCopy(pBytes, first_, length_);
         }
         return pBytes;
     }
 
   private:
-    bool ReadRest(const IndxTable* pTable, uint32_t offset, uint32_t first, uint32_t length);
+    uint32_t ReadFirst(const IndxTable* pTable, uint32_t offset);
+    bool ReadRest(const IndxTable* pTable, uint32_t offset, uint32_t first);
 
-    ObjData data_ = {};
+    uint32_t length_ = 0;
     HeldMemory<uint8_t> rest_; // the whole record, where it is longer than the first read
     uint8_t first_[FIRST_READ];
 };
 
+// The start of the record, its header at least, from the file's position on; how many bytes are at
+// hand, less than a header when they cannot be read. One read fetches most records whole. It may
+// fail on account of what lies behind the record: unless it brought the record before that, the
+// header is read again, alone.
+uint32_t RecordBytes::ReadFirst(const IndxTable* pTable, uint32_t offset)
+{
+    uint32_t count = 0;
+    if (FileSysRead(&count, pTable->hRecords, first_, FIRST_READ) ||
+        (count >= INDX_RECORD_HEADER && GetU32(first_ + INDX_RECORD_LENGTH) <= count))
+        return count;
+    const bool bRead = FileSysSeek(pTable->hRecords, static_cast<int32_t>(offset)) == 1 &&
+                       FileSysRead(&count, pTable->hRecords, first_, INDX_RECORD_HEADER);
+    return bRead ? count : 0;
+}
+
 // The rest of a record of which the first bytes are at hand, from the file's position on. False
 // when the record claims more than the file holds, cannot be read, or there is no memory.
-bool RecordBytes::ReadRest(
-    const IndxTable* pTable, uint32_t offset, uint32_t first, uint32_t length)
+bool RecordBytes::ReadRest(const IndxTable* pTable, uint32_t offset, uint32_t first)
 {
-    if (!IndxRecordInFile(pTable, offset, length, static_cast<int64_t>(offset) + first))
+    if (!IndxRecordInFile(pTable, offset, length_, static_cast<int64_t>(offset) + first))
         return false;
-    rest_.Set(static_cast<uint8_t*>(MemAllocateUncleared(length, IndxPool())));
+    rest_.Set(static_cast<uint8_t*>(MemAllocateUncleared(length_, IndxPool())));
     if (!rest_)
         return false;
     MemCopy(rest_.get(), first_, first);
     uint32_t count = 0;
-    return FileSysRead(&count, pTable->hRecords, rest_.get() + first, length - first) &&
-           count == length - first;
+    return FileSysRead(&count, pTable->hRecords, rest_.get() + first, length_ - first) &&
+           count == length_ - first;
 }
 
-NimBool RecordBytes::Read(IndxTable* pTable, uint32_t offset)
+bool RecordBytes::Read(const IndxTable* pTable, uint32_t offset)
 {
     if (FileSysSeek(pTable->hRecords, static_cast<int32_t>(offset)) != 1) {
         ReportSeek(pTable, offset);
-        return FALSE;
+        return false;
     }
-    // Header and, for most records, everything else in one read. Where the device fails behind the
-    // header, what came before counts: the failure may lie in the next record.
-    uint32_t count = 0;
-    FileSysRead(&count, pTable->hRecords, first_, FIRST_READ);
-    if (count < INDX_RECORD_HEADER) {
+    const uint32_t first = ReadFirst(pTable, offset);
+    if (first < INDX_RECORD_HEADER) {
         ReportHeader(pTable, offset);
-        return FALSE;
+        return false;
     }
-    const uint32_t length = GetU32(first_ + INDX_RECORD_LENGTH);
-    if (length < INDX_RECORD_HEADER ||
-        (length > count && !ReadRest(pTable, offset, count, length))) {
-        ReportRecord(pTable, length, offset);
-        return FALSE;
+    length_ = GetU32(first_ + INDX_RECORD_LENGTH);
+    if (length_ < INDX_RECORD_HEADER || (length_ > first && !ReadRest(pTable, offset, first))) {
+        ReportRecord(pTable, length_, offset);
+        return false;
     }
-    data_.size = length;
-    data_.data = rest_ ? rest_.get() : first_;
-    return TRUE;
+    return true;
 }
 
 } // namespace
 
 NimBool IndxRetriveRecord(void* pData, void* oTable, uint32_t offset)
 {
-    INDX_TRACE(INDX_DETAIL, "IndxRetriveRecord(%p, %p, %ld)", pData, oTable, offset);
-    IndxTable* pTable = IndxAsTable(oTable);
+    TraceRetrieval(pData, oTable, offset);
+    const IndxTable* pTable = IndxAsTable(oTable);
     RecordBytes record;
     if (!pTable || !pData || !record.Read(pTable, offset))
         return FALSE;
-    const uint32_t size = record.data()->size;
+    const auto size = static_cast<uint32_t>(record.bytes().size());
     uint8_t* pBytes = record.TakeBytes();
     if (!pBytes) {
         ReportRecord(pTable, size, offset);
@@ -365,17 +379,6 @@ NimBool IndxRetriveRecord(void* pData, void* oTable, uint32_t offset)
     pRecord->size = size;
     pRecord->data = pBytes;
     return TRUE;
-}
-
-DbBlob* IndxNewBlob(const IndxTable* pTable)
-{
-    HeldObject<DbBlob> blob;
-    if (!IndxEnsureTemplates() ||
-        !ObjTemplateCreateInstanceFromPool(blob.OutVoid(), gIndxTemplates.blob, IndxPool()))
-        return nullptr;
-    blob->magic = pTable->recordMagic;
-    blob->format = StrDuplicateIntoPool(pTable->format, IndxPool());
-    return blob->format ? blob.Take() : nullptr;
 }
 
 namespace {
@@ -395,7 +398,7 @@ NimBool IndxGetRecord(void** ppRecord, void* oTable, uint32_t offset)
         return FALSE;
     *ppRecord = nullptr;
     IndxTable* pTable = IndxAsTable(oTable);
-    HeldObject<DbBlob> blob(pTable ? IndxNewBlob(pTable) : nullptr);
+    HeldObject<DbBlob> blob(pTable ? DbNewBlob(pTable->recordMagic, pTable->format) : nullptr);
     if (!blob || !IndxRetriveRecord(&blob->data, pTable, offset))
         return FALSE;
     *ppRecord = blob.Take();
@@ -417,13 +420,14 @@ namespace {
 
 // A record belongs to its key when it carries the key's id; an index that points elsewhere is
 // corrupt. False also for a record too short to carry an id.
-bool BelongsToKey(const IndxTable* pTable, const IndxKeyInfo* pKey, const ObjData* pRecord)
+bool BelongsToKey(const IndxTable* pTable, const IndxKeyInfo* pKey, std::span<const uint8_t> record)
 {
-    if (!BytesInside(pTable->idOffset, 4, pRecord->size)) {
-        ReportRecord(pTable, pRecord->size, pKey->fileOffset);
+    const auto size = static_cast<uint32_t>(record.size());
+    if (!BytesInside(pTable->idOffset, 4, size)) {
+        ReportRecord(pTable, size, pKey->fileOffset);
         return false;
     }
-    const uint32_t id = GetU32(static_cast<const uint8_t*>(pRecord->data) + pTable->idOffset);
+    const uint32_t id = GetU32(record.data() + pTable->idOffset);
     if (id == pKey->recordId)
         return true;
     INDX_TRACE(
@@ -431,31 +435,6 @@ bool BelongsToKey(const IndxTable* pTable, const IndxKeyInfo* pKey, const ObjDat
         pTable->name, pKey->recordId, pKey->fileOffset, id);
     ProcCrash(0);
     return false;
-}
-
-} // namespace
-
-namespace {
-
-// The object of a record as the trace tells of it: by way of a database BLOB.
-NimBool ConvertRecord(void** ppObject, IndxTable* pTable, const IndxKeyInfo* pKey)
-{
-    HeldObject<DbBlob> blob(IndxNewBlob(pTable));
-    if (!blob || !IndxRetriveRecord(&blob->data, pTable, pKey->fileOffset) ||
-        !BelongsToKey(pTable, pKey, &blob->data))
-        return FALSE;
-    return DbConvertObjectFromDbFormat(ppObject, blob.get());
-}
-
-// The same straight from the bytes that were read.
-NimBool DecodeRecord(void** ppObject, IndxTable* pTable, const IndxKeyInfo* pKey)
-{
-    RecordBytes record;
-    ObjTemplate* pTemplate = nullptr;
-    return record.Read(pTable, pKey->fileOffset) && BelongsToKey(pTable, pKey, record.data()) &&
-           ObjTemplateCreateInternal(
-               &pTemplate, OBJ_SIZE_COMPUTED, pTable->recordMagic, pTable->format, nullptr) &&
-           DbDecodeRecord(ppObject, pTemplate, record.data());
 }
 
 } // namespace
@@ -468,7 +447,11 @@ NimBool IndxGetObjectAtCursor(void** ppObject, void* oCursor)
     const IndxCursor* pCursor = IndxAsCursor(oCursor);
     if (!IsOnRecord(pCursor))
         return FALSE;
-    IndxTable* pTable = pCursor->oField->oTable;
-    return NIM_TRACES(INDX_DETAIL) ? ConvertRecord(ppObject, pTable, pCursor->oKey)
-                                   : DecodeRecord(ppObject, pTable, pCursor->oKey);
+    const IndxTable* pTable = pCursor->oField->oTable;
+    const IndxKeyInfo* pKey = pCursor->oKey;
+    // Straight from the bytes that were read: a find makes no BLOB around them and copies nothing.
+    RecordBytes record;
+    TraceRetrieval(&record, pTable, pKey->fileOffset);
+    return record.Read(pTable, pKey->fileOffset) && BelongsToKey(pTable, pKey, record.bytes()) &&
+           DbDecodeRecord(ppObject, pTable->recordMagic, pTable->format, record.bytes());
 }

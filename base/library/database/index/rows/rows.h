@@ -9,8 +9,6 @@
 
 // ---- record ----
 NimBool IndxAddRecordInternal(uint32_t id, void* oTable, void* pData, NimBool bCreateFile);
-// An empty database BLOB of the table's record type; null: no memory.
-DbBlob* IndxNewBlob(const IndxTable* pTable);
 // Whether these are the bytes of a record of this table: its fixed part at least, with the id in
 // it. What the slots say is checked by whoever follows them.
 bool IndxIsRecordOf(const IndxTable* pTable, const ObjData* pData);

@@ -8,6 +8,7 @@
 #include <cassert>
 
 #include "database/block.h"
+#include "database/dbrecord_internal.h"
 #include "database/index/schema/schema.h"
 #include "nim/scope.h"
 
@@ -341,10 +342,7 @@ IndxCreateTable(IndxTable* pTable, uint32_t recordMagic, const char* format, con
     INDX_TRACE(INDX_DETAIL, "IndxCreateTable()");
     if (!HasTexts(format, fields))
         return FALSE;
-    ObjTemplate* pTemplate = nullptr;
-    if (!ObjTemplateCreateInternal(&pTemplate, OBJ_SIZE_COMPUTED, recordMagic, format, nullptr))
-        return FALSE;
-    const ObjDbData* pData = ObjGetDbDataFromTemplate(pTemplate);
+    const ObjDbData* pData = DbRecordLayout(format);
     if (!pData || !PrepareTable(pTable, format, fields, pData))
         return FALSE;
     INDX_TRACE(INDX_DETAIL, "Format '%s'", pTable->format);

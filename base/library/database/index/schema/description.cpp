@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "database/block/blockstore.h"
+#include "database/dbrecord_internal.h"
 #include "database/index/schema/schema.h"
 #include "nim/scope.h"
 
@@ -192,12 +193,10 @@ bool FitsItem(const IndxTable* pTable, const IndxField* pField, const ObjDbField
 // kind, so a field that agrees with its item can be read and keyed.
 const char* TemplateFault(const IndxTable* pTable)
 {
-    ObjTemplate* pTemplate = nullptr;
-    if (!ObjTemplateCreateInternal(
-            &pTemplate, OBJ_SIZE_COMPUTED, pTable->recordMagic, pTable->format, nullptr))
+    const ObjDbData* pData = DbRecordLayout(pTable->format);
+    if (!pData)
         return "the format cannot be used";
-    const ObjDbData* pData = ObjGetDbDataFromTemplate(pTemplate);
-    if (!pData || static_cast<uint32_t>(pData->fieldCount) != ListGetCount(pTable->oFields) ||
+    if (static_cast<uint32_t>(pData->fieldCount) != ListGetCount(pTable->oFields) ||
         pData->fixedSize != pTable->fixedSize)
         return "the format makes another record";
     for (int32_t i = 0; i < pData->fieldCount; ++i) {
