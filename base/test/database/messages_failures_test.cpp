@@ -183,6 +183,15 @@ TEST(FailureMessages, OfTrees)
              IndxGetNode(&pNode, s.tree->cursor(), 0);
              EXPECT_EQ(pNode, nullptr);
          }},
+        {"Key object of type %lx for field '%s' of table '%s', which wants %lx",
+         With(OBJ_MAGIC_STRING, "F0", "Fixture", OBJ_MAGIC_INTEGER), 1, -1,
+         [](S& s) {
+             const Held text(ObjStringNew("1"));
+             EXPECT_EQ(IndxFindKey(s.Integers({1}).cursor(), 0, text.get()), 12);
+         }},
+        {"Key object of type %lx for field '%s' of table '%s', which wants %lx",
+         With(0, "F0", "Fixture", OBJ_MAGIC_STRING), 1, -1,
+         [](S& s) { EXPECT_EQ(IndxFindKey(s.Texts({"a"}).cursor(), 0, nullptr), 12); }},
         {"Text of %ld bytes at %ld passes the end of a record of %ld bytes", 0, -1,
          [](S& s) {
              IndexFixture& t = s.Texts({});

@@ -12,7 +12,7 @@
 //   12            4       leaf flag: 1 leaf, 0 branch
 //   16            4       heap flag: 1 when the values lie in the heap
 //   20            4       entry count, signed
-//   24            8       in memory the address of the node's end; means nothing on disk
+//   24            8       means nothing: once the address of the node's end; left as it is
 //   32            24 x n  the entries, in key order
 //   ...                   free space
 //   16384 - used  used    the heap: entry 0's value ends at the node's end, each later entry's

@@ -1,4 +1,4 @@
-// templates.cpp: the process-wide state of the index module: the object templates of the table
+// runtime.cpp: the process-wide state of the index module: the object templates of the table
 // layer, the default pool and the last error. Set on first use; the templates are never released.
 //
 // The field template is made larger than its format asks for: behind its items lie the committed

@@ -78,54 +78,72 @@ bool IndxFind(IndxCursor* pCursor, const IndxKeyInfo* pKey, bool* pDamaged)
 
 namespace {
 
-// The value of a text search key, its NUL included as in the heap. FALSE with the result code set.
-NimBool BorrowText(IndxKeyInfo* pKey, IndxCursor* pCursor, void* oKeyObject)
+// The value of a text search key, its NUL included as in the heap. False with the result code set.
+bool BorrowText(IndxKeyInfo* pKey, IndxCursor* pCursor, void* oKeyObject)
 {
-    if (ObjGetMagic(oKeyObject) != OBJ_MAGIC_STRING)
-        return FALSE;
     const char* text = ObjGetString(oKeyObject);
     if (StrIsEmpty(text)) {
         pCursor->result = INDX_RESULT_EMPTY_KEY;
-        return FALSE;
+        return false;
     }
     const uint32_t size = StrSize(text);
     if (size > pCursor->oField->maximumKey) {
         pCursor->result = INDX_RESULT_LONG_KEY;
-        return FALSE;
+        return false;
     }
     pKey->pBorrowed = text;
     pKey->borrowedSize = size;
-    return TRUE;
+    return true;
 }
 
-// The value of a search key, from the host's key object, which keeps it. FALSE with the result code
-// set.
-NimBool BorrowFromKeyObject(IndxKeyInfo* pKey, IndxCursor* pCursor, void* oKeyObject)
+// The type of the key objects of an index, 0 where there are none.
+uint32_t KeyObjectMagic(int32_t keyType)
 {
-    const uint32_t magic = ObjGetMagic(oKeyObject);
-    switch (pCursor->oField->keyType) {
-    case INDX_KEY_RECORD_ID:
-        return TRUE;
+    switch (keyType) {
     case INDX_KEY_INTEGER:
-    case INDX_KEY_INT64: {
-        const bool bInteger = pCursor->oField->keyType == INDX_KEY_INTEGER;
-        if (magic != (bInteger ? OBJ_MAGIC_INTEGER : OBJ_MAGIC_INT64))
-            return FALSE;
-        pKey->oValue = oKeyObject;
-        return TRUE;
+        return OBJ_MAGIC_INTEGER;
+    case INDX_KEY_INT64:
+        return OBJ_MAGIC_INT64;
+    case INDX_KEY_TEXT:
+    case INDX_KEY_TEXT_NO_CASE:
+        return OBJ_MAGIC_STRING;
+    case INDX_KEY_UNIQUE_ID:
+        return OBJ_MAGIC_UNIQUE;
+    default:
+        return 0;
     }
+}
+
+// The value of a search key, from the host's key object, which keeps it. False with the result code
+// set.
+bool BorrowFromKeyObject(IndxKeyInfo* pKey, IndxCursor* pCursor, void* oKeyObject)
+{
+    const IndxField* pField = pCursor->oField;
+    if (pField->keyType == INDX_KEY_RECORD_ID)
+        return true;
+    const uint32_t wanted = KeyObjectMagic(pField->keyType);
+    if (wanted == 0) {
+        pCursor->result = INDX_RESULT_KEY_TYPE;
+        return false;
+    }
+    if (ObjGetMagic(oKeyObject) != wanted) {
+        INDX_TRACE_ERROR(
+            INDX_ALWAYS, "Key object of type %lx for field '%s' of table '%s', which wants %lx",
+            ObjGetMagic(oKeyObject), pField->name, pField->oTable ? pField->oTable->name : nullptr,
+            wanted);
+        return false;
+    }
+    switch (pField->keyType) {
     case INDX_KEY_TEXT:
     case INDX_KEY_TEXT_NO_CASE:
         return BorrowText(pKey, pCursor, oKeyObject);
     case INDX_KEY_UNIQUE_ID:
-        if (magic != OBJ_MAGIC_UNIQUE)
-            return FALSE;
         pKey->pBorrowed = ObjGetUnique(oKeyObject);
         pKey->borrowedSize = INDX_UNIQUE_ID_SIZE;
-        return TRUE;
+        return true;
     default:
-        pCursor->result = INDX_RESULT_KEY_TYPE;
-        return FALSE;
+        pKey->oValue = oKeyObject;
+        return true;
     }
 }
 

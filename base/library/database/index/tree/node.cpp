@@ -10,6 +10,7 @@
 
 #include "database/index/tree/node.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstring>
 
@@ -182,10 +183,11 @@ uint8_t* IndxNodeToChange(IndxCursor* pCursor, uint32_t tId, const uint8_t* pNod
     const uint32_t entries = static_cast<uint32_t>(NodeCount(pNode)) + MORE;
     uint32_t front = INDX_NODE_HEADER + INDX_ENTRY_SIZE * entries;
     uint32_t back = HeapUsed(pNode);
-    if (front + back + WORTH_IT > INDX_NODE_SIZE) {
+    if (back > 0 && front + back + WORTH_IT > INDX_NODE_SIZE) {
         front = INDX_NODE_SIZE;
         back = 0;
     }
+    front = std::min(front, INDX_NODE_SIZE);
     return BlckBringIn(BlckOf(pCursor), static_cast<int32_t>(tId), pNode, front, back);
 }
 

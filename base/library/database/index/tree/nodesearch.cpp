@@ -73,11 +73,13 @@ uint64_t Ordered(const uint8_t* pBytes)
 // starts in a node with this last position.
 
 struct NoComparison {
+    static constexpr bool TOTAL = false;
     static constexpr bool INTERPOLATES = false;
     bool operator()(int32_t*, const uint8_t*) const { return true; }
 };
 
 struct CompareId {
+    static constexpr bool TOTAL = false;
     static constexpr bool INTERPOLATES = false;
     uint32_t id;
     bool operator()(int32_t* pResult, const uint8_t* pEntry) const
@@ -88,6 +90,7 @@ struct CompareId {
 };
 
 struct CompareInteger {
+    static constexpr bool TOTAL = false;
     static constexpr bool INTERPOLATES = false;
     uint32_t value;
     bool operator()(int32_t* pResult, const uint8_t* pEntry) const
@@ -98,6 +101,7 @@ struct CompareInteger {
 };
 
 struct CompareInt64 {
+    static constexpr bool TOTAL = true;
     static constexpr bool INTERPOLATES = true;
     int64_t value;
     int32_t First(const uint8_t* pNode, int32_t last) const
@@ -118,6 +122,7 @@ struct CompareInt64 {
 enum class HeapOrder { Text, TextNoCase, UniqueId };
 template <HeapOrder order>
 struct CompareHeap {
+    static constexpr bool TOTAL = true;
     static constexpr bool INTERPOLATES = order == HeapOrder::UniqueId;
     const char* pValue;
     uint32_t size;
@@ -288,7 +293,7 @@ Interpolate(const Entries& entries, const IndxKeyInfo* pKey, bool bUnique, const
     return {lower, lResult};
 }
 
-// A search through the entries of a node, or of a node without one.
+// A search through the entries of a node.
 struct Search {
     const Entries& entries;
     const IndxKeyInfo* pKey;
@@ -299,7 +304,7 @@ struct Search {
     {
         constexpr int32_t FEW = 16; // not worth a guess
         if constexpr (Compare::INTERPOLATES) {
-            if (entries.count > FEW && entries.without == INT32_MAX)
+            if (entries.count > FEW)
                 return Interpolate(entries, pKey, bUnique, compare);
         }
         return Halve(entries, pKey, bUnique, compare);
@@ -356,11 +361,35 @@ bool IndxSearchNode(
     return outcome.lResult == 0;
 }
 
+namespace {
+
+// Whether an entry that is taken out comes back to its position. In a total order it does, unless
+// others of equal value lie beside it, among which the record ids decide; else the search among the
+// others shows it.
+struct Returns {
+    const uint8_t* pLeaf;
+    int32_t position;
+    const IndxKeyInfo* pKey;
+    bool bUnique;
+
+    template <class Compare>
+    Outcome operator()(const Compare& compare) const
+    {
+        if constexpr (Compare::TOTAL) {
+            if (bUnique || !HasEqualNeighbour(AllOf(pLeaf), position, compare))
+                return {position, 1};
+        }
+        const Entries others = {pLeaf, NodeCount(pLeaf) - 1, position};
+        return Halve(others, pKey, bUnique, compare);
+    }
+};
+
+} // namespace
+
 bool IndxReturnsToPosition(
     const IndxCursor* pCursor, const uint8_t* pLeaf, int32_t position, const IndxKeyInfo* pKey)
 {
-    const Entries others = {pLeaf, NodeCount(pLeaf) - 1, position};
-    const Search search = {others, pKey, pCursor->oField->bUnique != 0};
-    const Outcome outcome = WithComparison(pCursor->oField->keyType, pLeaf, pKey, search);
+    const Returns returns = {pLeaf, position, pKey, pCursor->oField->bUnique != 0};
+    const Outcome outcome = WithComparison(pCursor->oField->keyType, pLeaf, pKey, returns);
     return outcome.lResult != 0 && outcome.index == position;
 }
