@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "database/indexwrappers.h"
 #include "message_book.h"
 #include "people_scene.h"
 #include "support/armed_fault.h"
@@ -314,50 +315,76 @@ TEST(RecordMessages, PartialReads)
 TEST(RecordMessages, ModifyingRecords)
 {
     ReadBook<S>(
-        INDX, {
-                  {"Old Id %ld does not match new Id %ld", 0, -1,
-                   [](S& s) {
-                       s.MustAdd(1);
-                       Person person = MakePerson(1);
-                       person.id = 5;
-                       EXPECT_EQ(IndxModifyRecordInTable(s.table_, 0, s.BlobOf(person).get()), 0u);
-                       return std::string("Old Id 1 does not match new Id 5");
-                   }},
-                  {"Error failed to seek to write position", 0, -1,
-                   [](S& s) { // the only record stays in place; the first seek is that of the read
-                       s.MustAdd(1);
-                       s.Fail(FAULT_SEEK, 2, 1, "Records");
-                       EXPECT_EQ(s.Modify(7), 0u);
-                   }},
-                  {"Error failed to seek to end of file", 0, -1,
-                   [](S& s) {
-                       s.MustAdd(1);
-                       s.MustAdd(2);
-                       s.Fail(FAULT_SEEKEND, 1, 1, "Records");
-                       EXPECT_EQ(s.Modify(7), 0u);
-                   }},
-                  {"Error failed to delete old key", 0, -1,
-                   [](S& s) { // what lies at offset 0 is no longer the record
-                       const S::Cursor cursor(s.table_, "Id");
-                       s.LeaveBehind(cursor);
-                       EXPECT_EQ(s.Modify(8), 0u);
-                   }},
-                  {"Error failed to insert new key", 0, -1,
-                   [](S& s) {
-                       s.MustAdd(1);
-                       s.MustAdd(2);
-                       Person person = MakePerson(2);
-                       person.id = 1;
-                       EXPECT_EQ(IndxModifyRecordInTable(s.table_, 0, s.BlobOf(person).get()), 0u);
-                   }},
-                  {"Error writing out modified record", 0, -1,
-                   [](S& s) {
-                       s.MustAdd(1);
-                       const FaultRule rule = {FAULT_WRITE, "Records", 1, 1, FAULT_FAIL_FULL, 0};
-                       FaultArm(&rule);
-                       EXPECT_EQ(s.Modify(7), 0u);
-                   }},
-              });
+        INDX,
+        {
+            {"No record %ld in table '%s' to modify", 0, -1,
+             [](S& s) {
+                 Person person = MakePerson(1);
+                 person.id = 5;
+                 EXPECT_EQ(IndxModifyObject(s.table_, s.ObjectOf(person).get()), 0u);
+                 return std::string("No record 5 in table 'People' to modify");
+             }},
+            {"Failed to modify record %ld at %ld in table '%s'", 0, -1,
+             [](S& s) { // a cursor whose record has been deleted
+                 s.MustAdd(1);
+                 const S::Cursor cursor(s.table_, "Id");
+                 EXPECT_EQ(IndxFindKey(cursor.get(), 1, nullptr), 6);
+                 EXPECT_EQ(IndxDeleteObjectFromTable(s.table_, "Id", 1, nullptr), 1u);
+                 Person person = MakePerson(1);
+                 person.id = 1;
+                 EXPECT_EQ(IndxModifyObjectAtCursor(cursor.get(), s.ObjectOf(person).get()), 0u);
+                 return std::string("Failed to modify record 1 at 0 in table 'People'");
+             }},
+            {"Record of type (%s) for table '%s', which holds type (%s)", 0, -1,
+             [](S& s) {
+                 const Held record = MakeBlob(0xca333333, "i;", std::string(80, '\0'));
+                 EXPECT_EQ(IndxModifyRecordInTable(s.table_, 0, record.get()), 0u);
+                 return std::string("Record of type (magic 0xca333333) for table 'People', "
+                                    "which holds type (magic 0xca222222)");
+             }},
+            {"Old Id %ld does not match new Id %ld", 0, -1,
+             [](S& s) {
+                 s.MustAdd(1);
+                 Person person = MakePerson(1);
+                 person.id = 5;
+                 EXPECT_EQ(IndxModifyRecordInTable(s.table_, 0, s.BlobOf(person).get()), 0u);
+                 return std::string("Old Id 1 does not match new Id 5");
+             }},
+            {"Error failed to seek to write position", 0, -1,
+             [](S& s) { // the only record stays in place; the first seek is that of the read
+                 s.MustAdd(1);
+                 s.Fail(FAULT_SEEK, 2, 1, "Records");
+                 EXPECT_EQ(s.Modify(7), 0u);
+             }},
+            {"Error failed to seek to end of file", 0, -1,
+             [](S& s) {
+                 s.MustAdd(1);
+                 s.MustAdd(2);
+                 s.Fail(FAULT_SEEKEND, 1, 1, "Records");
+                 EXPECT_EQ(s.Modify(7), 0u);
+             }},
+            {"Error failed to delete old key", 0, -1,
+             [](S& s) { // what lies at offset 0 is no longer the record
+                 const S::Cursor cursor(s.table_, "Id");
+                 s.LeaveBehind(cursor);
+                 EXPECT_EQ(s.Modify(8), 0u);
+             }},
+            {"Error failed to insert new key", 0, -1,
+             [](S& s) {
+                 s.MustAdd(1);
+                 s.MustAdd(2);
+                 Person person = MakePerson(2);
+                 person.id = 1;
+                 EXPECT_EQ(IndxModifyRecordInTable(s.table_, 0, s.BlobOf(person).get()), 0u);
+             }},
+            {"Error writing out modified record", 0, -1,
+             [](S& s) {
+                 s.MustAdd(1);
+                 const FaultRule rule = {FAULT_WRITE, "Records", 1, 1, FAULT_FAIL_FULL, 0};
+                 FaultArm(&rule);
+                 EXPECT_EQ(s.Modify(7), 0u);
+             }},
+        });
 }
 
 TEST(RecordMessages, DeletingRecords)
