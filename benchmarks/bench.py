@@ -2,9 +2,9 @@
 """Measures this library beside the databases that a user would pick instead, and beside what its
 input and output costs bare. ./dev bench builds what is needed and calls this.
 
-    bench.py [--quick] [--rounds N] [--sizes N,N] [--engines NAME,NAME] [--dir DIR]
+    bench.py [--quick] [--rounds N] [--sizes N,N] [--engines NAME,NAME] [--dir DIR] [--against DIR]
     bench.py --growth [--rounds N] [--sizes N,N]
-    bench.py --instructions [--update]
+    bench.py --instructions [--update | --against DIR]
 """
 
 import argparse
@@ -77,11 +77,19 @@ def arguments():
         help="where the measured files go for the time of the run: on the disk that is to be"
         " measured (%(default)s)",
     )
+    parser.add_argument(
+        "--against",
+        metavar="DIR",
+        help="another checkout of this library, or a build of one: one more engine in the same rounds,"
+        " and the ratio of new to old for all that was measured; with --instructions the counts of both",
+    )
     parser.add_argument("--build", default="build/linux-bench/benchmarks", help=argparse.SUPPRESS)
     parser.add_argument("--results", default="build/bench", help=argparse.SUPPRESS)
     options = parser.parse_args()
     if options.update and not options.instructions:
         parser.error("--update goes with --instructions")
+    if options.against and (options.growth or options.update):
+        parser.error("--against goes neither with --growth nor with --update")
     options.sizes = sorted(int(n) for n in options.sizes.split(",")) if options.sizes else None
     options.rounds = options.rounds or (1 if options.quick else 3)
     if options.rounds < 1 or any(n < 1000 for n in options.sizes or []):
@@ -144,6 +152,10 @@ def choose_engines(options, programs):
     names = [name for name in known if name not in UNASKED]
     if options.engines:
         names = options.engines.split(",")
+    if options.against:
+        known.update(programs.engines_before(options.against))
+        twins = [figures.before(name) for name in names if figures.is_ours(name)]
+        names += [name for name in twins if name in known]
     unknown = [n for n in names if n not in known]
     if unknown:
         raise Failed(f"no engine {', '.join(unknown)}; there are {', '.join(known)}")
@@ -156,7 +168,7 @@ def choose_engines(options, programs):
     if losing:
         say(f"these lose them: {', '.join(losing)}")
     if not options.engines:
-        names = [name for name in names if name in surviving]
+        names = [name for name in names if name in surviving or figures.is_before(name)]
     return {name: known[name] for name in names}, surviving
 
 
@@ -201,12 +213,14 @@ def compare(options, programs):
     walks = measure_walk(programs, max(sizes))
 
     comparisons = [figures.Comparison(samples, records, surviving) for records in sizes]
+    changes = {records: figures.change_rows(samples, records) for records in sizes}
     goals = figures.Goals(comparisons[-1], ten_tables)
     text = "\n".join(
         ["# This library beside other databases and beside bare input and output", ""]
         + [machine_text(facts) + f"{options.rounds} rounds"]
         + ["; ".join(f"{n} {v}" for n, v in engines.items() if not figures.is_ours(n)), ""]
         + [report.comparison_text(comparison) for comparison in comparisons]
+        + [report.changes_text(rows, records) for records, rows in changes.items()]
         + [report.COMPARISON_NOTES, ""]
         + [report.goals_text(goals, comparisons[-1].records)]
         + [report.memory_text(max(sizes), *walks)]
@@ -225,6 +239,8 @@ def compare(options, programs):
             }
             for comparison in comparisons
         },
+        "against": options.against,
+        "changes": changes,
         "goals": goals.results,
         "open_ten_tables_us": ten_tables,
         "walk": dict(zip(WALKS, walks)),
@@ -306,11 +322,11 @@ def compiler(build):
     return version.stdout.splitlines()[0]
 
 
-def count_instructions(programs, results, surroundings):
+def count_instructions(programs, results, surroundings, program="nimdb_instructions"):
     """The counts of one run, in an environment that nobody's variables get into."""
     environment = {"PATH": os.environ["PATH"], "GLIBC_TUNABLES": PLAIN_PROCESSOR, **surroundings}
     texts = programs.instructions(
-        COUNTED_RECORDS, COUNTED_OPERATIONS, results / "callgrind", environment
+        COUNTED_RECORDS, COUNTED_OPERATIONS, results / "callgrind", environment, program
     )
     return dict(found for found in map(figures.counts_in_dump, texts) if found)
 
@@ -326,6 +342,8 @@ def check_instructions(options, programs):
     if difference > figures.UNREPEATABLE:
         say("that is too much: something in the work depends on more than the code")
         return 1
+    if options.against:
+        return compare_instructions(options, programs, results, counts)
     remarks = [
         "Instructions an operation, counted under callgrind; ./dev bench --instructions compares",
         "with them, and with --update writes them anew.",
@@ -340,6 +358,20 @@ def check_instructions(options, programs):
     print(report.counts_text(rows))
     if written != remarks:
         say("the baseline was counted otherwise: " + "; ".join(set(written) - set(remarks)))
+    return verdict(rows)
+
+
+def compare_instructions(options, programs, results, counts):
+    """Beside another state of this library; 1 when a count is higher now."""
+    say(f"counting those of {options.against}")
+    old = count_instructions(programs, results, {}, "nimdb_instructions_against")
+    rows = figures.compare_counts(old, counts)
+    print(report.counts_text(rows, "before"))
+    return verdict(rows)
+
+
+def verdict(rows):
+    """Says which counts grew; 1 when one did."""
     findings = [name for name, _, _, _, finding in rows if finding]
     if findings:
         say(f"grew by more than {figures.GROWN:.0%}: {', '.join(findings)}")

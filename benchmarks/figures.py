@@ -65,8 +65,32 @@ WAY_OF_ENGINE = {OURS: IN_PLACE, "nimdb-unmapped": "pread + pwrite", STORING: TH
 STORES_NOTHING = {"memory"}  # no database at all
 
 
+# Another state of this library beside this one: no peer, and no part of the goals.
+BEFORE = "before:"
+
+
 def is_ours(engine):
     return engine == OURS or engine.startswith(OURS + "-")
+
+
+def before(engine):
+    """The name of an engine of the other state of this library."""
+    return BEFORE + engine
+
+
+def without_before(engine):
+    return engine.removeprefix(BEFORE)
+
+
+def is_before(engine):
+    return engine.startswith(BEFORE)
+
+
+def renamed(text, name):
+    """What bench_peers printed, as of an engine of another name."""
+    return "".join(
+        "\t".join([name, *line.split("\t")[1:]]) for line in text.splitlines(keepends=True)
+    )
 
 
 class Samples:
@@ -103,7 +127,7 @@ class Samples:
     def engines(self, records):
         """This library's first; without the floor."""
         found = {e for e, n, _ in self.values if n == records and e != FLOOR}
-        return sorted(found, key=lambda engine: (not is_ours(engine), engine))
+        return sorted(found, key=lambda engine: (not is_ours(engine), not is_before(engine), engine))
 
     def sizes(self):
         return sorted({n for _, n, _ in self.values})
@@ -151,7 +175,7 @@ class Comparison:
             (self.time(engine, phase), engine)
             for engine in self.samples.engines(self.records)
             if (engine in self.surviving or (reads and engine not in STORES_NOTHING))
-            if not is_ours(engine) and wanted(engine)
+            if not is_ours(engine) and not is_before(engine) and wanted(engine)
             if (engine, self.records, phase) not in self.samples.cut
         ]
         times = [(time, engine) for time, engine in times if time is not None]
@@ -186,6 +210,20 @@ class Comparison:
             "floor": floor,
             "floor_ratio": ratio(ours, floor),
         }
+
+
+def change_rows(samples, records):
+    """Every line that was measured of this library and of its other state: (engine, phase, before, now,
+    now by before, least by least)."""
+    rows = []
+    for engine, size, phase in samples.values:
+        old = samples.values.get((before(engine), records, phase))
+        if size != records or not is_ours(engine) or not old:
+            continue
+        new = samples.values[(engine, records, phase)]
+        was, now = statistics.median(old), statistics.median(new)
+        rows.append((engine, phase, was, now, ratio(now, was), ratio(min(new), min(old))))
+    return rows
 
 
 # ---- goals --------------------------------------------------------------------------------------

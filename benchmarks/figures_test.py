@@ -130,6 +130,43 @@ class ComparisonTest(unittest.TestCase):
         self.assertIn("bdb (loses)", report.comparison_text(self.comparison))
 
 
+class ChangesTest(unittest.TestCase):
+    """This library beside another state of it."""
+
+    def setUp(self):
+        self.samples = samples_of(
+            ("nimdb", "insert", 6.0),
+            ("nimdb", "insert", 2.0),
+            ("nimdb", "insert", 3.0),
+            ("nimdb", "delete", 3.0),
+            ("before:nimdb", "insert", 2.0),
+            ("before:nimdb", "insert", 2.5),
+            ("before:nimdb", "insert", 1.0),
+            ("lmdb", "insert", 4.0),
+        )
+
+    def test_what_both_measured_is_compared_by_medians_and_by_the_best_rounds(self):
+        rows = figures.change_rows(self.samples, 1000)
+        self.assertEqual(rows, [("nimdb", "insert", 2.0, 3.0, 1.5, 2.0)])
+        self.assertIn("nimdb: insert", report.changes_text(rows, 1000))
+
+    def test_without_another_state_there_is_nothing_to_say(self):
+        self.assertEqual(figures.change_rows(samples_of(("nimdb", "insert", 6.0)), 1000), [])
+        self.assertEqual(report.changes_text([], 1000), "")
+
+    def test_another_state_is_no_peer(self):
+        comparison = figures.Comparison(self.samples, 1000, {"nimdb", "before:nimdb", "lmdb"})
+        self.assertEqual(comparison.fastest_peer("insert"), ("lmdb", 4.0))
+
+    def test_its_lines_come_under_the_name_that_it_has_here(self):
+        line = peer_line("nimdb", "insert", 2.0)
+        self.assertEqual(
+            figures.renamed(line + line, figures.before("nimdb")),
+            2 * ("before:" + line),
+        )
+        self.assertEqual(figures.without_before("before:nimdb"), "nimdb")
+
+
 class GrowthTest(unittest.TestCase):
     def test_cost_levels_and_bare_cost_grow_from_the_smallest_size(self):
         samples = figures.Samples()

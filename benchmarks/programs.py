@@ -6,6 +6,8 @@ import shutil
 import subprocess
 import time
 
+import figures
+
 
 class Failed(Exception):
     """A program found a wrong result, or did not come to its end."""
@@ -44,20 +46,30 @@ class Programs:
         listed, _ = self.run([self.build / "peers/bench_peers", "--list"])
         return dict(line.split("\t") for line in listed.splitlines())
 
+    def engines_before(self, directory):
+        """{name: version} of the engines of the other state of this library, in `directory`."""
+        listed, _ = self.run([self.build / "bench_peers_against", "--list"])
+        names = (line.split("\t")[0] for line in listed.splitlines())
+        return {figures.before(name): directory for name in names}
+
+    def _engine(self, name):
+        """The start of the command that runs an engine."""
+        own = figures.without_before(name)
+        program = "peers/bench_peers" if own == name else "bench_peers_against"
+        return [self.build / program, "--engine", own, "--dir", self.data / name]
+
     def engine(self, name, records, options):
+        """What it printed, under the name that it has here."""
         output, seconds = self.run(
-            [self.build / "peers/bench_peers", "--engine", name, "--dir", self.data / name]
-            + ["--n", records, "--no-batch"]
-            + options
+            self._engine(name) + ["--n", records, "--no-batch"] + options
         )
         say(f"{name}, {records:,} records: {seconds:.0f} s")
-        return output
+        return figures.renamed(output, name)
 
     def survives(self, name, records=2000):
         """Whether every finished operation is there after the death of the process."""
-        command = [self.build / "peers/bench_peers", "--engine", name, "--dir", self.data / name]
         try:
-            self.run(command + ["--n", records, "--crash", "--verify"])
+            self.run(self._engine(name) + ["--n", records, "--crash", "--verify"])
             return True
         except Failed:
             return False
@@ -77,14 +89,14 @@ class Programs:
         pairs = (line.split("\t") for line in output.splitlines())
         return {what: float(value) for what, value in pairs}
 
-    def instructions(self, records, operations, dumps, environment):
+    def instructions(self, records, operations, dumps, environment, program="nimdb_instructions"):
         """The texts of callgrind's dumps."""
         for old in dumps.parent.glob(dumps.name + "*"):
             old.unlink()
         callgrind = ["valgrind", "--tool=callgrind", "--instr-atstart=no"]
         self.run(
             callgrind
-            + [f"--callgrind-out-file={dumps}", self.build / "nimdb_instructions"]
+            + [f"--callgrind-out-file={dumps}", self.build / program]
             + [records, operations, self.data / "instructions"],
             environment,
         )

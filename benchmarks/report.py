@@ -66,6 +66,28 @@ def comparison_text(comparison):
     return "\n".join(parts)
 
 
+def changes_text(rows, records):
+    """This library beside another state of it; nothing without one."""
+    if not rows:
+        return ""
+    cells = [
+        [f"{engine}: {WORKS.get(phase, phase)}", number(was, 3), number(now, 3)]
+        + [number(change, 3), number(least, 3)]
+        for engine, phase, was, now, change, least in rows
+    ]
+    return "\n".join(
+        [
+            f"## Now and before, {records:,} records",
+            "",
+            table(["", "before", "now", "ratio", "of the least"], cells),
+            "",
+            "Medians of the rounds, and now by before: above 1 it takes more now. Of the least: the best",
+            "round by the best round, which other work on the machine disturbs least.",
+            "",
+        ]
+    )
+
+
 COMPARISON_NOTES = """\
 Medians of the rounds. Ratio: this library's time by the other's; below 1 this library is faster.
 Fastest peer: of the databases whose finished operations survive the death of the process, for finds
@@ -155,7 +177,8 @@ def cases_text(cases):
     return "\n".join(parts)
 
 
-def counts_text(rows):
+def counts_text(rows, first="baseline"):
+    """`first`: what the counts are compared with."""
     cells = []
     for name, before, now, change, finding in rows:
         said = "GREW" if finding else "fell" if change < -GROWN else ""
@@ -163,6 +186,6 @@ def counts_text(rows):
             said = "NOT IN THE BASELINE" if before is None else "NOT COUNTED"
         percent = "-" if change is None else f"{change * 100:+.1f} %"
         cells.append([name, number(before, 0), number(now, 0), percent, said])
-    return table(["instructions an operation", "baseline", "now", "change", ""], cells)
+    return table(["instructions an operation", first, "now", "change", ""], cells)
 
 

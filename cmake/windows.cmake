@@ -47,33 +47,10 @@ function(nim_add_googletest)
     add_library(GTest::gtest ALIAS gtest)
 endfunction()
 
-# nim_windows_test_program(TARGET SHARDS): one test, since starting a program under Wine takes a
-# while; its own report, results/<TARGET>.xml, tells the tests in it apart. With more than one shard
-# so many tests, each with its part of the tests in it, and results/<TARGET>_<n>.xml.
-function(nim_windows_test_program target shards)
-    foreach(shard RANGE 1 ${shards})
-        set(name ${target})
-        if(shards GREATER 1)
-            set(name ${target}_${shard})
-        endif()
-        # A relative path: one with a slash ahead of it is none to GoogleTest there.
-        add_test(NAME ${name} WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
-            COMMAND ${target} --gtest_brief=1 --gtest_output=xml:results/${name}.xml)
-        nim_runs_under_wine(${name} 1200)
-        if(shards GREATER 1)
-            math(EXPR index "${shard} - 1")
-            set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT
-                GTEST_TOTAL_SHARDS=${shards} GTEST_SHARD_INDEX=${index})
-            set_tests_properties(${name} PROPERTIES COST 100) # the long ones begin first
-        endif()
-    endforeach()
-    # The tests themselves need no more, and are built in half the time.
-    target_compile_options(${target} PRIVATE -O1)
-endfunction()
-
-# nim_runs_under_wine(TEST TIMEOUT): the prefix and its server are there before it begins.
-function(nim_runs_under_wine test timeout)
-    set_tests_properties(${test} PROPERTIES TIMEOUT ${timeout})
+# nim_runs_under_wine(TEST): the prefix and its server are there before it begins. Nothing may hang,
+# but much is slow there.
+function(nim_runs_under_wine test)
+    set_tests_properties(${test} PROPERTIES TIMEOUT 1800)
     if(CMAKE_CROSSCOMPILING)
         set_tests_properties(${test} PROPERTIES FIXTURES_REQUIRED wine ENVIRONMENT NIM_TEST_DRIVES=1)
     endif()

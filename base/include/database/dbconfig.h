@@ -27,7 +27,10 @@ NIMDB_API extern uint32_t gbDbClusteredMode;
 
 /* Hands out the home directory of databases.
  *
- * ppDir  out: new text, freed by the caller; null when there was no memory for it.
+ * ppDir  out: new text, freed by the caller; null when it cannot be told: there was no memory, or
+ *        the configuration is there, or may be, and cannot be read (a failure trace says why). The
+ *        default is handed out only when nothing is configured. Null must not be taken for a
+ *        directory.
  *
  * Returns 1, always; 0 only when ppDir itself is null. */
 NIMDB_API NimBool DbGetHomeDir(char** ppDir);
@@ -47,7 +50,8 @@ NIMDB_API uint32_t DbGetClusteredMode(void);
  * ppDbPath  in/out: address of a valid pointer (null or not): its text is traced in every case.
  *           Receives a new text, freed by the caller; untouched when the result is 0.
  *
- * Returns 1 with *ppDbPath set, or 0: the path belongs to none, or there was no memory. */
+ * Returns 1 with *ppDbPath set, or 0: the path belongs to none, or the home directory cannot be
+ * told (a failure trace says so), or there was no memory. */
 NIMDB_API NimBool DbGetClusterDerivedPath(const char* path, char** ppDbPath);
 
 /* Packs the drive of a path and a qtree id into a munged qtree id.
@@ -57,13 +61,15 @@ NIMDB_API NimBool DbGetClusterDerivedPath(const char* path, char** ppDbPath);
  *          the first character counts, and one that is no letter wraps the drive number. Null
  *          gives 0.
  *
- * Returns the munged id. */
+ * Returns the munged id; 0 with a failure trace when the home directory cannot be told, since then
+ * it cannot be told either whether the path is the home directory. */
 NIMDB_API uint32_t DbMungeQtreeIdFromDbPath(uint32_t qtreeId, const char* path);
 
 /* Unpacks a munged qtree id: the database directory of its drive, or the home directory when its
  * drive number is 0. The low 24 bits are ignored.
  *
- * Returns a new text, freed by the caller; null when there was no memory for it. */
+ * Returns a new text, freed by the caller; null when there was no memory for it, or the home
+ * directory cannot be told. */
 NIMDB_API char* DbGetDbPathFromMungedQtreeId(int32_t mungedId);
 
 /* Appends one string object for every candidate database directory: the home directory when asked
@@ -73,7 +79,8 @@ NIMDB_API char* DbGetDbPathFromMungedQtreeId(int32_t mungedId);
  *              nothing is appended.
  * includeHome  in: 1 = the home directory comes first; any other value = it is left out.
  *
- * Gives no result: what cannot be appended is missing. */
+ * Gives no result: what cannot be appended is missing. A drive or directory that the system gives
+ * no answer about is left out with a failure trace, as is a home directory that cannot be told. */
 NIMDB_API void DbGetDbPathList(void* list, uint32_t includeHome);
 
 NIM_END

@@ -14,10 +14,11 @@ NIM_BEGIN
  *   file    in: a path; a relative one lies under the product's home directory (path.h).
  *   stanza  in: the stanza's name.
  *   key     in: the key's name.
- *   dflt    in: used when file, stanza or key is missing or null, the file cannot be read, or the
- *           value is empty. May be null.
- * Returns TRUE when there is a string; FALSE when there is neither a value nor a default, or out of
- * memory. */
+ *   dflt    in: used when file, stanza or key is missing or null, or the value is empty. May be
+ *           null.
+ * Returns TRUE when there is a string; FALSE when there is neither a value nor a default, and when
+ * the value cannot be told: there is a file, or may be, that cannot be read, or out of memory. A
+ * default would then be another value than the configured one; a failure trace says so. */
 NIM_API NimBool
 CfgGetString(char** value, const char* file, const char* stanza, const char* key, const char* dflt);
 

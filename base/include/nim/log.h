@@ -22,14 +22,16 @@ typedef struct LogRecord {
     const char* context; /* as it was given; null when there is none */
 } LogRecord;
 
-/* Takes a message. Calls come one at a time, possibly from several threads. Messages that are
- * logged while the sink runs, by its own thread, are ignored; it may trace. */
+/* Takes a message. Calls come one at a time, those of a trace sink (nim/trace.h) among them,
+ * possibly from several threads. Messages that are logged while the sink runs, by its own thread,
+ * are ignored; it may trace. */
 typedef void (*LogSink)(void* context, const LogRecord* record);
 
 /* Sets the sink.
  *   sink     null brings back the standard error or NIM_LOG_FILE
  *   context  handed to the sink; must live until another sink is set
- * When it returns, no other thread is inside the former sink. */
+ * When it returns, no other thread is inside the former sink, and none will call it: it waits for a
+ * call that is running, unless it is called from inside a sink. */
 NIM_API void LogSetSink(LogSink sink, void* context);
 
 /* Logs a message.

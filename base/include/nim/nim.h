@@ -4,6 +4,7 @@
 
 #include "nim/config.h"
 #include "nim/dirscan.h"
+#include "nim/drive.h"
 #include "nim/filesys.h"
 #include "nim/list.h"
 #include "nim/log.h"

@@ -175,7 +175,7 @@ NIM_API NimBool ObjCreateInternal(
     void** out, uint32_t size, uint32_t magic, const char* format, ObjDestructor destructor,
     uint32_t pool);
 
-/* Adds a reference. Returns `handle`; null for null. */
+/* Adds a reference, which cannot fail. Returns `handle`; null for null. */
 NIM_API void* ObjIncRefCount(void* handle);
 
 /* Drops the reference that *variable holds and sets *variable to null, first of all. Null in either

@@ -37,11 +37,28 @@ NIM_API NimBool PathSetHome(const char* directory);
  * Returns TRUE when it was made or is a directory already; else FALSE. */
 NIM_API NimBool PathCreateDirectory(const char* path);
 
-/* Whether a path is a directory, links followed. Returns exactly TRUE or FALSE; null is FALSE. */
+/* What stands at a path, as PathKind tells it. */
+enum {
+    PATH_ABSENT = 0,    /* certainly nothing                                                      */
+    PATH_FILE = 1,      /* anything but a directory                                               */
+    PATH_DIRECTORY = 2, /* a directory                                                            */
+    PATH_UNKNOWN = 3    /* the system does not tell (no permission, a failing device, no memory):
+                         * something may stand there                                              */
+};
+
+/* What stands at a path, links followed. For callers that create or choose something else when
+ * nothing is there: PATH_UNKNOWN must not be taken for PATH_ABSENT.
+ *   path  in: null or empty names nothing: PATH_ABSENT.
+ * Returns one of PATH_ABSENT, PATH_FILE, PATH_DIRECTORY and PATH_UNKNOWN. */
+NIM_API uint32_t PathKind(const char* path);
+
+/* Whether a path is a directory, links followed. Returns exactly TRUE or FALSE; null is FALSE, and
+ * so is a path about which the system gives no answer (PathKind tells these apart). */
 NIM_API NimBool PathIsADirectory(const char* path);
 
 /* Whether a path is there and is no directory, links followed. Returns exactly TRUE or FALSE; null
- * is FALSE, and so is a path about which the system gives no answer. */
+ * is FALSE, and so is a path about which the system gives no answer (PathKind tells these apart).
+ */
 NIM_API NimBool FileExists(const char* path);
 
 NIM_END

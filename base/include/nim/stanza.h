@@ -22,7 +22,26 @@ NIM_BEGIN
 typedef struct Stnz Stnz;
 typedef struct StnzKey StnzKey;
 
-/* Reads one stanza of a file.
+/* What StnzReadStanzaFromFile answers. */
+enum {
+    STNZ_READ = 1,      /* here it is                                                             */
+    STNZ_NO_FILE = 2,   /* there is no such file                                                  */
+    STNZ_NO_STANZA = 3, /* there is the file, and no such stanza in it                            */
+    STNZ_UNREAD = 4     /* something stands at the path, or may stand there, and could not be read
+                         * (no permission, a failing device, a directory, more than 16 MiB), or out
+                         * of memory: whether it has the stanza is not known                      */
+};
+
+/* Reads one stanza of a file, and tells a file that is not there from one that cannot be read: who
+ * goes on with defaults does so for STNZ_NO_FILE and STNZ_NO_STANZA only.
+ *   out   out: the stanza, which the caller releases with StnzRelease; null unless STNZ_READ.
+ *   path  in: the file; null or empty gives STNZ_UNREAD.
+ *   name  in: the stanza's name; null gives STNZ_UNREAD.
+ * Returns one of the above; STNZ_UNREAD for a null `out`. What the system has refused, and a file
+ * that is too large, stands in a failure trace. */
+NIM_API uint32_t StnzReadStanzaFromFile(Stnz** out, const char* path, const char* name);
+
+/* Reads one stanza of a file, for callers to whom it is all one why there is none.
  *   out       out: the stanza, which the caller releases with StnzRelease; null on failure.
  *   path      in: the file; null fails.
  *   reserved  in: any number; not used.
@@ -84,12 +103,22 @@ NIM_API void StnzRelease(Stnz** stanza);
  * it does not exist. A key line that stays in place is rewritten, one that is not in the stanza
  * goes, new ones follow the last key; a stanza that the file does not have goes to its end.
  * Everything else, comments, blank and unknown lines and their line ends included, is kept byte for
- * byte. New lines end with LF. stanza  in: null fails. path    in: null fails. The new content is
- * written to path + ".tmp", which then takes the place of the file: the file has its old content or
- * its new one, whenever the process ends. (It is not forced to the disk: after a power failure that
- * is up to the file system.) Returns TRUE; FALSE when something fails: the file is then as it was,
- * and the temporary file is gone. */
+ * byte. New lines end with LF.
+ *   stanza  in: null fails.
+ *   path    in: null or empty fails.
+ * The new content is written to a temporary file, path + ".tmp", which then takes the place of the
+ * file: the file has its old content or its new one, whenever the process ends. (It is not forced
+ * to the disk: after a power failure that is up to the file system.) A process that dies in between
+ * leaves the temporary file behind, and the next replacement writes over it.
+ * Returns TRUE; FALSE when something fails: the file is then as it was, and the temporary file is
+ * gone. */
 NIM_API NimBool StnzReplaceStanzaInFile(Stnz* stanza, const char* path);
+
+/* The same for a file in a directory whose files are named by users, so that any name beside it may
+ * be another file: the temporary file has the name + ".tmp" in the parent of that directory, where
+ * the caller lets nobody name files. It fails, too, where the parent cannot be written to or is in
+ * another file system. */
+NIM_API NimBool StnzReplaceStanzaViaParent(Stnz* stanza, const char* path);
 
 NIM_END
 

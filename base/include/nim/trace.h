@@ -51,8 +51,10 @@ typedef struct TraceLine {
     const char* text;   /* the formatted text, at most 64 KiB  */
 } TraceLine;
 
-/* Takes a line. Calls come one at a time, possibly from several threads. Lines that are traced
- * while the sink runs, by its own thread, are ignored. */
+/* Takes a line. Calls come one at a time, those of a log sink (nim/log.h) among them, possibly from
+ * several threads: a thread whose line is for the sink waits until the sink has returned from the
+ * call before, so it must not wait for another thread that traces to it. Lines that are traced
+ * while the sink runs, by its own thread, are ignored; it may log. */
 typedef void (*TraceSink)(void* context, const TraceLine* line);
 
 /* Sets the sink.
@@ -60,7 +62,8 @@ typedef void (*TraceSink)(void* context, const TraceLine* line);
  *            level that goes with it
  *   context  handed to the sink; must live until another sink is set
  *   level    lines above it do not reach the sink; -1 lines always do. Ignored with a null sink.
- * When it returns, no other thread is inside the former sink. */
+ * When it returns, no other thread is inside the former sink, and none will call it: it waits for a
+ * call that is running, unless it is called from inside a sink. */
 NIM_API void TraceSetSink(TraceSink sink, void* context, int32_t level);
 
 /* Sets the level up to which lines are kept in the ring; -1 lines always are. Default 3. */

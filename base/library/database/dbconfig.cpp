@@ -1,13 +1,17 @@
 // dbconfig.cpp: where databases live. It reads the home directory from the product's configuration,
 // maps paths to the database directories of clustered mode, and packs a drive into a munged qtree
-// id and back. It opens no database and keeps nothing but the mode. What the operating system knows
-// about drives comes through gpDbDrives->
+// id and back. It opens no database and keeps nothing but the mode. Drives are asked for through
+// gpDbDrives.
+//
+// A home directory that cannot be told (a configuration that is there and cannot be read) is never
+// replaced by the default one: a database under another home is another database.
 #include "database/dbconfig.h"
 
 #include <cstring>
 
 #include "database/dbconfig_internal.h"
 #include "nim/config.h"
+#include "nim/drive.h"
 #include "nim/list.h"
 #include "nim/mem.h"
 #include "nim/object.h"
@@ -17,6 +21,10 @@
 #include "nim/trace.h"
 
 uint32_t gbDbClusteredMode = 0;
+// Lambdas, since the address of what another library exports is not constant everywhere.
+constinit const DbDrives kDbSystemDrives = {
+    [] { return DriveGetLetters(); }, [](const char* root) { return DriveGetType(root); },
+    [] { return DriveGetLastError(); }};
 constinit const DbDrives* gpDbDrives = &kDbSystemDrives;
 
 namespace {
@@ -113,15 +121,21 @@ void AppendDrive(void* list, char letter)
     const uint32_t type = gpDbDrives->getDriveType(root);
     TRACE_LINE(
         0, LEVEL_DRIVE, "The drive type for drive %s is %d", root, static_cast<int32_t>(type));
+    if (type == DB_DRIVE_UNKNOWN)
+        TRACE_LINE(1, LEVEL_FAILURE, "Failed to tell the type of drive %s; it is left out", root);
     if (type != DB_DRIVE_FIXED)
         return;
 
     char path[sizeof DRIVE_DIRECTORY];
     std::memcpy(path, DRIVE_DIRECTORY, sizeof path);
     path[0] = letter;
-    if (PathIsADirectory(path) == TRUE) {
+    const uint32_t kind = PathKind(path);
+    if (kind == PATH_DIRECTORY) {
         TRACE_LINE(0, LEVEL_DRIVE, "PathIsADirectory returned TRUE for %s", path);
         AppendPath(list, path);
+    } else if (kind == PATH_UNKNOWN) {
+        TRACE_LINE(
+            1, LEVEL_FAILURE, "Failed to tell whether %s is a directory; it is left out", path);
     } else {
         TRACE_LINE(0, LEVEL_DRIVE, "PathIsADirectory returned FALSE for %s", path);
     }
@@ -170,7 +184,11 @@ uint32_t DbMungeQtreeIdFromDbPath(uint32_t qtreeId, const char* path)
     if (path) {
         HeldMemory<> home;
         DbGetHomeDir(home.Out());
-        if (StrCompareNoCase(path, home.get()) != 0) {
+        if (!home) {
+            TRACE_LINE(
+                1, LEVEL_FAILURE, "Failed to munge path %s: the home directory cannot be told",
+                path);
+        } else if (StrCompareNoCase(path, home.get()) != 0) {
             // Kept: a character below 64 wraps, and no more of the path than this is looked at.
             const uint32_t drive = static_cast<uint8_t>(UpperCase(path[0])) - DRIVE_BASE;
             mungedId = (drive << DRIVE_SHIFT) | (qtreeId & QTREE_MASK);

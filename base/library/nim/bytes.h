@@ -1,42 +1,26 @@
 // bytes.h: little-endian integers in byte buffers, the one pair of helpers per width that every
 // format of the library goes through. No alignment is asked of the address, and no check is made:
-// the caller has made sure that the bytes lie inside its buffer (BytesInside). On a little-endian
-// machine each helper compiles to a single move; on another, to a move and a byte swap.
+// the caller has made sure that the bytes lie inside its buffer (BytesInside). Each helper compiles
+// to a single move.
 #pragma once
 
 #include <bit>
 #include <cstdint>
 #include <cstring>
 
-static_assert(
-    std::endian::native == std::endian::little || std::endian::native == std::endian::big,
-    "a machine with a mixed byte order needs a swap of its own");
-
-// On every machine the value whose little-endian bytes are those of `value` in memory.
-inline uint32_t LittleEndian32(uint32_t value)
-{
-    if constexpr (std::endian::native == std::endian::big)
-        value = __builtin_bswap32(value);
-    return value;
-}
-
-inline uint64_t LittleEndian64(uint64_t value)
-{
-    if constexpr (std::endian::native == std::endian::big)
-        value = __builtin_bswap64(value);
-    return value;
-}
+// The one place that says so. Texts and checksums, too, are read word by word as they stand in
+// memory; both systems run on such machines only.
+static_assert(std::endian::native == std::endian::little, "the first byte of a word is its lowest");
 
 inline uint32_t GetU32(const void* bytes)
 {
     uint32_t value;
     std::memcpy(&value, bytes, sizeof value);
-    return LittleEndian32(value);
+    return value;
 }
 
 inline void PutU32(void* bytes, uint32_t value)
 {
-    value = LittleEndian32(value);
     std::memcpy(bytes, &value, sizeof value);
 }
 
@@ -44,12 +28,11 @@ inline uint64_t GetU64(const void* bytes)
 {
     uint64_t value;
     std::memcpy(&value, bytes, sizeof value);
-    return LittleEndian64(value);
+    return value;
 }
 
 inline void PutU64(void* bytes, uint64_t value)
 {
-    value = LittleEndian64(value);
     std::memcpy(bytes, &value, sizeof value);
 }
 

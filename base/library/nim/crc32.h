@@ -8,8 +8,6 @@
 #include <cstdint>
 #include <cstring>
 
-static_assert(std::endian::native == std::endian::little, "words are read as they stand in memory");
-
 namespace crc32 {
 
 using Tables = std::array<std::array<uint32_t, 256>, 8>;

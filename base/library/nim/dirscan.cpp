@@ -7,6 +7,7 @@
 
 #include "memwide.h"
 #include "nim/fault.h"
+#include "refusal.h"
 #include "sys.h"
 
 #include <algorithm>
@@ -18,6 +19,7 @@ struct NameList {
     uint32_t size;  // bytes used
     uint32_t room;  // bytes there are
     uint32_t count; // names
+    bool full;      // there was no memory for a name
 };
 } // namespace
 
@@ -43,8 +45,10 @@ static bool DirTakeName(void* context, const char* name)
 {
     NameList* list = static_cast<NameList*>(context);
     const size_t size = strlen(name) + 1;
-    if (!DirMakeRoom(list, size))
-        return false; // which fails the scan
+    if (!DirMakeRoom(list, size)) {
+        list->full = true; // which fails the scan
+        return false;
+    }
     memcpy(list->text + list->size, name, size);
     list->size += static_cast<uint32_t>(size);
     ++list->count;
@@ -69,22 +73,52 @@ static const char** DirSortNames(const NameList* list)
     return names;
 }
 
-NimBool DirScan(const char* directory, DirScanCallback callback, void* context)
+// Gathers the names. DIRSCAN_DONE, or why not.
+static uint32_t DirRead(NameList* list, const char* directory)
 {
-    if (!directory || !*directory || !callback || FaultFails(FAULT_SCAN, directory))
-        return FALSE;
+    if (FaultFails(FAULT_SCAN, directory))
+        return DIRSCAN_UNREAD;
+    if (SysScan(directory, DirTakeName, list))
+        return DIRSCAN_DONE;
+    const uint32_t reason = SysLastError();
+    if (list->full)
+        return DIRSCAN_UNREAD;
+    TraceRefusalUnlessAbsent(__LINE__, reason, "scan", directory);
+    // Asked about once more: the reason may also be that a file stands there.
+    return SysErrorMeansAbsent(reason) && SysPathKind(directory) == SYS_ABSENT ? DIRSCAN_ABSENT
+                                                                               : DIRSCAN_UNREAD;
+}
+
+// Hands the names over.
+static uint32_t DirCall(
+    const NameList* list, const char** names, const char* directory, DirScanCallback callback,
+    void* context)
+{
+    for (uint32_t i = 0; i < list->count; ++i)
+        if (callback(directory, names[i], context) != 1)
+            return DIRSCAN_STOPPED;
+    return DIRSCAN_DONE;
+}
+
+uint32_t DirScanOutcome(const char* directory, DirScanCallback callback, void* context)
+{
+    if (!directory || !*directory || !callback)
+        return DIRSCAN_UNREAD;
     NameList list = {};
-    const char** names = nullptr;
-    bool good = SysScan(directory, DirTakeName, &list);
-    if (good) {
-        names = DirSortNames(&list);
-        good = names != nullptr;
-    }
-    for (uint32_t i = 0; good && i < list.count; ++i)
-        good = callback(directory, names[i], context) == 1;
+    uint32_t outcome = DirRead(&list, directory);
+    const char** names = outcome == DIRSCAN_DONE ? DirSortNames(&list) : nullptr;
+    if (names)
+        outcome = DirCall(&list, names, directory, callback, context);
+    else if (outcome == DIRSCAN_DONE)
+        outcome = DIRSCAN_UNREAD; // out of memory
     MemFree(names);
     MemFree(list.text);
-    return good;
+    return outcome;
+}
+
+NimBool DirScan(const char* directory, DirScanCallback callback, void* context)
+{
+    return DirScanOutcome(directory, callback, context) == DIRSCAN_DONE;
 }
 
 NimBool DirScanDirect(const char* directory, DirScanCallback callback, void* context)

@@ -13,6 +13,7 @@
 #include "filetable.h"
 #include "memwide.h"
 #include "nim/fault.h"
+#include "refusal.h"
 #include "sys.h"
 
 #include <algorithm>
@@ -25,6 +26,7 @@ struct File {
     uint32_t access; // SYS_READ, SYS_WRITE
     int64_t position;
     int64_t length; // as far as known
+    int64_t limit;  // how long the process may make it, as last asked for
     FileMapping mapping;
     int64_t reservedFrom; // disk space for [reservedFrom, reservedTo) has been reserved
     int64_t reservedTo;
@@ -127,12 +129,12 @@ static uint32_t FileModeFlags(uint32_t mode)
     if (mode & FILE_MODE_CREATE)
         flags |= SYS_CREATE;
     if (mode & FILE_MODE_EMPTY)
-        flags |= SYS_WRITE | SYS_CREATE | SYS_TRUNCATE;
+        flags |= SYS_WRITE | SYS_CREATE;
     return flags;
 }
 
-// A File without a system's file. It is made first, so that running out of memory neither creates
-// nor empties anything.
+// A File without a system's file. It is made first, and entered into the table, so that running out
+// of memory or handles neither creates nor empties anything.
 static File* FileNew(const char* path)
 {
     const size_t length = strlen(path);
@@ -145,21 +147,54 @@ static File* FileNew(const char* path)
     return file;
 }
 
-static bool FileOpenSystem(void** handle, File* file, uint32_t mode)
+// Asks the system for the length. A file that has become shorter has given back its reserved space.
+static bool FileAskLength(File* file)
+{
+    int64_t length;
+    if (!SysFileLength(&length, file->system)) {
+        TraceRefusal(__LINE__, SysLastError(), "ask for the length of", file->path);
+        return false;
+    }
+    if (length < file->length) {
+        file->reservedFrom = file->reservedTo = 0;
+        file->filledTo = std::min(file->filledTo, length);
+    }
+    file->length = length;
+    return true;
+}
+
+// The bytes that a file has go last, when nothing else can refuse the open any more.
+static bool FileEmpty(File* file)
+{
+    if (file->length > 0 && !SysFileEmpty(file->system)) {
+        TraceRefusal(__LINE__, SysLastError(), "empty", file->path);
+        return false;
+    }
+    file->length = 0;
+    return true;
+}
+
+static bool FileOpenSystem(File* file, uint32_t mode)
 {
     const uint32_t flags = FileModeFlags(mode);
-    if (FaultFails(FAULT_OPEN, file->path) || !SysFileOpen(&file->system, file->path, flags))
+    if (FaultFails(FAULT_OPEN, file->path))
         return false;
+    if (!SysFileOpen(&file->system, file->path, flags)) {
+        if (flags & SYS_CREATE)
+            TraceRefusal(__LINE__, SysLastError(), "open", file->path);
+        else
+            TraceRefusalUnlessAbsent(__LINE__, SysLastError(), "open", file->path);
+        return false;
+    }
     file->access = flags & (SYS_READ | SYS_WRITE);
     file->mapping.allowed = (flags & SYS_READ) && FileMappingIsOn();
     file->mapping.writable = (flags & SYS_WRITE) && FileMappedWritingIsOn();
-    if (SysFileLength(&file->length, file->system)) {
-        *handle = FileTableAdd(file);
-        if (*handle != FILE_NONE)
-            return true;
+    file->limit = flags & SYS_WRITE ? SysFileLimit() : INT64_MAX;
+    if (!FileAskLength(file) || ((mode & FILE_MODE_EMPTY) && !FileEmpty(file))) {
+        SysFileClose(file->system);
+        return false;
     }
-    SysFileClose(file->system);
-    return false;
+    return true;
 }
 
 NimBool FileSysOpen(void** handle, const char* path, uint32_t mode)
@@ -172,11 +207,16 @@ NimBool FileSysOpen(void** handle, const char* path, uint32_t mode)
     File* file = FileNew(path);
     if (!file)
         return FALSE;
-    const bool good = FileOpenSystem(handle, file, mode);
+    void* entered = FileTableAdd(file);
+    const bool good = entered != FILE_NONE && FileOpenSystem(file, mode);
     FileSysObserve(FILE_OP_OPEN, path, 0, 0, good);
-    if (!good)
-        MemFree(file);
-    return good;
+    if (good) {
+        *handle = entered;
+        return TRUE;
+    }
+    FileTableRemove(entered);
+    MemFree(file);
+    return FALSE;
 }
 
 NimBool FileSysClose(void** handle)
@@ -190,27 +230,16 @@ NimBool FileSysClose(void** handle)
     // A failing close has let go of the file as well.
     const bool struck = FaultFails(FAULT_CLOSE, file->path);
     FileMapRelease(&file->mapping);
-    const bool good = SysFileClose(file->system) && !struck;
+    bool good = SysFileClose(file->system);
+    if (!good)
+        TraceRefusal(__LINE__, SysLastError(), "close", file->path);
+    good = good && !struck;
     FileSysObserve(FILE_OP_CLOSE, file->path, 0, 0, good);
     MemFree(file);
     return good;
 }
 
 // ---- position and length ----
-
-// Asks the system for the length. A file that has become shorter has given back its reserved space.
-static bool FileAskLength(File* file)
-{
-    int64_t length;
-    if (!SysFileLength(&length, file->system))
-        return false;
-    if (length < file->length) {
-        file->reservedFrom = file->reservedTo = 0;
-        file->filledTo = std::min(file->filledTo, length);
-    }
-    file->length = length;
-    return true;
-}
 
 NimBool FileSysSeekStart(void* handle)
 {
@@ -284,6 +313,8 @@ static bool FileReadPositioned(uint32_t* count, File* file, void* buffer, uint32
         good = SysFileRead(
             &moved, file->system, static_cast<uint8_t*>(buffer) + *count, size - *count,
             offset + *count);
+        if (!good)
+            TraceRefusal(__LINE__, SysLastError(), "read", file->path);
         *count += static_cast<uint32_t>(moved);
         if (!good || moved == 0)
             break;
@@ -370,6 +401,34 @@ static bool FileMayStore(File* file, int64_t offset, uint32_t size)
     return true;
 }
 
+// How many of `size` bytes at `offset` the process may write. The limit is asked for anew when the
+// file would grow; inside the file what was asked for last will do, since hosts do not lower it
+// between two writes, and asking costs a call.
+static size_t FileWithinLimit(File* file, size_t size, int64_t offset)
+{
+    const int64_t end = offset + static_cast<int64_t>(size);
+    if (end > file->length)
+        file->limit = SysFileLimit();
+    if (end <= file->limit)
+        return size;
+    return offset < file->limit ? static_cast<size_t>(file->limit - offset) : 0;
+}
+
+// One transfer. False when nothing could be written: no progress would be no end.
+static bool
+FileWriteOnce(size_t* moved, File* file, const void* buffer, size_t size, int64_t offset)
+{
+    const size_t allowed = FileWithinLimit(file, size, offset);
+    if (allowed == 0) {
+        TraceLimit(__LINE__, file->path, file->limit);
+        return false;
+    }
+    if (SysFileWrite(moved, file->system, buffer, allowed, offset) && *moved > 0)
+        return true;
+    TraceRefusal(__LINE__, SysLastError(), "write", file->path);
+    return false;
+}
+
 // Writes all bytes at the position, which it does not move. *count is 0 on entry.
 static bool FileWriteBytes(uint32_t* count, File* file, const void* buffer, uint32_t size)
 {
@@ -384,11 +443,10 @@ static bool FileWriteBytes(uint32_t* count, File* file, const void* buffer, uint
     bool good = true;
     while (good && *count < size) {
         size_t moved = 0;
-        good = SysFileWrite(
-            &moved, file->system, static_cast<const uint8_t*>(buffer) + *count, size - *count,
+        good = FileWriteOnce(
+            &moved, file, static_cast<const uint8_t*>(buffer) + *count, size - *count,
             offset + *count);
         *count += static_cast<uint32_t>(moved);
-        good = good && moved > 0; // no progress would be no end
     }
     if (offset <= file->filledTo && file->filledTo < offset + *count)
         file->filledTo = offset + *count;
@@ -425,8 +483,10 @@ static bool FileReserveBytes(File* file, int64_t offset, int64_t end)
     if (end - from < RESERVE_STEP && from <= INT64_MAX - RESERVE_STEP)
         to = from + RESERVE_STEP;
     if (!SysFileReserve(file->system, from, to - from)) {
-        if (to == end || !SysFileReserve(file->system, from, end - from))
+        if (to == end || !SysFileReserve(file->system, from, end - from)) {
+            TraceRefusal(__LINE__, SysLastError(), "reserve room for", file->path);
             return false;
+        }
         to = end;
     }
     if (!follows)

@@ -201,7 +201,7 @@ NimBool ObjTemplateCreateInstanceUncleared(void** out, ObjTemplate* tmpl, uint32
 
 void* ObjIncRefCount(void* handle)
 {
-    if (!handle || FaultFails(FAULT_INCREF))
+    if (!handle)
         return nullptr;
     ++HeaderOf(handle)->refCount;
     return handle;

@@ -146,11 +146,7 @@ NimBool ListAddLastItem(void* list, void* object)
     ListNode* node = NewNode(self, object);
     if (!node)
         return FALSE;
-    if (!ObjIncRefCount(object)) {
-        void* memory = node;
-        MemFreeInternal(&memory);
-        return FALSE;
-    }
+    ObjIncRefCount(object);
     Append(self, node);
     return TRUE;
 }

@@ -1,8 +1,8 @@
 // log.cpp: formats the numbered messages of the product log and hands them to the sink.
 //
-// The sink's lock is held while the sink runs, so that messages come out one at a time and a sink
-// that was replaced is not running any more; the thread inside a sink is marked, its own messages
-// are ignored and it may set another sink.
+// A sink of the host runs in its thread's turn (sinkturn.h); the thread inside a sink is marked,
+// its own messages are ignored and it may set another sink. A message for a file is one append, for
+// which no lock is held.
 #include "nim/log.h"
 
 #include <cstdarg>
@@ -11,6 +11,7 @@
 
 #include "format.h"
 #include "output.h"
+#include "sinkturn.h"
 #include "spinlock.h"
 #include "sys.h"
 
@@ -21,11 +22,11 @@ constexpr uint32_t LOG_TEXT_LIMIT = 64 * 1024; // a text above is cut
 constexpr char LOG_INDENT[] = "    ";
 
 struct LogState {
-    SpinLock lock;
-    bool ready; // the environment was read
-    LogSink sink;
-    void* context;
-    char path[OUTPUT_PATH_SIZE];
+    SpinLock lock; // of reading the environment
+    std::atomic<bool> ready;
+    std::atomic<LogSink> sink;   // replaced in the turn of a thread; null: file or standard error
+    void* context;               // the sink's; read and replaced in turn
+    char path[OUTPUT_PATH_SIZE]; // of the environment; stays as it is
 };
 
 LogState gLog;
@@ -33,13 +34,34 @@ thread_local bool gLogInSink = false;
 
 } // namespace
 
+static void LogPrepare()
+{
+    if (gLog.ready.load(std::memory_order_acquire))
+        return;
+    SpinLockGuard guard(gLog.lock);
+    if (gLog.ready.load(std::memory_order_relaxed))
+        return;
+    if (!SysGetEnvironment("NIM_LOG_FILE", gLog.path, sizeof gLog.path))
+        gLog.path[0] = 0;
+    gLog.ready.store(true, std::memory_order_release);
+}
+
+// Hands the message to the host's sink. False when there is none any more.
+static bool LogCallSink(const LogRecord* record)
+{
+    const SinkTurn turn;
+    const LogSink sink = gLog.sink.load(std::memory_order_relaxed);
+    if (!sink)
+        return false;
+    gLogInSink = true;
+    sink(gLog.context, record);
+    gLogInSink = false;
+    return true;
+}
+
 static void LogWrite(const LogRecord* record)
 {
-    if (!gLog.ready) {
-        gLog.ready = true;
-        if (!SysGetEnvironment("NIM_LOG_FILE", gLog.path, sizeof gLog.path))
-            gLog.path[0] = 0;
-    }
+    LogPrepare();
     Output output(gLog.path);
     char head[48];
     FormatMessageVa(head, sizeof head, "NIM %lu [%lu] ", record->id, record->cls);
@@ -76,29 +98,18 @@ LogSend(uint32_t id, uint32_t cls, const char* context, const char* format, va_l
     }
     va_end(again);
 
-    LogRecord record = {id, cls, text, context};
-    {
-        SpinLockGuard guard(gLog.lock);
-        gLogInSink = true;
-        if (gLog.sink)
-            gLog.sink(gLog.context, &record);
-        else
-            LogWrite(&record);
-        gLogInSink = false;
-    }
+    const LogRecord record = {id, cls, text, context};
+    if (!gLog.sink.load(std::memory_order_acquire) || !LogCallSink(&record))
+        LogWrite(&record);
     if (text != stack)
         free(text);
 }
 
 void LogSetSink(LogSink sink, void* context)
 {
-    bool inside = gLogInSink;
-    if (!inside)
-        gLog.lock.Lock();
-    gLog.sink = sink;
+    const SinkTurn turn;
     gLog.context = sink ? context : nullptr;
-    if (!inside)
-        gLog.lock.Unlock();
+    gLog.sink.store(sink, std::memory_order_release);
 }
 
 void LogMessage(uint32_t id, uint32_t cls, uint32_t, const char* format, ...)

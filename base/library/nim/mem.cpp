@@ -133,20 +133,6 @@ static inline MemPrefix* MemNext(const MemPrefix* p)
     return reinterpret_cast<MemPrefix*>(next);
 }
 
-void SpinLock::LockSlow()
-{
-    // A holder is gone in a few nanoseconds, unless it lost its processor: then let it run.
-    constexpr uint32_t TRIES = 200;
-    for (;;) {
-        for (uint32_t i = 0; i < TRIES; ++i) {
-            if (held_.load(std::memory_order_relaxed) == 0 &&
-                held_.exchange(1, std::memory_order_acquire) == 0)
-                return;
-        }
-        SysYield();
-    }
-}
-
 // Whether pieces go straight to the heap and back. Valgrind is recognised by the libraries that it
 // loads ahead of all others.
 static uint32_t MemDecideMode()

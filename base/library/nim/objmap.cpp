@@ -326,9 +326,10 @@ NimBool ObjMapFind(void** found, void* map, const void* key)
     if (!self || !key || self->count == 0)
         return FALSE;
     Place place = PlaceOfKey(self, key);
-    if (place.equal)
-        *found = ObjIncRefCount(self->chunks[place.chunk]->objects[place.entry]);
-    return *found ? TRUE : FALSE;
+    if (!place.equal)
+        return FALSE;
+    *found = ObjIncRefCount(self->chunks[place.chunk]->objects[place.entry]);
+    return TRUE;
 }
 
 void* ObjMapPeek(void* map, const void* key)
@@ -348,14 +349,9 @@ NimBool ObjMapInsert(void* map, void* object)
     Place place = self->count ? PlaceOfObject(self, object) : Place{};
     if (place.equal || self->count == UINT32_MAX)
         return FALSE;
-    // The reference first: after a chunk has been entered nothing may fail, or it would stay empty.
-    if (!ObjIncRefCount(object))
+    if (!MakeRoom(self, &place))
         return FALSE;
-    if (!MakeRoom(self, &place)) {
-        ObjReleaseInternal(&object);
-        return FALSE;
-    }
-    EnterObject(self, place, object);
+    EnterObject(self, place, ObjIncRefCount(object));
     return TRUE;
 }
 

@@ -2,39 +2,72 @@
 // result here: there is nobody left to tell.
 #include "output.h"
 
+#include <cstdlib>
 #include <cstring>
 
 #include "sys.h"
 
-Output::Output(const char* path) : file_(SYS_NO_FILE)
+// Appends what it can. Result: how many bytes.
+static size_t OutputAppend(const char* path, const char* bytes, size_t size)
 {
-    if (!path || !*path || !SysFileOpen(&file_, path, SYS_WRITE | SYS_CREATE)) {
-        file_ = SYS_NO_FILE;
-    } else if (!SysFileLength(&offset_, file_)) {
-        SysFileClose(file_);
-        file_ = SYS_NO_FILE;
+    intptr_t file;
+    if (!path || !*path || !SysFileOpen(&file, path, SYS_APPEND | SYS_CREATE))
+        return 0;
+    size_t done = 0;
+    bool good = true;
+    while (good && done < size) {
+        size_t moved = 0;
+        good = SysFileAppend(&moved, file, bytes + done, size - done) && moved > 0;
+        done += moved;
     }
+    SysFileClose(file);
+    return done;
 }
+
+void OutputWrite(const char* path, const char* bytes, size_t size)
+{
+    const size_t done = OutputAppend(path, bytes, size);
+    if (done < size)
+        SysWriteStandardError(bytes + done, size - done);
+}
+
+Output::Output(const char* path) : path_(path) {}
 
 Output::~Output()
 {
     Flush();
-    if (file_ != SYS_NO_FILE)
-        SysFileClose(file_);
+    if (bytes_ != small_)
+        free(bytes_);
+}
+
+// Room for `size` more bytes, from the heap and not from a pool: a message must not disturb what it
+// reports on.
+bool Output::Grow(size_t size)
+{
+    const size_t wanted = used_ + size;
+    const size_t room = wanted > 2 * room_ ? wanted : 2 * room_;
+    char* bytes = static_cast<char*>(malloc(room));
+    if (!bytes)
+        return false;
+    memcpy(bytes, bytes_, used_);
+    if (bytes_ != small_)
+        free(bytes_);
+    bytes_ = bytes;
+    room_ = room;
+    return true;
 }
 
 void Output::Put(const char* bytes, size_t size)
 {
-    while (size != 0) {
-        if (used_ == sizeof buffer_)
-            Flush();
-        size_t fits = sizeof buffer_ - used_;
-        size_t count = size < fits ? size : fits;
-        memcpy(buffer_ + used_, bytes, count);
-        used_ += count;
-        bytes += count;
-        size -= count;
+    if (size > room_ - used_ && !Grow(size)) {
+        Flush();
+        if (size > room_) {
+            OutputWrite(path_, bytes, size);
+            return;
+        }
     }
+    memcpy(bytes_ + used_, bytes, size);
+    used_ += size;
 }
 
 void Output::Put(const char* text)
@@ -44,18 +77,7 @@ void Output::Put(const char* text)
 
 void Output::Flush()
 {
-    size_t done = 0;
-    while (file_ != SYS_NO_FILE && done < used_) {
-        size_t moved = 0;
-        bool written = SysFileWrite(&moved, file_, buffer_ + done, used_ - done, offset_);
-        done += moved;
-        offset_ += static_cast<int64_t>(moved);
-        if (!written || moved == 0) {
-            SysFileClose(file_);
-            file_ = SYS_NO_FILE;
-        }
-    }
-    if (done < used_)
-        SysWriteStandardError(buffer_ + done, used_ - done);
+    if (used_ > 0)
+        OutputWrite(path_, bytes_, used_);
     used_ = 0;
 }

@@ -7,6 +7,7 @@
 #include "memwide.h"
 #include "nim/fault.h"
 #include "nim/str.h"
+#include "refusal.h"
 #include "spinlock.h"
 #include "sys.h"
 
@@ -78,19 +79,40 @@ NimBool PathCreateDirectory(const char* path)
 {
     if (!path || !*path || FaultFails(FAULT_MKDIR, path))
         return FALSE;
-    return SysMakeDirectory(path) || SysPathKind(path) == SYS_DIRECTORY;
+    if (SysMakeDirectory(path))
+        return TRUE;
+    const uint32_t reason = SysLastError();
+    if (SysPathKind(path) == SYS_DIRECTORY)
+        return TRUE;
+    TraceRefusal(__LINE__, reason, "make the directory", path);
+    return FALSE;
+}
+
+uint32_t PathKind(const char* path)
+{
+    if (!path || !*path)
+        return PATH_ABSENT;
+    if (FaultFails(FAULT_EXISTS, path))
+        return PATH_UNKNOWN;
+    switch (SysPathKind(path)) {
+    case SYS_ABSENT:
+        return PATH_ABSENT;
+    case SYS_DIRECTORY:
+        return PATH_DIRECTORY;
+    case SYS_OTHER:
+        return PATH_FILE;
+    default:
+        TraceRefusal(__LINE__, SysLastError(), "ask what stands at", path);
+        return PATH_UNKNOWN;
+    }
 }
 
 NimBool PathIsADirectory(const char* path)
 {
-    if (!path || !*path || FaultFails(FAULT_EXISTS, path))
-        return FALSE;
-    return SysPathKind(path) == SYS_DIRECTORY;
+    return PathKind(path) == PATH_DIRECTORY;
 }
 
 NimBool FileExists(const char* path)
 {
-    if (!path || !*path || FaultFails(FAULT_EXISTS, path))
-        return FALSE;
-    return SysPathKind(path) == SYS_OTHER;
+    return PathKind(path) == PATH_FILE;
 }

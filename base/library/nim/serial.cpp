@@ -500,7 +500,7 @@ class Reader {
             if (!GetLeb(&number) || number >= objects_.count())
                 return false;
             *value = ObjIncRefCount(objects_[number]);
-            return *value != nullptr;
+            return true;
         case TAG_KNOWN:
             if (!GetLeb(&number) || number >= templates_.count())
                 return false;

@@ -1,8 +1,9 @@
-// spinlock.h: the lock of the process-wide services (pools, trace ring, log).
+// spinlock.h: the lock of the process-wide services (pools, trace ring, tables).
 //
 // What it guards takes nanoseconds to a few microseconds, so waiting is trying again, and giving up
-// the time slice after a while. Needs no construction at run time and no thread library. Not
-// recursive: nothing that is called while it is held may come back to the same lock.
+// the time slice after a while; no file is written and no code of a host runs while it is held
+// (sinks have sinkturn.h). Needs no construction at run time and no thread library. Not recursive:
+// nothing that is called while it is held may come back to the same lock.
 #pragma once
 
 #include <atomic>
@@ -22,7 +23,7 @@ class SpinLock {
     void Unlock() { held_.store(0, std::memory_order_release); }
 
   private:
-    void LockSlow(); // mem.cpp
+    void LockSlow(); // spinlock.cpp
 
     std::atomic<uint32_t> held_{0};
 };

@@ -12,7 +12,10 @@
 #include "nim/fault.h"
 #include "nim/filesys.h"
 #include "nim/mem.h"
+#include "nim/path.h"
 #include "nim/str.h"
+#include "nim/trace.h"
+#include "refusal.h"
 #include "sys.h"
 
 #include <cstring>
@@ -32,6 +35,9 @@ struct Stnz {
     char* name;
     StnzKey* keys; // in order
 };
+
+constexpr char TAG[] = "STANZA        ";
+constexpr int32_t LEVEL_FAILURE = -1;
 
 constexpr int64_t STANZA_FILE_MOST = 16 << 20;
 constexpr char STANZA_MARK[] = "\xEF\xBB\xBF"; // UTF-8 mark
@@ -134,7 +140,8 @@ static bool StnzFindHeader(Line* line, Span* text, const char* name)
 
 // ---- files ----
 
-// The bytes of a file, freed by the caller. Null when it cannot be read or is too large.
+// The bytes of a file, freed by the caller. Null when it cannot be read or is too large; what the
+// system refuses has been traced below.
 static char* StnzReadFile(uint32_t* size, const char* path)
 {
     *size = 0;
@@ -143,7 +150,9 @@ static char* StnzReadFile(uint32_t* size, const char* path)
         return nullptr;
     int64_t length = 0;
     void* bytes = nullptr;
-    if (FileSysGetLength(&length, handle) && length <= STANZA_FILE_MOST) {
+    if (FileSysGetLength(&length, handle) && length > STANZA_FILE_MOST) {
+        NIM_TRACE(TAG, 1, LEVEL_FAILURE, "'%s' is too large to be a stanza file", path);
+    } else {
         const uint32_t wanted = static_cast<uint32_t>(length);
         bytes = MemAllocateUncleared(wanted, MemGetDefaultPoolId());
         // A short count would be a file that shrinks under our hands: its rest must not get lost.
@@ -166,20 +175,17 @@ static bool StnzWriteFile(const char* path, const Output* output)
     return FileSysClose(&handle) && written;
 }
 
-// The new content beside the file, then in its place.
-static bool StnzReplaceFile(const char* path, const Output* output)
+// The new content into the temporary file, and that in the place of the file.
+static bool StnzReplaceFile(const char* path, const char* temporary, const Output* output)
 {
-    const size_t length = strlen(path);
-    char* temporary = static_cast<char*>(MemAllocateWideUncleared(uint64_t{length} + 5));
-    if (!temporary)
-        return false;
-    MemCopy(temporary, path, static_cast<uint32_t>(length));
-    memcpy(temporary + length, ".tmp", 5);
-    const bool good = StnzWriteFile(temporary, output) && SysReplaceFile(temporary, path);
-    if (!good)
-        SysRemoveFile(temporary);
-    MemFree(temporary);
-    return good;
+    if (StnzWriteFile(temporary, output)) {
+        if (SysReplaceFile(temporary, path))
+            return true;
+        TraceRefusal(__LINE__, SysLastError(), "put a new file in the place of", path);
+    }
+    // Opening it may be what failed: a directory that stands there is not removed by this.
+    SysRemoveFile(temporary);
+    return false;
 }
 
 // ---- keys and stanzas in memory ----
@@ -268,26 +274,42 @@ static bool StnzTakeKeys(Stnz* stanza, Span text)
     return true;
 }
 
-NimBool StnzLoadStanzaFromFile(Stnz** out, const char* path, uint32_t, const char* name)
+// The stanza in the bytes of a file.
+static uint32_t StnzTake(Stnz** out, Span file, const char* name)
+{
+    Span text = StnzSkipMark(file);
+    Line line;
+    if (!StnzFindHeader(&line, &text, name))
+        return STNZ_NO_STANZA;
+    *out = StnzNew(name);
+    if (*out && !StnzTakeKeys(*out, text))
+        StnzRelease(out);
+    return *out ? STNZ_READ : STNZ_UNREAD; // out of memory
+}
+
+uint32_t StnzReadStanzaFromFile(Stnz** out, const char* path, const char* name)
 {
     if (!out)
-        return FALSE;
+        return STNZ_UNREAD;
     *out = nullptr;
-    if (!path || !name || FaultFails(FAULT_STNZ_LOAD, path))
-        return FALSE;
+    if (!path || !*path || !name || FaultFails(FAULT_STNZ_LOAD, path))
+        return STNZ_UNREAD;
+    // A file that is certainly not there is told apart before it is opened: an open may fail for
+    // many reasons.
+    if (PathKind(path) == PATH_ABSENT)
+        return STNZ_NO_FILE;
     uint32_t size;
     char* bytes = StnzReadFile(&size, path);
     if (!bytes)
-        return FALSE;
-    Span text = StnzSkipMark({bytes, size});
-    Line line;
-    if (StnzFindHeader(&line, &text, name)) {
-        *out = StnzNew(name);
-        if (*out && !StnzTakeKeys(*out, text))
-            StnzRelease(out);
-    }
+        return STNZ_UNREAD;
+    const uint32_t answer = StnzTake(out, {bytes, size}, name);
     MemFree(bytes);
-    return *out != nullptr;
+    return answer;
+}
+
+NimBool StnzLoadStanzaFromFile(Stnz** out, const char* path, uint32_t, const char* name)
+{
+    return StnzReadStanzaFromFile(out, path, name) == STNZ_READ;
 }
 
 NimBool StnzCreate(Stnz** out, uint32_t, const char* name, uint32_t)
@@ -519,7 +541,7 @@ static uint64_t StnzRoom(const Stnz* stanza, Span file)
     return room;
 }
 
-static bool StnzRewriteFile(Stnz* stanza, const char* path, Span file)
+static bool StnzRewriteFile(Stnz* stanza, const char* path, const char* temporary, Span file)
 {
     const uint64_t room = StnzRoom(stanza, file);
     if (room > static_cast<uint64_t>(STANZA_FILE_MOST)) // it could not be read again
@@ -537,25 +559,63 @@ static bool StnzRewriteFile(Stnz* stanza, const char* path, Span file)
         StnzPutReplaced(&output, stanza, file, &header, text);
     else
         StnzPutAppended(&output, stanza, file);
-    const bool good = StnzReplaceFile(path, &output);
+    const bool good = StnzReplaceFile(path, temporary, &output);
     MemFree(output.bytes);
+    return good;
+}
+
+static bool StnzReplaceStanza(Stnz* stanza, const char* path, const char* temporary)
+{
+    if (FaultFails(FAULT_STNZ_SAVE, path))
+        return false;
+    // Only a file that is certainly not there counts as empty: anything else that cannot be read
+    // would be lost by replacing it.
+    if (PathKind(path) == PATH_ABSENT)
+        return StnzRewriteFile(stanza, path, temporary, {"", 0});
+    uint32_t size;
+    char* bytes = StnzReadFile(&size, path);
+    if (!bytes)
+        return false;
+    const bool good = StnzRewriteFile(stanza, path, temporary, {bytes, size});
+    MemFree(bytes);
+    return good;
+}
+
+// The path with `between` ahead of its last name and ".tmp" behind it; null when out of memory.
+static char* StnzTemporary(const char* path, const char* between)
+{
+    constexpr char TAIL[] = ".tmp";
+    const char* name = path + strlen(path);
+    while (name > path && !SysIsSeparator(name[-1]))
+        --name;
+    char* temporary = static_cast<char*>(
+        MemAllocateWideUncleared(uint64_t{strlen(path)} + strlen(between) + sizeof TAIL));
+    if (!temporary)
+        return nullptr;
+    Output text = {temporary, 0};
+    StnzPut(&text, path, static_cast<size_t>(name - path));
+    StnzPutText(&text, between);
+    StnzPutText(&text, name);
+    StnzPut(&text, TAIL, sizeof TAIL); // with its NUL
+    return temporary;
+}
+
+static NimBool StnzReplaceThrough(Stnz* stanza, const char* path, const char* between)
+{
+    if (!stanza || !path || !*path)
+        return FALSE;
+    char* temporary = StnzTemporary(path, between);
+    const NimBool good = temporary && StnzReplaceStanza(stanza, path, temporary);
+    MemFree(temporary);
     return good;
 }
 
 NimBool StnzReplaceStanzaInFile(Stnz* stanza, const char* path)
 {
-    if (!stanza || !path || !*path || FaultFails(FAULT_STNZ_SAVE, path))
-        return FALSE;
-    // Only a file that is certainly not there counts as empty: anything else that cannot be read
-    // would be lost by replacing it.
-    const SysKind kind = SysPathKind(path);
-    if (kind == SYS_ABSENT)
-        return StnzRewriteFile(stanza, path, {"", 0});
-    uint32_t size;
-    char* bytes = kind == SYS_OTHER ? StnzReadFile(&size, path) : nullptr;
-    if (!bytes)
-        return FALSE;
-    const bool good = StnzRewriteFile(stanza, path, {bytes, size});
-    MemFree(bytes);
-    return good;
+    return StnzReplaceThrough(stanza, path, "");
+}
+
+NimBool StnzReplaceStanzaViaParent(Stnz* stanza, const char* path)
+{
+    return StnzReplaceThrough(stanza, path, "../"); // both systems take this separator
 }

@@ -12,8 +12,6 @@
 #include "format.h"
 #include "nim/mem.h"
 
-static_assert(std::endian::native == std::endian::little, "the first byte of a word is its lowest");
-
 namespace {
 
 constexpr uint64_t STR_ONES = 0x0101010101010101ull;

@@ -4,9 +4,10 @@
 // not from a pool, when it is long: tracing must not disturb what it reports on). The ring keeps
 // its first bytes; a sink gets the text behind the head.
 //
-// Two locks. The ring's is held for a copy. The sink's is held while the sink runs, so that lines
-// come out one at a time and a sink that was replaced is not running any more; the thread inside
-// a sink is marked, its own lines are ignored and it may set another sink.
+// No lock is held while a file is written: a whole line is one append, and the system keeps them
+// apart. A sink of the host runs in its thread's turn (sinkturn.h); the thread inside a sink is
+// marked, its own lines are ignored and it may set another sink. Two spin locks guard memory for a
+// moment: the ring's, and that of the levels.
 #include "nim/trace.h"
 
 #include <cstdlib>
@@ -15,6 +16,7 @@
 #include "format.h"
 #include "nim/mem.h"
 #include "output.h"
+#include "sinkturn.h"
 #include "spinlock.h"
 #include "sys.h"
 #include "tracering.h"
@@ -42,11 +44,10 @@ struct TraceRing {
 TraceRing gTraceRing;
 
 struct TraceState {
-    SpinLock lock; // the sink's
-    bool ready;    // the environment was read
-    TraceSink sink;
-    void* context;
-    int32_t defaultLevel;
+    SpinLock lock;               // of the levels, and of reading the environment
+    std::atomic<TraceSink> sink; // replaced in the turn of a thread; null: file or standard error
+    void* context;               // the sink's; read and replaced in turn
+    int32_t defaultLevel;        // of the environment, as is the path; both stay as they are
     char path[OUTPUT_PATH_SIZE];
 };
 
@@ -56,28 +57,9 @@ std::atomic<int32_t> gTraceRingLevel{TRACE_RING_LEVEL};
 std::atomic<bool> gTraceReady{false};
 thread_local bool gTraceInSink = false;
 
-// The sink's lock, for a thread that may be inside the sink already.
-class TraceSinkLock {
-  public:
-    TraceSinkLock() : taken_(!gTraceInSink)
-    {
-        if (taken_)
-            gTrace.lock.Lock();
-    }
-    ~TraceSinkLock()
-    {
-        if (taken_)
-            gTrace.lock.Unlock();
-    }
-    TraceSinkLock(const TraceSinkLock&) = delete;
-    TraceSinkLock& operator=(const TraceSinkLock&) = delete;
-
-  private:
-    bool taken_;
-};
-
 } // namespace
 
+// With the lock of the levels held, as what follows.
 static void TraceUpdateThreshold()
 {
     int32_t sink = gTraceSinkLevel.load(std::memory_order_relaxed);
@@ -87,12 +69,8 @@ static void TraceUpdateThreshold()
         &gNimTraceThreshold, threshold > TRACE_ALWAYS ? threshold : TRACE_ALWAYS, __ATOMIC_RELAXED);
 }
 
-// With the sink's lock held.
 static void TraceReadEnvironment()
 {
-    if (gTrace.ready)
-        return;
-    gTrace.ready = true;
     gTrace.defaultLevel = TRACE_ALWAYS;
     char level[16];
     if (SysGetEnvironment("NIM_TRACE_LEVEL", level, sizeof level) && level[0] != 0) {
@@ -104,15 +82,16 @@ static void TraceReadEnvironment()
     if (!SysGetEnvironment("NIM_TRACE_FILE", gTrace.path, sizeof gTrace.path))
         gTrace.path[0] = 0;
     gTraceSinkLevel.store(gTrace.defaultLevel, std::memory_order_relaxed);
-    gTraceReady.store(true, std::memory_order_release);
     TraceUpdateThreshold();
+    gTraceReady.store(true, std::memory_order_release);
 }
 
 static inline void TracePrepare()
 {
     if (!gTraceReady.load(std::memory_order_acquire)) {
-        TraceSinkLock lock;
-        TraceReadEnvironment();
+        SpinLockGuard guard(gTrace.lock);
+        if (!gTraceReady.load(std::memory_order_relaxed))
+            TraceReadEnvironment();
     }
 }
 
@@ -144,18 +123,38 @@ static void TraceKeep(const char* text, uint32_t length)
         ++gTraceRing.count;
 }
 
-static void TraceSend(const TraceLine* line, const char* text, uint32_t length)
+static bool TraceReaches(int32_t level, const std::atomic<int32_t>& limit)
 {
-    TraceSinkLock lock;
+    return level <= TRACE_ALWAYS || level <= limit.load(std::memory_order_relaxed);
+}
+
+// Hands the line to the host's sink. False when there is none any more.
+static bool TraceCallSink(const TraceLine* line)
+{
+    const SinkTurn turn;
+    const TraceSink sink = gTrace.sink.load(std::memory_order_relaxed);
+    if (!sink)
+        return false;
+    // The sink may be another one than when the line was composed.
+    if (!TraceReaches(line->level, gTraceSinkLevel))
+        return true;
     gTraceInSink = true;
-    if (gTrace.sink) {
-        gTrace.sink(gTrace.context, line);
-    } else {
-        Output output(gTrace.path);
-        output.Put(text, length);
-        output.Put("\n");
-    }
+    sink(gTrace.context, line);
     gTraceInSink = false;
+    return true;
+}
+
+// Sends the line out. Its NUL, text[length], makes room for the end of the line.
+static void TraceSend(const TraceLine* line, char* text, uint32_t length)
+{
+    if (gTrace.sink.load(std::memory_order_acquire)) {
+        if (TraceCallSink(line))
+            return;
+        if (!TraceReaches(line->level, gTraceSinkLevel))
+            return;
+    }
+    text[length] = '\n';
+    OutputWrite(gTrace.path, text, size_t{length} + 1);
 }
 
 void TraceMessageV(
@@ -165,8 +164,8 @@ void TraceMessageV(
     if (gTraceInSink)
         return;
     TracePrepare();
-    bool toSink = level <= TRACE_ALWAYS || level <= gTraceSinkLevel.load(std::memory_order_relaxed);
-    bool toRing = level <= TRACE_ALWAYS || level <= gTraceRingLevel.load(std::memory_order_relaxed);
+    const bool toSink = TraceReaches(level, gTraceSinkLevel);
+    const bool toRing = TraceReaches(level, gTraceRingLevel);
     if (!toSink && !toRing)
         return;
 
@@ -213,18 +212,19 @@ void TraceMessageVa(
 
 void TraceSetSink(TraceSink sink, void* context, int32_t level)
 {
-    TraceSinkLock lock;
-    TraceReadEnvironment();
-    gTrace.sink = sink;
+    TracePrepare();
+    const SinkTurn turn;
     gTrace.context = sink ? context : nullptr;
+    gTrace.sink.store(sink, std::memory_order_release);
+    SpinLockGuard guard(gTrace.lock);
     gTraceSinkLevel.store(sink ? level : gTrace.defaultLevel, std::memory_order_relaxed);
     TraceUpdateThreshold();
 }
 
 void TraceSetRingLevel(int32_t level)
 {
-    TraceSinkLock lock;
-    TraceReadEnvironment();
+    TracePrepare();
+    SpinLockGuard guard(gTrace.lock);
     gTraceRingLevel.store(level, std::memory_order_relaxed);
     TraceUpdateThreshold();
 }
@@ -270,7 +270,6 @@ NimBool TraceDumpToString(char** out, uint32_t lines)
 
 void TraceWriteRing()
 {
-    Output output(nullptr);
     uint32_t first;
     uint32_t count;
     {
@@ -284,7 +283,8 @@ void TraceWriteRing()
             SpinLockGuard guard(gTraceRing.lock);
             memcpy(line, gTraceRing.lines[(first + i) % TRACE_RING_LINES], sizeof line);
         }
-        output.Put(line);
-        output.Put("\n");
+        const size_t length = strlen(line);
+        line[length] = '\n'; // in the place of its NUL
+        SysWriteStandardError(line, length + 1);
     }
 }

@@ -9,7 +9,7 @@
 
 namespace {
 
-class BackoutTest : public PeopleTest {
+class Backout : public PeopleTest {
   protected:
     // The person cannot be added; nothing but the id is used up.
     void ExpectRefused(Person person, const People& model)
@@ -48,7 +48,7 @@ class BackoutTest : public PeopleTest {
     int32_t Levels(uint32_t field) const { return Field(table_, field)->levels; }
 };
 
-TEST_F(BackoutTest, AnAbsentNameOnAnEmptyTableIsRefusedAndTheNextAddWorks)
+TEST_F(Backout, AnAbsentNameOnAnEmptyTableIsRefusedAndTheNextAddWorks)
 {
     People model;
     Person nameless = MakePerson(1);
@@ -64,7 +64,7 @@ TEST_F(BackoutTest, AnAbsentNameOnAnEmptyTableIsRefusedAndTheNextAddWorks)
     ExpectHolds(table_, model);
 }
 
-TEST_F(BackoutTest, AnEmptyTableRefusesInAnyIndexAndGoesOn)
+TEST_F(Backout, AnEmptyTableRefusesInAnyIndexAndGoesOn)
 {
     People model;
     for (const Person& person : Refused(1, 2)) {
@@ -81,7 +81,7 @@ TEST_F(BackoutTest, AnEmptyTableRefusesInAnyIndexAndGoesOn)
 }
 
 // 681 ids fill a node: the next one splits the root of the ids before another index refuses.
-TEST_F(BackoutTest, ASplitRootComesBackWhenALaterIndexRefuses)
+TEST_F(Backout, ASplitRootComesBackWhenALaterIndexRefuses)
 {
     People model;
     AddPeople(table_, &model, 0, 681);
@@ -101,7 +101,7 @@ TEST_F(BackoutTest, ASplitRootComesBackWhenALaterIndexRefuses)
 }
 
 // Long names make trees of many levels of few entries, in which nearly every add splits.
-TEST_F(BackoutTest, DeepTreesComeBackWhenALaterIndexRefuses)
+TEST_F(Backout, DeepTreesComeBackWhenALaterIndexRefuses)
 {
     People model;
     uint32_t n = 0;
@@ -123,7 +123,7 @@ TEST_F(BackoutTest, DeepTreesComeBackWhenALaterIndexRefuses)
 
 // The new root of the first index comes off the free chain; dropped with the failed operation it
 // must not be taken for a root again.
-TEST_F(BackoutTest, ARootFromTheFreeChainIsForgottenWithItsOperation)
+TEST_F(Backout, ARootFromTheFreeChainIsForgottenWithItsOperation)
 {
     People model;
     AddPeople(table_, &model, 0, 3);
@@ -144,7 +144,7 @@ TEST_F(BackoutTest, ARootFromTheFreeChainIsForgottenWithItsOperation)
     ExpectHolds(table_, model);
 }
 
-TEST_F(BackoutTest, AFailedAddAfterEveryNodeOfAnIndexWentLeavesItEmpty)
+TEST_F(Backout, AFailedAddAfterEveryNodeOfAnIndexWentLeavesItEmpty)
 {
     People model;
     AddPeople(table_, &model, 0, 1);
@@ -159,7 +159,7 @@ TEST_F(BackoutTest, AFailedAddAfterEveryNodeOfAnIndexWentLeavesItEmpty)
     ExpectHolds(table_, model);
 }
 
-TEST_F(BackoutTest, AFailedAddWritesNothingToTheBlockFile)
+TEST_F(Backout, AFailedAddWritesNothingToTheBlockFile)
 {
     People model;
     AddPeople(table_, &model, 0, 30);
@@ -173,7 +173,7 @@ TEST_F(BackoutTest, AFailedAddWritesNothingToTheBlockFile)
 }
 
 // An add that fails has moved the cursors' keys under them, and back.
-TEST_F(BackoutTest, CursorsKeepTheirPlaceOverAFailedAdd)
+TEST_F(Backout, CursorsKeepTheirPlaceOverAFailedAdd)
 {
     People model;
     AddPeople(table_, &model, 0, 900);
@@ -193,7 +193,7 @@ TEST_F(BackoutTest, CursorsKeepTheirPlaceOverAFailedAdd)
 
 // Kept: a failed add uses its id up in memory only, so that closing right away lets it be issued
 // again.
-TEST_F(BackoutTest, AnIdOfAFailedAddIsIssuedAgainAfterClosingWithoutAnUpdate)
+TEST_F(Backout, AnIdOfAFailedAddIsIssuedAgainAfterClosingWithoutAnUpdate)
 {
     People model;
     ExpectAdded(MakePerson(1), &model);
@@ -206,7 +206,7 @@ TEST_F(BackoutTest, AnIdOfAFailedAddIsIssuedAgainAfterClosingWithoutAnUpdate)
     EXPECT_EQ(model.rbegin()->first, 2u);
 }
 
-TEST_F(BackoutTest, AnIdOfAFailedAddStaysUsedOnceALaterOneWasStored)
+TEST_F(Backout, AnIdOfAFailedAddStaysUsedOnceALaterOneWasStored)
 {
     People model;
     ExpectAdded(MakePerson(1), &model);
@@ -221,7 +221,7 @@ TEST_F(BackoutTest, AnIdOfAFailedAddStaysUsedOnceALaterOneWasStored)
 
 // Kept: IndxAddRecord neither stores nor backs out. Its caller must not go on after a failure: the
 // keys entered so far stay in memory, and the next good add commits them.
-TEST_F(BackoutTest, AFailedAddRecordThatIsNotBackedOutLeavesItsKeyToTheNextAdd)
+TEST_F(Backout, AFailedAddRecordThatIsNotBackedOutLeavesItsKeyToTheNextAdd)
 {
     People model;
     ExpectAdded(MakePerson(1), &model);
@@ -240,20 +240,22 @@ TEST_F(BackoutTest, AFailedAddRecordThatIsNotBackedOutLeavesItsKeyToTheNextAdd)
     ExpectSound(table_);
 }
 
-TEST_F(BackoutTest, AnAddRecordThatWasNotStoredIsDroppedByALaterFailure)
+TEST_F(Backout, AnAddRecordThatWasNotStoredIsDroppedByALaterFailure)
 {
     People model;
     ExpectAdded(MakePerson(1), &model);
     const Held blob = BlobOf(MakePerson(2));
+    const uint64_t size = std::filesystem::file_size(RecordsPath());
     ASSERT_EQ(IndxAddRecord(7, table_, &static_cast<DbBlob*>(blob.get())->data), 1u);
     Person again = MakePerson(1);
     EXPECT_EQ(Add(table_, &again), 0u);
     ExpectHolds(table_, model);
+    EXPECT_GT(std::filesystem::file_size(RecordsPath()), size); // its bytes stay
     ExpectAdded(MakePerson(2), &model);
 }
 
 // The first keys of all indexes: the roots are as good as never made.
-TEST_F(BackoutTest, FirstRootsThatWereNotStoredAreDroppedByALaterFailure)
+TEST_F(Backout, FirstRootsThatWereNotStoredAreDroppedByALaterFailure)
 {
     const Held blob = BlobOf(MakePerson(2));
     ASSERT_EQ(IndxAddRecord(7, table_, &static_cast<DbBlob*>(blob.get())->data), 1u);
@@ -267,7 +269,7 @@ TEST_F(BackoutTest, FirstRootsThatWereNotStoredAreDroppedByALaterFailure)
     ExpectHolds(table_, model);
 }
 
-TEST_F(BackoutTest, ManyAddRecordsAreStoredByOneUpdate)
+TEST_F(Backout, ManyAddRecordsAreStoredByOneUpdate)
 {
     People model;
     for (uint32_t n = 1; n <= 1500; ++n) {
@@ -281,7 +283,7 @@ TEST_F(BackoutTest, ManyAddRecordsAreStoredByOneUpdate)
     ExpectHolds(table_, model);
 }
 
-TEST_F(BackoutTest, ClosingWithChangesThatWereNotStoredLosesThemWithOneMessageABlock)
+TEST_F(Backout, ClosingWithChangesThatWereNotStoredLosesThemWithOneMessageABlock)
 {
     People model;
     AddPeople(table_, &model, 0, 40);
@@ -300,7 +302,7 @@ TEST_F(BackoutTest, ClosingWithChangesThatWereNotStoredLosesThemWithOneMessageAB
     ExpectAdded(MakePerson(100), &model);
 }
 
-TEST_F(BackoutTest, ClosingWithDiscardedBlocksThatWereNotStoredKeepsThemInTheTree)
+TEST_F(Backout, ClosingWithDiscardedBlocksThatWereNotStoredKeepsThemInTheTree)
 {
     People model;
     AddPeople(table_, &model, 0, 1);
@@ -326,7 +328,7 @@ TEST_F(BackoutTest, ClosingWithDiscardedBlocksThatWereNotStoredKeepsThemInTheTre
 
 // ---- full disks ------------------------------------------------------------------------------
 
-TEST_F(BackoutTest, AnAddWhoseBlockHasNoRoomIsBackedOut)
+TEST_F(Backout, AnAddWhoseBlockHasNoRoomIsBackedOut)
 {
     People model;
     AddPeople(table_, &model, 0, 8, 5400);
@@ -346,7 +348,7 @@ TEST_F(BackoutTest, AnAddWhoseBlockHasNoRoomIsBackedOut)
     ExpectHolds(table_, model);
 }
 
-TEST_F(BackoutTest, AnAddWhoseRecordHasNoRoomIsBackedOut)
+TEST_F(Backout, AnAddWhoseRecordHasNoRoomIsBackedOut)
 {
     People model;
     AddPeople(table_, &model, 0, 5);
@@ -364,13 +366,13 @@ TEST_F(BackoutTest, AnAddWhoseRecordHasNoRoomIsBackedOut)
 }
 
 // A disk that is really full, met wherever it happens: in the block file or in the records file.
-class FullDiskTest : public BackoutTest, public testing::WithParamInterface<SmallDisk::Kind> {};
+class BackoutFullDisk : public Backout, public testing::WithParamInterface<SmallDisk::Kind> {};
 
 INSTANTIATE_TEST_SUITE_P(
-    Disks, FullDiskTest,
+    Disks, BackoutFullDisk,
     testing::Values(SmallDisk::MOUNTED, SmallDisk::LIMITED, SmallDisk::FAULTY));
 
-TEST_P(FullDiskTest, NothingThatWasStoredIsLost)
+TEST_P(BackoutFullDisk, NothingThatWasStoredIsLost)
 {
     Close();
     SmallDisk disk(GetParam(), DatabasePath(), 700 * 1024);
@@ -411,7 +413,7 @@ TEST_P(FullDiskTest, NothingThatWasStoredIsLost)
     Close();
 }
 
-TEST_P(FullDiskTest, ATableThatCannotBeStoredDoesNoHarm)
+TEST_P(BackoutFullDisk, ATableThatCannotBeStoredDoesNoHarm)
 {
     People model;
     AddPeople(table_, &model, 0, 30);
@@ -443,7 +445,7 @@ TEST_P(FullDiskTest, ATableThatCannotBeStoredDoesNoHarm)
 
 // With room for a page or two the control block of a new file would be written half-way, and the
 // file could never be opened again.
-TEST_P(FullDiskTest, ATableCreatedWithLittleRoomIsCreatedLater)
+TEST_P(BackoutFullDisk, ATableCreatedWithLittleRoomIsCreatedLater)
 {
     Close();
     for (uint64_t pages = 0; pages < 8; ++pages) {

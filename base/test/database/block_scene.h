@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "database/block.h"
-#include "database/block/blockstore.h"
+#include "database/block/shapes.h"
 #include "nim/fault.h"
 #include "nim/nim.h"
 #include "support/temporary_directory.h"

@@ -422,8 +422,7 @@ TEST(LastError, StaysWhenARecordOperationFailsWithoutACodeOfItsOwn)
     });
 }
 
-// ---- result codes
-// --------------------------------------------------------------------------------
+// ---- result codes -----------------------------------------------------------------------------
 
 struct ResultLine {
     const char* what;

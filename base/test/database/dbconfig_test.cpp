@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "database/dbconfig_internal.h"
+#include "database/indexinternal.h"
+#include "database/index.h"
 #include "nim/fault.h"
 #include "nim/nim.h"
 #include "support/file_bytes.h"
@@ -88,6 +90,8 @@ TEST_F(DbConfig, HomeIsDbUnderTheProductsHomeWithoutAKey)
     EXPECT_EQ(Home(), expected);
     WriteFileBytes(directory_.path("configure.cfg"), "[Other]\ndatabase = x\n");
     EXPECT_EQ(Home(), expected);
+    Configure(""); // an empty value is none
+    EXPECT_EQ(Home(), expected);
 }
 
 TEST_F(DbConfig, HomeIsTheConfiguredDirectoryAsItStands)
@@ -96,15 +100,8 @@ TEST_F(DbConfig, HomeIsTheConfiguredDirectoryAsItStands)
     EXPECT_EQ(Home(), "D:\\bases de données");
     Configure("relative/place");
     EXPECT_EQ(Home(), "relative/place");
-}
-
-TEST_F(DbConfig, HomeIsTracedAtDetailLevel)
-{
-    Configure("/var/bases");
-    TraceRecorder trace;
-    Home();
-    ExpectLine(trace, 0, 4, "Db home dir is /var/bases");
-    EXPECT_EQ(trace.texts().size(), 1u);
+    Configure("some\\..\\where");
+    EXPECT_EQ(Home(), "some\\..\\where");
 }
 
 TEST_F(DbConfig, HomeWithoutMemoryIsNullAndTheResultStaysOne)
@@ -121,6 +118,55 @@ TEST_F(DbConfig, HomeWithoutMemoryIsNullAndTheResultStaysOne)
     ExpectLine(trace, 0, 4, "Db home dir is (null)");
     EXPECT_EQ(MemLiveCount(), pieces);
     EXPECT_EQ(DbGetHomeDir(nullptr), 0u);
+}
+
+TEST_F(DbConfig, HomeIsNullAndNotTheDefaultWhenTheConfigurationCannotBeRead)
+{
+    Configure("/var/bases");
+    for (const uint32_t point : {FAULT_OPEN, FAULT_READ, FAULT_STNZ_LOAD}) {
+        const FaultRule rule = {point, "configure.cfg", 1, 1, FAULT_FAIL, 0};
+        FaultArm(&rule);
+        TraceRecorder trace(-1);
+        EXPECT_EQ(Home(), "(null)") << point;
+        EXPECT_TRUE(trace.hasPart("configure.cfg'; no default takes its place")) << trace.dump();
+        FaultDisarmAll();
+        EXPECT_EQ(Home(), "/var/bases");
+    }
+    std::filesystem::remove(directory_.path("configure.cfg"));
+    std::filesystem::create_directory(directory_.path("configure.cfg"));
+    EXPECT_EQ(Home(), "(null)");
+}
+
+// The home directory of databases would be another one, and the database in it an empty one.
+TEST_F(DbConfig, NoDatabaseIsOpenedUnderAnotherHomeThanTheConfiguredOne)
+{
+    Configure(directory_.path("configured"));
+    void* oDatabase = nullptr;
+    ASSERT_EQ(IndxOpenDatabase(&oDatabase, "Data", nullptr, nullptr), 1u);
+    ASSERT_EQ(IndxCloseDatabase(&oDatabase), 1u);
+    ASSERT_TRUE(std::filesystem::exists(directory_.path("configured/Data/Indexes")));
+    TraceRecorder quiet(-1);
+    LogRecorder log;
+    for (const uint32_t point :
+         {FAULT_OPEN, FAULT_READ, FAULT_STNZ_LOAD, FAULT_ALLOC, FAULT_EXISTS, FAULT_SEEKEND}) {
+        for (const uint32_t times : {1u, 0u}) {
+            bool struck = true;
+            for (uint32_t nth = 1; struck; ++nth) {
+                ASSERT_LT(nth, 1000u);
+                const FaultRule rule = {point, nullptr, nth, times, FAULT_FAIL, 0};
+                const uint32_t id = FaultArm(&rule);
+                const NimBool opened = IndxOpenDatabase(&oDatabase, "Data", nullptr, nullptr);
+                struck = FaultHits(id) != 0;
+                FaultDisarmAll();
+                EXPECT_EQ(opened == 1, oDatabase != nullptr);
+                EXPECT_TRUE(opened || struck);
+                IndxCloseDatabase(&oDatabase);
+                ASSERT_FALSE(std::filesystem::exists(directory_.path("db")))
+                    << "point " << point << ", call " << nth;
+                ASSERT_FALSE(std::filesystem::exists("Data"));
+            }
+        }
+    }
 }
 
 TEST_F(DbConfig, ClusteredModeStartsAtZeroAndKeepsAnyValue)
@@ -170,30 +216,6 @@ TEST_F(DbConfig, AllOtherPathsBelongToNone)
     EXPECT_EQ(Derived(nullptr), "");
 }
 
-TEST_F(DbConfig, DerivedPathIsTracedWithResultAndPath)
-{
-    Configure("/home/bases");
-    TraceRecorder trace;
-    Derived("e:\\x");
-    Derived("App");
-    Derived(nullptr);
-    char* none = nullptr;
-    EXPECT_EQ(DbGetClusterDerivedPath("xyz", &none), 0u);
-    EXPECT_EQ(DbGetClusterDerivedPath("e:\\x", nullptr), 0u);
-    Derived("SystemState");
-    const Texts expected = {
-        "For path e:\\x, retval is TRUE, db is E:\\tambdb",
-        "For path App, retval is FALSE, db is untouched",
-        "For path (null), retval is FALSE, db is untouched",
-        "For path xyz, retval is FALSE, db is (null)",
-        "For path e:\\x, retval is FALSE, db is (null)",
-        "Db home dir is /home/bases",
-        "For path SystemState, retval is TRUE, db is /home/bases"};
-    EXPECT_EQ(trace.texts(), expected);
-    for (const std::string& text : expected)
-        ExpectLine(trace, 0, 4, text);
-}
-
 TEST_F(DbConfig, DerivedPathWithoutMemoryIsNone)
 {
     const FaultRule rule = {FAULT_ALLOC, nullptr, 1, 0, FAULT_FAIL, 0};
@@ -234,9 +256,21 @@ TEST_F(DbConfig, HomeDirectoryMungesToZeroAndBack)
     EXPECT_EQ(Taken(DbGetDbPathFromMungedQtreeId(0x00FFFFFF)), "C:\\Bases");
 }
 
+TEST_F(DbConfig, MungingFailsWhenTheHomeDirectoryCannotBeTold)
+{
+    Configure("D:\\bases");
+    const FaultRule rule = {FAULT_READ, "configure.cfg", 1, 1, FAULT_FAIL, 0};
+    FaultArm(&rule);
+    TraceRecorder trace;
+    EXPECT_EQ(DbMungeQtreeIdFromDbPath(7, "D:\\bases"), 0u);
+    ExpectLine(trace, 1, -1, "Failed to munge path D:\\bases: the home directory cannot be told");
+    EXPECT_EQ(DbMungeQtreeIdFromDbPath(7, "D:\\other"), 0x04000007u);
+}
+
 TEST_F(DbConfig, FirstCharacterThatIsNoLetterWrapsTheDriveNumber)
 {
     EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, "/unix"), 0xEF000001u);
+    EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, "\\\\server"), 0x1C000001u);
     EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, ""), 0xC0000001u);
     EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, "@"), 0x00000001u);
     EXPECT_EQ(DbMungeQtreeIdFromDbPath(1, "`"), 0x20000001u);
@@ -265,20 +299,6 @@ TEST_F(DbConfig, EveryFirstCharacterComesBackFromItsMungedId)
             c == '@' ? Home() : std::string(1, static_cast<char>(lower ? c - 32 : c)) + ":\\tambdb";
         EXPECT_EQ(Taken(DbGetDbPathFromMungedQtreeId(static_cast<int32_t>(munged))), expected) << c;
     }
-}
-
-TEST_F(DbConfig, MungingIsTraced)
-{
-    Configure("/home/bases");
-    TraceRecorder trace;
-    DbMungeQtreeIdFromDbPath(0x92345678, "e:\\x");
-    DbMungeQtreeIdFromDbPath(5, nullptr);
-    DbMungeQtreeIdFromDbPath(5, "/home/bases");
-    ExpectLine(
-        trace, 0, 4,
-        "For path e:\\x and qtree id -1842063752 0x92345678, the return value is 0x5345678");
-    ExpectLine(trace, 0, 4, "For path (null) and qtree id 5 0x5, the return value is 0x0");
-    ExpectLine(trace, 0, 4, "For path /home/bases and qtree id 5 0x5, the return value is 0x0");
 }
 
 // ---- list of database paths -------------------------------------------------------------------
@@ -386,6 +406,22 @@ TEST_F(DbConfigList, OtherThanFixedDrivesAreNeverListed)
     EXPECT_FALSE(trace.hasPart("PathIsADirectory"));
 }
 
+TEST_F(DbConfigList, WhatTheSystemCannotTellIsNotTakenForANo)
+{
+    if (!MakeDriveDirectories("BC"))
+        GTEST_SKIP() << "drive letters are the system's own here";
+    Drives("B", 0);
+    Drives("C", 3);
+    const FaultRule rule = {FAULT_EXISTS, "tambdb", 1, 1, FAULT_FAIL, 0};
+    FaultArm(&rule);
+    TraceRecorder trace(1);
+    EXPECT_EQ(Listed(0), Texts());
+    ExpectLine(trace, 1, -1, "Failed to tell the type of drive B:\\; it is left out");
+    ExpectLine(trace, 1, -1, "Failed to tell whether C:\\tambdb is a directory; it is left out");
+    EXPECT_FALSE(trace.hasPart("PathIsADirectory"));
+    EXPECT_EQ(Listed(0), Texts({"C:\\tambdb"}));
+}
+
 TEST_F(DbConfigList, FixedDriveWithoutTheDirectoryIsNotListed)
 {
     if (!MakeDriveDirectories(""))
@@ -430,6 +466,17 @@ TEST_F(DbConfigList, FailedEnumerationIsAlwaysTracedWithTheSystemsErrorValue)
     ExpectLine(trace, 1234, -1, "GetLogicalDrives failed. Unable to enumerate drives");
     EXPECT_EQ(trace.texts().size(), 1u);
     EXPECT_EQ(gTest.asked, Texts());
+}
+
+TEST_F(DbConfigList, NothingHereSetsTheLastError)
+{
+    IndxSetError(77);
+    Derived(nullptr);
+    Derived("App");
+    DbMungeQtreeIdFromDbPath(1, nullptr);
+    Listed(1); // and no drive
+    EXPECT_EQ(IndxError(), 77u);
+    IndxSetError(0);
 }
 
 TEST_F(DbConfigList, SystemWithoutDriveLettersListsTheHomeDirectoryAlone)

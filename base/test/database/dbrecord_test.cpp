@@ -388,6 +388,10 @@ TEST(DbRecordEncode, InvalidMagicIsTracedAndEndsTheProcess)
         EXPECT_EQ(trace.texts().size(), 1u);
     }
     OBJ_HEADER(object.get())->magic = 0xcabc0011;
+    for (uint32_t magic : {0xC8000000u, 0xCFFFFFFFu}) { // whatever lies under the mask is valid
+        const Instance valid(magic, "i;");
+        EXPECT_EQ(static_cast<DbBlob*>(Encoded(valid.get()).get())->magic, magic);
+    }
 }
 
 TEST(DbRecordEncode, ObjectWithoutTemplateIsTracedAndEndsTheProcess)

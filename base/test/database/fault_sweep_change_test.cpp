@@ -16,7 +16,7 @@
 
 namespace {
 
-class ChangeSweepTest : public FaultSweep {
+class FaultSweepChange : public FaultSweep {
   protected:
     using Operation = std::function<NimBool(void* oTable)>;
 
@@ -215,7 +215,7 @@ class ChangeSweepTest : public FaultSweep {
 
 // ---- modifying -------------------------------------------------------------------------------
 
-TEST_F(ChangeSweepTest, AModificationInItsPlace)
+TEST_F(FaultSweepChange, AModificationInItsPlace)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 10, 14); });
     Person wanted = MakePerson(50);
@@ -224,7 +224,7 @@ TEST_F(ChangeSweepTest, AModificationInItsPlace)
     Sweep(2, wanted, ModifyAtCursor(2, wanted));
 }
 
-TEST_F(ChangeSweepTest, AModificationThatChangesNoKey)
+TEST_F(FaultSweepChange, AModificationThatChangesNoKey)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 10, 14); });
     Person wanted = before_.at(3);
@@ -233,19 +233,19 @@ TEST_F(ChangeSweepTest, AModificationThatChangesNoKey)
     EXPECT_FALSE(writesNodes_);
 }
 
-TEST_F(ChangeSweepTest, AModificationThatMovesToTheEnd)
+TEST_F(FaultSweepChange, AModificationThatMovesToTheEnd)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 10, 14); }, 1);
     Sweep(2, MakePerson(50, 300), ModifyById(2, MakePerson(50, 300)), 1);
 }
 
-TEST_F(ChangeSweepTest, AModificationOfTheOnlyRecordThatGrowsInItsPlace)
+TEST_F(FaultSweepChange, AModificationOfTheOnlyRecordThatGrowsInItsPlace)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 10, 11); });
     Sweep(1, MakePerson(50, 300), ModifyAtCursor(1, MakePerson(50, 300)));
 }
 
-TEST_F(ChangeSweepTest, AModificationThatSplitsALeafAndGrowsTheRoot)
+TEST_F(FaultSweepChange, AModificationThatSplitsALeafAndGrowsTheRoot)
 {
     Prepare([](void* oTable, People* pModel) {
         AddNamed(oTable, pModel, {{"A", 0}, {"M", HALF}, {"R", HALF}});
@@ -257,7 +257,7 @@ TEST_F(ChangeSweepTest, AModificationThatSplitsALeafAndGrowsTheRoot)
     Sweep(1, wanted, ModifyById(1, wanted));
 }
 
-TEST_F(ChangeSweepTest, AModificationThatSplitsABranchAndGrowsTheRoot)
+TEST_F(FaultSweepChange, AModificationThatSplitsABranchAndGrowsTheRoot)
 {
     Prepare([](void* oTable, People* pModel) {
         AddPeople(oTable, pModel, 0, 4, HALF, HALF);
@@ -270,7 +270,7 @@ TEST_F(ChangeSweepTest, AModificationThatSplitsABranchAndGrowsTheRoot)
     Sweep(5, wanted, ModifyAtCursor(5, wanted));
 }
 
-TEST_F(ChangeSweepTest, AModificationThatSplitsToTheLeft)
+TEST_F(FaultSweepChange, AModificationThatSplitsToTheLeft)
 {
     Prepare([](void* oTable, People* pModel) {
         AddPeople(oTable, pModel, 10, 14, HALF, HALF);
@@ -281,7 +281,7 @@ TEST_F(ChangeSweepTest, AModificationThatSplitsToTheLeft)
     Sweep(5, wanted, ModifyById(5, wanted));
 }
 
-TEST_F(ChangeSweepTest, AModificationThatEmptiesALeaf)
+TEST_F(FaultSweepChange, AModificationThatEmptiesALeaf)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 0, 5, HALF); });
     const Person wanted = Named(4, "A");
@@ -291,7 +291,7 @@ TEST_F(ChangeSweepTest, AModificationThatEmptiesALeaf)
     Sweep(5, wanted, ModifyById(5, wanted));
 }
 
-TEST_F(ChangeSweepTest, AModificationThatEmptiesBranches)
+TEST_F(FaultSweepChange, AModificationThatEmptiesBranches)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 0, 9, HALF); });
     const Person wanted = Named(8, "A");
@@ -301,7 +301,7 @@ TEST_F(ChangeSweepTest, AModificationThatEmptiesBranches)
     Sweep(9, wanted, ModifyAtCursor(9, wanted));
 }
 
-TEST_F(ChangeSweepTest, AModificationThatTakesBlocksOffTheFreeChain)
+TEST_F(FaultSweepChange, AModificationThatTakesBlocksOffTheFreeChain)
 {
     Prepare([](void* oTable, People* pModel) {
         AddPeople(oTable, pModel, 0, 6, HALF, HALF);
@@ -316,7 +316,7 @@ TEST_F(ChangeSweepTest, AModificationThatTakesBlocksOffTheFreeChain)
     Sweep(7, wanted, ModifyById(7, wanted));
 }
 
-TEST_F(ChangeSweepTest, AModificationThatPutsBlocksOnTheFreeChain)
+TEST_F(FaultSweepChange, AModificationThatPutsBlocksOnTheFreeChain)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 0, 5, HALF, HALF); });
     const Person wanted = MakePerson(4);
@@ -326,13 +326,13 @@ TEST_F(ChangeSweepTest, AModificationThatPutsBlocksOnTheFreeChain)
 
 // ---- deleting --------------------------------------------------------------------------------
 
-TEST_F(ChangeSweepTest, ADeletion)
+TEST_F(FaultSweepChange, ADeletion)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 10, 14); }, 1);
     Sweep(2, std::nullopt, DeleteAtCursor(2), 1);
 }
 
-TEST_F(ChangeSweepTest, TheDeletionOfTheLastRecord)
+TEST_F(FaultSweepChange, TheDeletionOfTheLastRecord)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 10, 11); });
     const Effect effect = EffectOn(0, DeleteById(1));
@@ -341,7 +341,7 @@ TEST_F(ChangeSweepTest, TheDeletionOfTheLastRecord)
     Sweep(1, std::nullopt, DeleteById(1));
 }
 
-TEST_F(ChangeSweepTest, ADeletionThatEmptiesALeaf)
+TEST_F(FaultSweepChange, ADeletionThatEmptiesALeaf)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 0, 5, HALF); });
     EXPECT_EQ(EffectOn(1, DeleteById(5)).leaves, -1);
@@ -349,7 +349,7 @@ TEST_F(ChangeSweepTest, ADeletionThatEmptiesALeaf)
 }
 
 // From the inside of its level: both neighbours learn of it.
-TEST_F(ChangeSweepTest, ADeletionThatEmptiesALeafBetweenOthers)
+TEST_F(FaultSweepChange, ADeletionThatEmptiesALeafBetweenOthers)
 {
     Prepare([](void* oTable, People* pModel) {
         AddNamed(oTable, pModel, {{"A", HALF}, {"C", HALF}, {"T", HALF}, {"B", HALF}});
@@ -367,7 +367,7 @@ TEST_F(ChangeSweepTest, ADeletionThatEmptiesALeafBetweenOthers)
     Sweep(id, std::nullopt, DeleteById(id));
 }
 
-TEST_F(ChangeSweepTest, ADeletionThatEmptiesBranches)
+TEST_F(FaultSweepChange, ADeletionThatEmptiesBranches)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 0, 9, HALF, HALF); });
     EXPECT_EQ(EffectOn(1, DeleteAtCursor(9)).nodes, -3);
@@ -375,7 +375,7 @@ TEST_F(ChangeSweepTest, ADeletionThatEmptiesBranches)
 }
 
 // The first key of a leaf goes, the next one is longer, and the full parent has no room for it.
-TEST_F(ChangeSweepTest, ADeletionThatSplitsAFullParent)
+TEST_F(FaultSweepChange, ADeletionThatSplitsAFullParent)
 {
     Prepare([](void* oTable, People* pModel) {
         AddNamed(
@@ -402,7 +402,7 @@ TEST_F(ChangeSweepTest, ADeletionThatSplitsAFullParent)
 
 // A callback deletes the record it is given, or adds to its age: each record is as before or as
 // afterwards, whatever the walk met on its way.
-class ChangingWalkTest : public ChangeSweepTest {
+class FaultSweepChangingWalk : public FaultSweepChange {
   protected:
     struct Walk {
         void* oTable;
@@ -475,11 +475,11 @@ class ChangingWalkTest : public ChangeSweepTest {
     }
 };
 
-TEST_F(ChangingWalkTest, DeletingEveryRecord)
+TEST_F(FaultSweepChangingWalk, DeletingEveryRecord)
 {
     SweepWalk(true);
 }
-TEST_F(ChangingWalkTest, ModifyingEveryRecord)
+TEST_F(FaultSweepChangingWalk, ModifyingEveryRecord)
 {
     SweepWalk(false);
 }

@@ -10,7 +10,7 @@
 
 namespace {
 
-class ReadSweepTest : public FaultSweep {
+class FaultSweepRead : public FaultSweep {
   protected:
     static constexpr uint32_t COMPANIONS = 1; // the table has companion files
 
@@ -107,27 +107,27 @@ class ReadSweepTest : public FaultSweep {
     }
 };
 
-TEST_F(ReadSweepTest, AWalkOfWholeRecords)
+TEST_F(FaultSweepRead, AWalkOfWholeRecords)
 {
     SweepWalk(
         false, [](void* oTable, Walk* pWalk) { return IndxWalkTable(oTable, "Name", See, pWalk); });
 }
 
-TEST_F(ReadSweepTest, AWalkWithRecordIds)
+TEST_F(FaultSweepRead, AWalkWithRecordIds)
 {
     SweepWalk(false, [](void* oTable, Walk* pWalk) {
         return IndxWalkTableWithRecordId(oTable, "Id", SeeWithId, pWalk);
     });
 }
 
-TEST_F(ReadSweepTest, AWalkOfFixedParts)
+TEST_F(FaultSweepRead, AWalkOfFixedParts)
 {
     SweepWalk(true, [](void* oTable, Walk* pWalk) {
         return IndxWalkTableWithPartialRecords(oTable, nullptr, "Town", See, pWalk);
     });
 }
 
-TEST_F(ReadSweepTest, AWalkWithASelection)
+TEST_F(FaultSweepRead, AWalkWithASelection)
 {
     const uint32_t selected[8] = {0, 1};
     SweepWalk(false, [&](void* oTable, Walk* pWalk) {
@@ -135,7 +135,7 @@ TEST_F(ReadSweepTest, AWalkWithASelection)
     });
 }
 
-TEST_F(ReadSweepTest, SelectingByNameAndReadingThatAtACursor)
+TEST_F(FaultSweepRead, SelectingByNameAndReadingThatAtACursor)
 {
     const Held names(ListNewFromPool(0, MemGetDefaultPoolId()));
     for (const char* name : {"Name", "Photo"})
@@ -162,7 +162,7 @@ TEST_F(ReadSweepTest, SelectingByNameAndReadingThatAtACursor)
         });
 }
 
-TEST_F(ReadSweepTest, PartialRecordsByOffset)
+TEST_F(FaultSweepRead, PartialRecordsByOffset)
 {
     int64_t offset = 0;
     ASSERT_TRUE(Open());
@@ -195,7 +195,7 @@ TEST_F(ReadSweepTest, PartialRecordsByOffset)
         });
 }
 
-TEST_F(ReadSweepTest, OneRecordByItsKey)
+TEST_F(FaultSweepRead, OneRecordByItsKey)
 {
     const Held name(ObjStringNew(Third().name->c_str()));
     std::optional<Person> object, record;
@@ -219,7 +219,7 @@ TEST_F(ReadSweepTest, OneRecordByItsKey)
 
 // ---- companion files -------------------------------------------------------------------------
 
-TEST_F(ReadSweepTest, ThePathOfACompanionFile)
+TEST_F(FaultSweepRead, ThePathOfACompanionFile)
 {
     std::string path;
     Sweep(
@@ -236,7 +236,7 @@ TEST_F(ReadSweepTest, ThePathOfACompanionFile)
         });
 }
 
-TEST_F(ReadSweepTest, TheListOfCompanionFiles)
+TEST_F(FaultSweepRead, TheListOfCompanionFiles)
 {
     std::vector<int32_t> ids;
     Sweep(

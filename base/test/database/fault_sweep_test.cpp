@@ -13,7 +13,7 @@
 
 namespace {
 
-class FaultSweepTest : public FaultSweep {
+class FaultSweepAdd : public FaultSweep {
   protected:
     // Sweeps an operation that adds `added` to the open table. `run` answers as the library does.
     void SweepAdd(
@@ -89,19 +89,19 @@ class FaultSweepTest : public FaultSweep {
 
 // ---- adding ----------------------------------------------------------------------------------
 
-TEST_F(FaultSweepTest, TheFirstAdd)
+TEST_F(FaultSweepAdd, TheFirstAdd)
 {
     Prepare([](void*, People*) {});
     SweepAdd(MakePerson(1), 1, 0, AddObject);
 }
 
-TEST_F(FaultSweepTest, AnAddWithRoomEverywhere)
+TEST_F(FaultSweepAdd, AnAddWithRoomEverywhere)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 0, 3); });
     SweepAdd(MakePerson(3), 4, 0, AddObject);
 }
 
-TEST_F(FaultSweepTest, AnAddThatSplitsToTheRightAndGrowsTheRoot)
+TEST_F(FaultSweepAdd, AnAddThatSplitsToTheRightAndGrowsTheRoot)
 {
     int32_t levels = 0;
     Prepare([&](void* oTable, People* pModel) {
@@ -113,7 +113,7 @@ TEST_F(FaultSweepTest, AnAddThatSplitsToTheRightAndGrowsTheRoot)
     SweepAdd(added, 5, 0, AddObject);
 }
 
-TEST_F(FaultSweepTest, AnAddThatSplitsToTheLeftAndGrowsTheRoot)
+TEST_F(FaultSweepAdd, AnAddThatSplitsToTheLeftAndGrowsTheRoot)
 {
     int32_t levels = 0;
     Prepare([&](void* oTable, People* pModel) {
@@ -127,7 +127,7 @@ TEST_F(FaultSweepTest, AnAddThatSplitsToTheLeftAndGrowsTheRoot)
 }
 
 // Entries move to the new right node, and to a new parent.
-TEST_F(FaultSweepTest, AnAddInTheMiddleOfFullNodes)
+TEST_F(FaultSweepAdd, AnAddInTheMiddleOfFullNodes)
 {
     Prepare([](void* oTable, People* pModel) {
         for (uint32_t n : {10u, 20u, 30u, 40u, 50u, 60u, 70u})
@@ -136,7 +136,7 @@ TEST_F(FaultSweepTest, AnAddInTheMiddleOfFullNodes)
     SweepAdd(MakePerson(25, 5000, 5000), 8, 0, AddObject);
 }
 
-TEST_F(FaultSweepTest, AnAddThatReusesTheFreeChain)
+TEST_F(FaultSweepAdd, AnAddThatReusesTheFreeChain)
 {
     Prepare([](void* oTable, People* pModel) {
         AddPeople(oTable, pModel, 0, 6, HALF, HALF);
@@ -146,13 +146,13 @@ TEST_F(FaultSweepTest, AnAddThatReusesTheFreeChain)
     SweepAdd(MakePerson(50, HALF, HALF), 7, 0, AddObject);
 }
 
-TEST_F(FaultSweepTest, AnAddThatWritesACompanionFile)
+TEST_F(FaultSweepAdd, AnAddThatWritesACompanionFile)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 0, 2); }, 1);
     SweepAdd(MakePerson(2), 3, 1, AddObject);
 }
 
-TEST_F(FaultSweepTest, SettingARecordUnderAGivenId)
+TEST_F(FaultSweepAdd, SettingARecordUnderAGivenId)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 0, 4, HALF); });
     SweepAdd(MakePerson(9, HALF), 40, 0, [](void* oTable, void* oObject) -> NimBool {
@@ -166,7 +166,7 @@ TEST_F(FaultSweepTest, SettingARecordUnderAGivenId)
 // ---- opening, creating, loading, closing, reading --------------------------------------------
 
 // Two tables with version files; the database says what it could open, and holds everything then.
-TEST_F(FaultSweepTest, OpeningADatabase)
+TEST_F(FaultSweepAdd, OpeningADatabase)
 {
     PrepareTwoTables();
     ForEveryFault([&](const FaultRule& rule, bool* pHit) {
@@ -192,7 +192,7 @@ TEST_F(FaultSweepTest, OpeningADatabase)
     });
 }
 
-TEST_F(FaultSweepTest, LoadingATableThatWasLeftOut)
+TEST_F(FaultSweepAdd, LoadingATableThatWasLeftOut)
 {
     PrepareTwoTables();
     Held names(ListNewFromPool(0, MemGetDefaultPoolId()));
@@ -218,7 +218,7 @@ TEST_F(FaultSweepTest, LoadingATableThatWasLeftOut)
 
 // Refused half-way, a table can be created again at once, and after reopening; what it is then is
 // what was asked for.
-TEST_F(FaultSweepTest, CreatingATable)
+TEST_F(FaultSweepAdd, CreatingATable)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 0, 3); });
     for (const bool reopen : {false, true}) {
@@ -252,7 +252,7 @@ TEST_F(FaultSweepTest, CreatingATable)
     }
 }
 
-TEST_F(FaultSweepTest, ClosingADatabase)
+TEST_F(FaultSweepAdd, ClosingADatabase)
 {
     PrepareTwoTables();
     ForEveryFault([&](const FaultRule& rule, bool* pHit) {
@@ -264,8 +264,7 @@ TEST_F(FaultSweepTest, ClosingADatabase)
         ASSERT_NO_FATAL_FAILURE(AddPeople(oTable, &model, 500, 501, HALF));
         Person again = MakePerson(500, HALF); // leaves ids of blocks and a record id behind
         ASSERT_EQ(Add(oTable, &again), 0u);
-        // A reference can always be had; closing does not provide for the lack of one.
-        const uint32_t armed = rule.point == FAULT_INCREF ? 0 : FaultArm(&rule);
+        const uint32_t armed = FaultArm(&rule);
         Close();
         *pHit = FaultHits(armed) > 0;
         FaultDisarmAll();
@@ -280,7 +279,7 @@ TEST_F(FaultSweepTest, ClosingADatabase)
     });
 }
 
-TEST_F(FaultSweepTest, FindingAndWalking)
+TEST_F(FaultSweepAdd, FindingAndWalking)
 {
     Prepare([](void* oTable, People* pModel) { AddPeople(oTable, pModel, 0, 7, HALF, HALF); });
     const Held name(ObjStringNew(MakePerson(3, HALF).name->c_str()));

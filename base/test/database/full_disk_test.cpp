@@ -13,7 +13,7 @@
 
 namespace {
 
-class FullDiskChangeTest : public FaultSweep {
+class FullDiskChange : public FaultSweep {
   protected:
     // One random change. Records that were torn are left alone.
     void ChangeSomething(void* oTable, std::mt19937& random)
@@ -59,14 +59,13 @@ class FullDiskChangeTest : public FaultSweep {
     uint32_t next_ = 0; // no two share a name
 };
 
-class FullDiskKindsTest : public FullDiskChangeTest,
-                          public testing::WithParamInterface<SmallDisk::Kind> {};
+class FullDiskKinds : public FullDiskChange, public testing::WithParamInterface<SmallDisk::Kind> {};
 
 INSTANTIATE_TEST_SUITE_P(
-    Disks, FullDiskKindsTest,
+    Disks, FullDiskKinds,
     testing::Values(SmallDisk::MOUNTED, SmallDisk::LIMITED, SmallDisk::FAULTY));
 
-TEST_P(FullDiskKindsTest, NoOtherRecordIsLost)
+TEST_P(FullDiskKinds, NoOtherRecordIsLost)
 {
     std::mt19937 random(static_cast<uint32_t>(TestSeed()));
     ASSERT_TRUE(Open());
@@ -118,7 +117,7 @@ TEST_P(FullDiskKindsTest, NoOtherRecordIsLost)
 
 // What fits in its place needs no room: neither on a full disk nor where no file may get longer
 // than the longest one is.
-TEST_F(FullDiskChangeTest, ChangesThatNeedNoRoomAreDone)
+TEST_F(FullDiskChange, ChangesThatNeedNoRoomAreDone)
 {
     ASSERT_TRUE(Open());
     AddPeople(OpenPeople(), &model_, 0, 200);

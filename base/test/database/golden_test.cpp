@@ -14,7 +14,7 @@ std::string GoldenPath()
     return std::string(NIM_GOLDEN_DIR) + "/database";
 }
 
-class GoldenTest : public PersonTest {
+class Golden : public PersonTest {
   protected:
     // Opening rewrites a control block, so it is a copy that is opened.
     void OpenCopy()
@@ -39,7 +39,7 @@ class GoldenTest : public PersonTest {
     }
 };
 
-TEST_F(GoldenTest, EveryRecordIsFoundThroughEveryIndex)
+TEST_F(Golden, EveryRecordIsFoundThroughEveryIndex)
 {
     OpenCopy();
     void* oTable = OpenGolden();
@@ -56,7 +56,7 @@ TEST_F(GoldenTest, EveryRecordIsFoundThroughEveryIndex)
     EXPECT_EQ(pTable->bCompanionFiles, 1u);
 }
 
-TEST_F(GoldenTest, TheTreesAreSoundAndOfTheShapeTheyHad)
+TEST_F(Golden, TheTreesAreSoundAndOfTheShapeTheyHad)
 {
     const TreeReport report = CheckBlockFile(GoldenPath() + "/Indexes/People");
     EXPECT_TRUE(report.problems.empty()) << report.text();
@@ -72,7 +72,7 @@ TEST_F(GoldenTest, TheTreesAreSoundAndOfTheShapeTheyHad)
     EXPECT_TRUE(report.lost.empty());
 }
 
-TEST_F(GoldenTest, TheVersionFileIsUnderstood)
+TEST_F(Golden, TheVersionFileIsUnderstood)
 {
     EXPECT_EQ(ReadFileBytes(GoldenPath() + "/Attributes/People"), "[Versioning]\nVersion = 5\n");
     OpenCopy();
@@ -84,7 +84,7 @@ TEST_F(GoldenTest, TheVersionFileIsUnderstood)
     EXPECT_NE(OpenGolden(INDX_VERSION_ANY), nullptr);
 }
 
-TEST_F(GoldenTest, TheTableGoesOnWhereItStopped)
+TEST_F(Golden, TheTableGoesOnWhereItStopped)
 {
     OpenCopy();
     void* oTable = OpenGolden();
@@ -104,7 +104,7 @@ TEST_F(GoldenTest, TheTableGoesOnWhereItStopped)
     ExpectHolds(OpenGolden(), model);
 }
 
-TEST_F(GoldenTest, TheSameStepsWriteTheSameBytes)
+TEST_F(Golden, TheSameStepsWriteTheSameBytes)
 {
     ASSERT_TRUE(golden::WriteDatabase());
     const std::string made = HomePath() + "/" + golden::DATABASE;

@@ -44,7 +44,7 @@ uint32_t Walk(Form form, void* oTable, const char* field, Visit visit)
     }
 }
 
-class WalkTest : public PeopleTest {
+class WrappersWalk : public PeopleTest {
   protected:
     void TearDown() override
     {
@@ -83,7 +83,7 @@ class WalkTest : public PeopleTest {
 
 // ---- what is seen ----------------------------------------------------------------------------
 
-TEST_F(WalkTest, AWalkOverAnEmptyTableReturns1WithoutACall)
+TEST_F(WrappersWalk, AWalkOverAnEmptyTableReturns1WithoutACall)
 {
     for (const Form form : FORMS) {
         EXPECT_EQ(
@@ -100,7 +100,7 @@ TEST_F(WalkTest, AWalkOverAnEmptyTableReturns1WithoutACall)
     EXPECT_TRUE(Ids(Form::Plain, "Id").empty());
 }
 
-TEST_F(WalkTest, EveryRecordIsSeenOnceInTheOrderOfTheIndex)
+TEST_F(WrappersWalk, EveryRecordIsSeenOnceInTheOrderOfTheIndex)
 {
     AddFirst(200);
     for (const char* field : {"Id", "Name", "Town", "Age", "Number", "Key", "nAmE"}) {
@@ -111,7 +111,7 @@ TEST_F(WalkTest, EveryRecordIsSeenOnceInTheOrderOfTheIndex)
     }
 }
 
-TEST_F(WalkTest, TheCallbackSeesWholeObjectsItsContextAndItsId)
+TEST_F(WrappersWalk, TheCallbackSeesWholeObjectsItsContextAndItsId)
 {
     AddFirst(5);
     for (const Form form : FORMS) {
@@ -131,7 +131,7 @@ TEST_F(WalkTest, TheCallbackSeesWholeObjectsItsContextAndItsId)
     }
 }
 
-TEST_F(WalkTest, AnObjectIsReleasedWhenTheCallbackReturns)
+TEST_F(WrappersWalk, AnObjectIsReleasedWhenTheCallbackReturns)
 {
     AddFirst(20);
     for (const Form form : FORMS) {
@@ -153,7 +153,7 @@ TEST_F(WalkTest, AnObjectIsReleasedWhenTheCallbackReturns)
     }
 }
 
-TEST_F(WalkTest, AnythingBut1StopsTheWalkAndIsItsResult)
+TEST_F(WrappersWalk, AnythingBut1StopsTheWalkAndIsItsResult)
 {
     AddFirst(6);
     for (const Form form : FORMS) {
@@ -171,7 +171,7 @@ TEST_F(WalkTest, AnythingBut1StopsTheWalkAndIsItsResult)
     }
 }
 
-TEST_F(WalkTest, WithoutASelectionTheVariableFieldsAreAbsent)
+TEST_F(WrappersWalk, WithoutASelectionTheVariableFieldsAreAbsent)
 {
     AddFirst(3);
     Visit visit = [&](void* oObject, uint32_t) {
@@ -194,7 +194,7 @@ TEST_F(WalkTest, WithoutASelectionTheVariableFieldsAreAbsent)
 
 // ---- arguments -------------------------------------------------------------------------------
 
-TEST_F(WalkTest, UnusableArgumentsGive0AndOnlyTheWalkWithIdsSaysSo)
+TEST_F(WrappersWalk, UnusableArgumentsGive0AndOnlyTheWalkWithIdsSaysSo)
 {
     AddFirst(1);
     Visit never = [](void*, uint32_t) {
@@ -226,7 +226,7 @@ TEST_F(WalkTest, UnusableArgumentsGive0AndOnlyTheWalkWithIdsSaysSo)
     EXPECT_EQ(IndxError(), UNTOUCHED);
 }
 
-TEST_F(WalkTest, AFieldWithoutACursorGives0AndOnlyTheWalkWithIdsNamesIt)
+TEST_F(WrappersWalk, AFieldWithoutACursorGives0AndOnlyTheWalkWithIdsNamesIt)
 {
     AddFirst(1);
     for (const char* field : {"Nothing", "Photo", ""}) {
@@ -251,7 +251,7 @@ TEST_F(WalkTest, AFieldWithoutACursorGives0AndOnlyTheWalkWithIdsNamesIt)
 
 // ---- records that cannot be fetched ----------------------------------------------------------
 
-TEST_F(WalkTest, ARecordThatCannotBeFetchedIsSkippedAndOnlyTheWalkWithIdsSaysSo)
+TEST_F(WrappersWalk, ARecordThatCannotBeFetchedIsSkippedAndOnlyTheWalkWithIdsSaysSo)
 {
     AddFirst(5);
     const auto second = static_cast<size_t>(OffsetOf(table_, 2));
@@ -273,7 +273,7 @@ TEST_F(WalkTest, ARecordThatCannotBeFetchedIsSkippedAndOnlyTheWalkWithIdsSaysSo)
     }
 }
 
-TEST_F(WalkTest, EveryRecordMayBeSkipped)
+TEST_F(WrappersWalk, EveryRecordMayBeSkipped)
 {
     AddFirst(5);
     const QuietTrace quiet;
@@ -287,7 +287,7 @@ TEST_F(WalkTest, EveryRecordMayBeSkipped)
 
 // ---- callbacks that change the table ---------------------------------------------------------
 
-TEST_F(WalkTest, ACallbackMayDeleteTheRecordItSees)
+TEST_F(WrappersWalk, ACallbackMayDeleteTheRecordItSees)
 {
     for (const Form form : FORMS) {
         People model;
@@ -307,7 +307,7 @@ TEST_F(WalkTest, ACallbackMayDeleteTheRecordItSees)
     }
 }
 
-TEST_F(WalkTest, ACallbackMayDeleteTheRecordsAroundTheOneItSees)
+TEST_F(WrappersWalk, ACallbackMayDeleteTheRecordsAroundTheOneItSees)
 {
     for (const Form form : FORMS) {
         People model;
@@ -338,7 +338,7 @@ TEST_F(WalkTest, ACallbackMayDeleteTheRecordsAroundTheOneItSees)
     }
 }
 
-TEST_F(WalkTest, ACallbackThatDeletesEverythingEndsTheWalk)
+TEST_F(WrappersWalk, ACallbackThatDeletesEverythingEndsTheWalk)
 {
     AddFirst(100);
     uint32_t seen = 0;
@@ -356,7 +356,7 @@ TEST_F(WalkTest, ACallbackThatDeletesEverythingEndsTheWalk)
     ExpectHolds(table_, {});
 }
 
-TEST_F(WalkTest, WhatACallbackAddsIsSeenWhenItLiesInFrontOfTheWalk)
+TEST_F(WrappersWalk, WhatACallbackAddsIsSeenWhenItLiesInFrontOfTheWalk)
 {
     AddFirst(3);
     std::vector<int32_t> ages;
@@ -382,7 +382,7 @@ TEST_F(WalkTest, WhatACallbackAddsIsSeenWhenItLiesInFrontOfTheWalk)
     ExpectHolds(table_, model_);
 }
 
-TEST_F(WalkTest, ACallbackMayModifyWhatItSeesLongerOrShorter)
+TEST_F(WrappersWalk, ACallbackMayModifyWhatItSeesLongerOrShorter)
 {
     AddFirst(400);
     for (const Form form : FORMS) {
@@ -407,7 +407,7 @@ TEST_F(WalkTest, ACallbackMayModifyWhatItSeesLongerOrShorter)
     ExpectHolds(table_, model_);
 }
 
-TEST_F(WalkTest, ARecordWhoseKeyMovesAheadIsSeenAgain)
+TEST_F(WrappersWalk, ARecordWhoseKeyMovesAheadIsSeenAgain)
 {
     AddFirst(4);
     std::vector<uint32_t> ids;
@@ -426,7 +426,7 @@ TEST_F(WalkTest, ARecordWhoseKeyMovesAheadIsSeenAgain)
     ExpectSound(table_);
 }
 
-TEST_F(WalkTest, AFailedChangeInACallbackDoesNotDisturbTheWalk)
+TEST_F(WrappersWalk, AFailedChangeInACallbackDoesNotDisturbTheWalk)
 {
     AddFirst(30);
     const QuietTrace quiet;
@@ -448,7 +448,7 @@ TEST_F(WalkTest, AFailedChangeInACallbackDoesNotDisturbTheWalk)
     ExpectHolds(table_, model_);
 }
 
-TEST_F(WalkTest, WalksMayRunInWalks)
+TEST_F(WrappersWalk, WalksMayRunInWalks)
 {
     AddFirst(12);
     uint32_t seen = 0;
@@ -467,7 +467,7 @@ TEST_F(WalkTest, WalksMayRunInWalks)
 
 // Records that are taken from the front and put back behind the end: the walk takes more steps than
 // the index ever had keys, and that is no damage.
-TEST_F(WalkTest, AQueueThatIsFilledWhileItIsWalkedIsNoRing)
+TEST_F(WrappersWalk, AQueueThatIsFilledWhileItIsWalkedIsNoRing)
 {
     AddFirst(5);
     constexpr uint32_t STEPS = 9000; // more than 681 keys for each of the file's blocks
@@ -487,7 +487,7 @@ TEST_F(WalkTest, AQueueThatIsFilledWhileItIsWalkedIsNoRing)
     EXPECT_EQ(IndxError(), UNTOUCHED);
 }
 
-TEST_F(WalkTest, ATableThatIsClosedUnderAWalkEndsIt)
+TEST_F(WrappersWalk, ATableThatIsClosedUnderAWalkEndsIt)
 {
     for (const bool bChanged : {false, true}) {
         void* oTable = OpenPeople(0, bChanged ? "Changed" : "Same");
@@ -515,7 +515,7 @@ TEST_F(WalkTest, ATableThatIsClosedUnderAWalkEndsIt)
 // ---- damage ----------------------------------------------------------------------------------
 
 // A table of numbers whose index has three leaves, full ones first, and its file to be damaged.
-class DamagedWalkTest : public DatabaseTest {
+class WrappersWalkDamage : public DatabaseTest {
   protected:
     static constexpr const char* FORMAT = "i;i;";
     static constexpr uint32_t RECORDS = 1500; // 681, 681 and 138 keys
@@ -601,7 +601,7 @@ class DamagedWalkTest : public DatabaseTest {
     uint32_t otherLeaf_ = 0; // of the other index
 };
 
-TEST_F(DamagedWalkTest, AWholeIndexIsWalkedToItsEnd)
+TEST_F(WrappersWalkDamage, AWholeIndexIsWalkedToItsEnd)
 {
     uint32_t seen = 0;
     IndxSetError(UNTOUCHED);
@@ -610,7 +610,7 @@ TEST_F(DamagedWalkTest, AWholeIndexIsWalkedToItsEnd)
     EXPECT_EQ(IndxError(), UNTOUCHED);
 }
 
-TEST_F(DamagedWalkTest, ABrokenLinkEndsTheWalkWith0)
+TEST_F(WrappersWalkDamage, ABrokenLinkEndsTheWalkWith0)
 {
     const uint32_t links[] = {root_, otherLeaf_, leaves_[0], leaves_[2],
                               4711,  0x7fffffff, 0x80000000, 0xfffffffe};
@@ -621,7 +621,7 @@ TEST_F(DamagedWalkTest, ABrokenLinkEndsTheWalkWith0)
     }
 }
 
-TEST_F(DamagedWalkTest, ALinkThatIsNotAnsweredEndsTheWalkWith0)
+TEST_F(WrappersWalkDamage, ALinkThatIsNotAnsweredEndsTheWalkWith0)
 {
     for (const uint32_t link : {leaves_[2], leaves_[1], root_, NONE, 4711u}) {
         SCOPED_TRACE(link);
@@ -630,7 +630,7 @@ TEST_F(DamagedWalkTest, ALinkThatIsNotAnsweredEndsTheWalkWith0)
     }
 }
 
-TEST_F(DamagedWalkTest, ANodeThatIsNoneEndsTheWalkWith0)
+TEST_F(WrappersWalkDamage, ANodeThatIsNoneEndsTheWalkWith0)
 {
     const std::string sound = ReadFileBytes(PathOf("Indexes", "Numbers"));
     struct {
@@ -648,13 +648,13 @@ TEST_F(DamagedWalkTest, ANodeThatIsNoneEndsTheWalkWith0)
     }
 }
 
-TEST_F(DamagedWalkTest, AFirstLeafThatCannotBeUsedEndsTheWalkWithoutACall)
+TEST_F(WrappersWalkDamage, AFirstLeafThatCannotBeUsedEndsTheWalkWithoutACall)
 {
     PutWord(leaves_[0], 20, 4711);
     ExpectEndsAfter(0);
 }
 
-TEST_F(DamagedWalkTest, ANodeThatCannotBeReadEndsTheWalkWith0)
+TEST_F(WrappersWalkDamage, ANodeThatCannotBeReadEndsTheWalkWith0)
 {
     Damage([](std::string&) {}); // nothing is in memory any more
     IndxSetError(UNTOUCHED);
@@ -668,7 +668,7 @@ TEST_F(DamagedWalkTest, ANodeThatCannotBeReadEndsTheWalkWith0)
 }
 
 // The root plays no part in a walk.
-TEST_F(DamagedWalkTest, ADamagedRootIsNotMet)
+TEST_F(WrappersWalkDamage, ADamagedRootIsNotMet)
 {
     PutWord(root_, 20, 4711);
     uint32_t seen = 0;
@@ -676,7 +676,7 @@ TEST_F(DamagedWalkTest, ADamagedRootIsNotMet)
     EXPECT_EQ(seen, RECORDS);
 }
 
-TEST_F(DamagedWalkTest, AChainThatEndsEarlyEndsTheWalkWith0)
+TEST_F(WrappersWalkDamage, AChainThatEndsEarlyEndsTheWalkWith0)
 {
     PutWord(leaves_[0], 4, NONE);
     ExpectEndsAfter(681);
@@ -685,7 +685,7 @@ TEST_F(DamagedWalkTest, AChainThatEndsEarlyEndsTheWalkWith0)
     ExpectEndsAfter(1362);
 }
 
-TEST_F(DamagedWalkTest, ARingOfLeavesWithConsistentLinksEndsTheWalkWith0)
+TEST_F(WrappersWalkDamage, ARingOfLeavesWithConsistentLinksEndsTheWalkWith0)
 {
     Damage(CloseRing());
     ExpectEndsAfter(0); // no leaf comes before the first
@@ -706,7 +706,7 @@ TEST_F(DamagedWalkTest, ARingOfLeavesWithConsistentLinksEndsTheWalkWith0)
     IndxReleaseCursor(&oCursor);
 }
 
-TEST_F(DamagedWalkTest, ALeafThatLinksToItselfEndsTheWalkWith0)
+TEST_F(WrappersWalkDamage, ALeafThatLinksToItselfEndsTheWalkWith0)
 {
     Damage([&](std::string& bytes) {
         PutU32At(bytes, At(leaves_[1], 4), leaves_[1]);
@@ -717,7 +717,7 @@ TEST_F(DamagedWalkTest, ALeafThatLinksToItselfEndsTheWalkWith0)
 
 // The leaves become a ring while the callback writes every record back, so that each step is a new
 // find.
-TEST_F(DamagedWalkTest, ARingEndsAlsoWhileTheCallbackModifiesEveryRecord)
+TEST_F(WrappersWalkDamage, ARingEndsAlsoWhileTheCallbackModifiesEveryRecord)
 {
     const QuietTrace quiet;
     uint32_t seen = 0;
@@ -744,7 +744,7 @@ TEST_F(DamagedWalkTest, ARingEndsAlsoWhileTheCallbackModifiesEveryRecord)
 // A ring that the first leaf is no part of: a walk gets there only by a find, when the index has
 // changed and a key stands in two leaves. It is left when the walk has taken more steps than the
 // file can hold keys.
-TEST_F(DamagedWalkTest, ARingBesideTheChainEndsTheWalkToo)
+TEST_F(WrappersWalkDamage, ARingBesideTheChainEndsTheWalkToo)
 {
     Damage([&](std::string& bytes) {
         PutU32At(bytes, At(leaves_[2], 4), leaves_[1]);
@@ -770,7 +770,7 @@ TEST_F(DamagedWalkTest, ARingBesideTheChainEndsTheWalkToo)
     EXPECT_EQ(IndxError(), INDX_ERROR_READ);
 }
 
-TEST_F(DamagedWalkTest, AnEntryThatLeadsNowhereIsASkippedRecordAndNoEndOfTheWalk)
+TEST_F(WrappersWalkDamage, AnEntryThatLeadsNowhereIsASkippedRecordAndNoEndOfTheWalk)
 {
     Damage([&](std::string& bytes) {
         PutU32At(bytes, At(leaves_[1], 32 + 16), 0x7ffffff0);

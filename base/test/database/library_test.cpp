@@ -13,29 +13,29 @@
 
 namespace {
 
-class LibraryTest : public PeopleTest {};
+class Library : public PeopleTest {};
 
 // ---- many records ----------------------------------------------------------------------------
 
-class MappingTest : public LibraryTest, public testing::WithParamInterface<bool> {
+class LibraryMapping : public Library, public testing::WithParamInterface<bool> {
   protected:
     void SetUp() override
     {
         FileSysSetMapping(GetParam());
-        LibraryTest::SetUp();
+        Library::SetUp();
     }
     void TearDown() override
     {
-        LibraryTest::TearDown();
+        Library::TearDown();
         FileSysSetMapping(TRUE);
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Reads, MappingTest, testing::Bool(), [](const auto& mapped) {
+INSTANTIATE_TEST_SUITE_P(Reads, LibraryMapping, testing::Bool(), [](const auto& mapped) {
     return mapped.param ? "Mapped" : "Positioned";
 });
 
-TEST_P(MappingTest, AThousandRecordsAreFoundAtRandomAndAfterReopening)
+TEST_P(LibraryMapping, AThousandRecordsAreFoundAtRandomAndAfterReopening)
 {
     std::mt19937_64 random(TestSeed());
     std::vector<uint32_t> order(1000);
@@ -68,7 +68,7 @@ TEST_P(MappingTest, AThousandRecordsAreFoundAtRandomAndAfterReopening)
     EXPECT_EQ(WalkIds(table_, "Age"), byName);
 }
 
-TEST_P(MappingTest, RandomAddsAndDeletesAgreeWithAMapOverReopening)
+TEST_P(LibraryMapping, RandomAddsAndDeletesAgreeWithAMapOverReopening)
 {
     std::mt19937_64 random(TestSeed());
     People model;
@@ -93,7 +93,7 @@ TEST_P(MappingTest, RandomAddsAndDeletesAgreeWithAMapOverReopening)
     }
 }
 
-TEST_F(LibraryTest, KeysUpToTheLongestAreKeptAndOneMoreByteIsRefused)
+TEST_F(Library, KeysUpToTheLongestAreKeptAndOneMoreByteIsRefused)
 {
     People model;
     // With its NUL a text of 8167 is the longest key. A branch holds it beside one of up to 8136.
@@ -116,7 +116,7 @@ TEST_F(LibraryTest, KeysUpToTheLongestAreKeptAndOneMoreByteIsRefused)
 }
 
 // Above 8152 bytes two keys may not fit together anywhere: refused or not, nothing is hurt.
-TEST_F(LibraryTest, TheLongestKeysInAnyOrderHurtNothing)
+TEST_F(Library, TheLongestKeysInAnyOrderHurtNothing)
 {
     std::mt19937_64 random(TestSeed());
     People model;
@@ -138,7 +138,7 @@ TEST_F(LibraryTest, TheLongestKeysInAnyOrderHurtNothing)
     ExpectHolds(table_, model);
 }
 
-TEST_F(LibraryTest, ATableOfOneHundredAndFiftyFieldsWorks)
+TEST_F(Library, ATableOfOneHundredAndFiftyFieldsWorks)
 {
     constexpr uint32_t WIDE_MAGIC = 0xca666666;
     std::string format = "i;";
@@ -173,7 +173,7 @@ TEST_F(LibraryTest, ATableOfOneHundredAndFiftyFieldsWorks)
     ExpectSound(oTable);
 }
 
-TEST_F(LibraryTest, ARecordOfManyMegabytesComesBackWhole)
+TEST_F(Library, ARecordOfManyMegabytesComesBackWhole)
 {
     Person person = MakePerson(1);
     person.photo.resize(20'000'000);
@@ -186,7 +186,7 @@ TEST_F(LibraryTest, ARecordOfManyMegabytesComesBackWhole)
     ExpectHolds(table_, model);
 }
 
-TEST_F(LibraryTest, IdsGoOnBehindTwoToThe31)
+TEST_F(Library, IdsGoOnBehindTwoToThe31)
 {
     People model;
     ASSERT_EQ(IndxSetRecordInTable(0x7ffffffe, table_, BlobOf(MakePerson(0)).get()), 1u);
@@ -201,7 +201,7 @@ TEST_F(LibraryTest, IdsGoOnBehindTwoToThe31)
 
 // ---- several of them -------------------------------------------------------------------------
 
-TEST_F(LibraryTest, TablesOfOneDatabaseDoNotMeet)
+TEST_F(Library, TablesOfOneDatabaseDoNotMeet)
 {
     void* oOther = OpenPeople(0, "Other");
     void* oThird = OpenTable("Third", 0xca777777, "i;q;", "Id, Number;Indexed;Unique");
@@ -242,7 +242,7 @@ struct OtherDatabase {
     }
 };
 
-TEST_F(LibraryTest, TwoDatabasesAreOpenAtOnce)
+TEST_F(Library, TwoDatabasesAreOpenAtOnce)
 {
     OtherDatabase other;
     ASSERT_TRUE(other.Open("Other", FORMAT, FIELDS, PERSON_MAGIC));
@@ -269,7 +269,7 @@ TEST_F(LibraryTest, TwoDatabasesAreOpenAtOnce)
     ExpectHolds(table_, mine);
 }
 
-TEST_F(LibraryTest, TwoThreadsWorkOnADatabaseEach)
+TEST_F(Library, TwoThreadsWorkOnADatabaseEach)
 {
     constexpr int THREADS = 2;
     OtherDatabase databases[THREADS];
@@ -314,7 +314,7 @@ TEST_F(LibraryTest, TwoThreadsWorkOnADatabaseEach)
     }
 }
 
-TEST_F(LibraryTest, OpeningAndClosingAgainAndAgainGrowsNothing)
+TEST_F(Library, OpeningAndClosingAgainAndAgainGrowsNothing)
 {
     People model;
     AddPeople(table_, &model, 0, 50);
@@ -339,7 +339,7 @@ TEST_F(LibraryTest, OpeningAndClosingAgainAndAgainGrowsNothing)
 
 // ---- closed ----------------------------------------------------------------------------------
 
-TEST_F(LibraryTest, EveryCursorFunctionIsSafeOnAClosedTable)
+TEST_F(Library, EveryCursorFunctionIsSafeOnAClosedTable)
 {
     People model;
     AddPeople(table_, &model, 0, 700);
@@ -392,7 +392,7 @@ TEST_F(LibraryTest, EveryCursorFunctionIsSafeOnAClosedTable)
 }
 
 // The first move of each kind, straight from the state in which the closing met the cursor.
-TEST_F(LibraryTest, EveryFirstMoveOnAClosedTableIsSafe)
+TEST_F(Library, EveryFirstMoveOnAClosedTableIsSafe)
 {
     People model;
     AddPeople(table_, &model, 0, 700);
@@ -435,7 +435,7 @@ TEST_F(LibraryTest, EveryFirstMoveOnAClosedTableIsSafe)
     }
 }
 
-TEST_F(LibraryTest, TablesAndFieldsThatOutliveTheirDatabaseAreSafe)
+TEST_F(Library, TablesAndFieldsThatOutliveTheirDatabaseAreSafe)
 {
     People model;
     AddPeople(table_, &model, 0, 3);
@@ -468,7 +468,7 @@ TEST_F(LibraryTest, TablesAndFieldsThatOutliveTheirDatabaseAreSafe)
 
 // ---- clustered mode --------------------------------------------------------------------------
 
-TEST_F(LibraryTest, ClusteredModeReleasesAtTheCloseWhatWasNotReleased)
+TEST_F(Library, ClusteredModeReleasesAtTheCloseWhatWasNotReleased)
 {
     People model;
     AddPeople(table_, &model, 0, 5);
@@ -488,7 +488,7 @@ TEST_F(LibraryTest, ClusteredModeReleasesAtTheCloseWhatWasNotReleased)
     ExpectHolds(table_, model);
 }
 
-TEST_F(LibraryTest, ClusteredModeGivesTheDatabaseBackWithEachTable)
+TEST_F(Library, ClusteredModeGivesTheDatabaseBackWithEachTable)
 {
     Close();
     DbSetClusteredMode(1);
@@ -507,7 +507,7 @@ TEST_F(LibraryTest, ClusteredModeGivesTheDatabaseBackWithEachTable)
 
 // ---- files that are not what they should be --------------------------------------------------
 
-TEST_F(LibraryTest, ATableLeftOutByTheNamesIsLoadedWithAllItsRecordsWhenItIsOpened)
+TEST_F(Library, ATableLeftOutByTheNamesIsLoadedWithAllItsRecordsWhenItIsOpened)
 {
     People model;
     People other;
@@ -532,7 +532,7 @@ TEST_F(LibraryTest, ATableLeftOutByTheNamesIsLoadedWithAllItsRecordsWhenItIsOpen
     EXPECT_EQ(IndxNextId(table_), 711u);
 }
 
-TEST_F(LibraryTest, ADamagedBlockFileFailsTheOpenAndIsNotWritten)
+TEST_F(Library, ADamagedBlockFileFailsTheOpenAndIsNotWritten)
 {
     People model;
     AddPeople(table_, &model, 0, 20);
@@ -580,7 +580,7 @@ TEST_F(LibraryTest, ADamagedBlockFileFailsTheOpenAndIsNotWritten)
     ExpectHolds(table_, model);
 }
 
-TEST_F(LibraryTest, OnlyABlockFileThatWasNeverDescribedGetsADescription)
+TEST_F(Library, OnlyABlockFileThatWasNeverDescribedGetsADescription)
 {
     Close();
     std::filesystem::remove(BlocksPath());
@@ -603,7 +603,7 @@ TEST_F(LibraryTest, OnlyABlockFileThatWasNeverDescribedGetsADescription)
     ExpectHolds(table_, {{1, person}});
 }
 
-TEST_F(LibraryTest, DirectoriesInThePlaceOfFilesAreAnswered)
+TEST_F(Library, DirectoriesInThePlaceOfFilesAreAnswered)
 {
     Close();
     std::filesystem::create_directories(PathOf("Records", "Odd"));
@@ -624,7 +624,7 @@ TEST_F(LibraryTest, DirectoriesInThePlaceOfFilesAreAnswered)
     ExpectHolds(oOdd, {{person.id, person}});
 }
 
-TEST_F(LibraryTest, AMissingRecordsFileIsAnsweredRecordByRecord)
+TEST_F(Library, AMissingRecordsFileIsAnsweredRecordByRecord)
 {
     People model;
     AddPeople(table_, &model, 0, 3);
@@ -640,7 +640,7 @@ TEST_F(LibraryTest, AMissingRecordsFileIsAnsweredRecordByRecord)
 
 // Bits and words of the blocks, wrong in any way: an answer in finite time. Under the sanitizers
 // this also shows that nothing is read or written outside a block.
-TEST_F(LibraryTest, DamagedNodesAreAnswered)
+TEST_F(Library, DamagedNodesAreAnswered)
 {
     std::mt19937_64 random(TestSeed());
     People model;

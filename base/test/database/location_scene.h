@@ -48,6 +48,11 @@ class LocationScene {
         WriteFileBytes(
             directory_.path("configure.cfg"), "[Directories]\ndatabase = " + home + "\n");
     }
+    static void FailOnce(uint32_t point, const char* part)
+    {
+        const FaultRule rule = {point, part, 1, 1, FAULT_FAIL, 0};
+        FaultArm(&rule);
+    }
     static std::string Taken(char* text)
     {
         const std::string copy = text ? text : "(null)";

@@ -21,45 +21,33 @@ uint32_t GoOnWithId(void*, void*, uint32_t)
 
 TEST(WrapperMessages, DeletingAndWalking)
 {
-    ReadBook<S>(
-        INDXWRAP,
-        {
-            {"Failed to get cursor on '%s'", 1, -1,
-             [](S& s) {
-                 EXPECT_EQ(IndxDeleteObjectFromTable(s.table_, "Shoe", 1, nullptr), 0u);
-                 return std::string("Failed to get cursor on 'Shoe'");
-             }},
-            {"Failed to get cursor on '%s'", 1, -1,
-             [](S& s) {
-                 EXPECT_EQ(IndxDeleteObjectFromTable(s.table_, nullptr, 1, nullptr), 0u);
-                 return std::string("Failed to get cursor on '(null)'");
-             }},
-            {"Could not find key", 1, -1,
-             [](S& s) { EXPECT_EQ(IndxDeleteObjectFromTable(s.table_, "Id", 1, nullptr), 0u); }},
-            {"Munged args to IndxWalkCallbackWithRecordId", 0, -1,
-             [](S&) {
-                 EXPECT_EQ(IndxWalkTableWithRecordId(nullptr, "Id", GoOnWithId, nullptr), 0u);
-             }},
-            {"Munged args to IndxWalkCallbackWithRecordId", 0, -1,
-             [](S& s) {
-                 EXPECT_EQ(IndxWalkTableWithRecordId(s.table_, nullptr, GoOnWithId, nullptr), 0u);
-             }},
-            {"Munged args to IndxWalkCallbackWithRecordId", 0, -1,
-             [](S& s) {
-                 EXPECT_EQ(IndxWalkTableWithRecordId(s.table_, "Id", nullptr, nullptr), 0u);
-             }},
-            {"Failed to get field cursor for '%s'", 0, -1,
-             [](S& s) {
-                 EXPECT_EQ(IndxWalkTableWithRecordId(s.table_, "Photo", GoOnWithId, nullptr), 0u);
-                 return std::string("Failed to get field cursor for 'Photo'");
-             }},
-            {"Failed to fetch object at cursor - skip record in walk", 0, -1,
-             [](S& s) {
-                 s.MustAdd(1);
-                 s.Fail(FAULT_READ, 1, 0, "Records");
-                 EXPECT_EQ(IndxWalkTableWithRecordId(s.table_, "Id", GoOnWithId, nullptr), 1u);
-             }},
-        });
+    const std::vector<BookLine<S>> lines = {
+        {"Failed to get cursor on '%s'", With("Shoe"), 1, -1,
+         [](S& s) { EXPECT_EQ(IndxDeleteObjectFromTable(s.table_, "Shoe", 1, nullptr), 0u); }},
+        {"Failed to get cursor on '%s'", With("(null)"), 1, -1,
+         [](S& s) { EXPECT_EQ(IndxDeleteObjectFromTable(s.table_, nullptr, 1, nullptr), 0u); }},
+        {"Could not find key", 1, -1,
+         [](S& s) { EXPECT_EQ(IndxDeleteObjectFromTable(s.table_, "Id", 1, nullptr), 0u); }},
+        {"Munged args to IndxWalkCallbackWithRecordId", 0, -1,
+         [](S&) { EXPECT_EQ(IndxWalkTableWithRecordId(nullptr, "Id", GoOnWithId, nullptr), 0u); }},
+        {"Munged args to IndxWalkCallbackWithRecordId", 0, -1,
+         [](S& s) {
+             EXPECT_EQ(IndxWalkTableWithRecordId(s.table_, nullptr, GoOnWithId, nullptr), 0u);
+         }},
+        {"Munged args to IndxWalkCallbackWithRecordId", 0, -1,
+         [](S& s) { EXPECT_EQ(IndxWalkTableWithRecordId(s.table_, "Id", nullptr, nullptr), 0u); }},
+        {"Failed to get field cursor for '%s'", With("Photo"), 0, -1,
+         [](S& s) {
+             EXPECT_EQ(IndxWalkTableWithRecordId(s.table_, "Photo", GoOnWithId, nullptr), 0u);
+         }},
+        {"Failed to fetch object at cursor - skip record in walk", 0, -1,
+         [](S& s) {
+             s.MustAdd(1);
+             s.Fail(FAULT_READ, 1, 0, "Records");
+             EXPECT_EQ(IndxWalkTableWithRecordId(s.table_, "Id", GoOnWithId, nullptr), 1u);
+         }},
+    };
+    ReadBook(INDXWRAP, lines);
 }
 
 TEST(WrapperMessages, TheOthersHaveNone)

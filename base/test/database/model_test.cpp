@@ -3,47 +3,26 @@
 // are ended singly and in groups, or backed out; the file closed and opened again. The whole-tree
 // check runs on the way and at the end, and compares every key.
 //
-// NIMDB_TEST_SEED replays a run: the seed is printed. NIMDB_TEST_OPERATIONS sets the number of adds
-// and deletes of the whole program; each case takes its share of it.
+// NIM_TEST_SEED replays a run: the seed is printed. NIM_TEST_OPERATIONS sets the number of adds and
+// deletes of the whole program; each case takes its share of it (support/effort.h).
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <map>
 #include <random>
 
 #include "database/tree_model.h"
+#include "support/effort.h"
 #include "support/index_fixture.h"
 #include "support/quiet_trace.h"
+#include "support/seed.h"
 #include "support/temporary_directory.h"
 #include "support/tree_check.h"
 
 namespace {
-
-#if defined(NIM_SANITIZE) || !defined(NDEBUG)
-constexpr uint64_t DEFAULT_OPERATIONS = 100'000;
-#else
-constexpr uint64_t DEFAULT_OPERATIONS = 1'000'000;
-#endif
-
-uint64_t FromEnvironment(const char* name, uint64_t otherwise)
-{
-    const char* value = std::getenv(name);
-    return value && *value ? std::strtoull(value, nullptr, 0) : otherwise;
-}
-
-uint64_t ModelSeed()
-{
-    std::random_device random;
-    const uint64_t seed =
-        FromEnvironment("NIMDB_TEST_SEED", (static_cast<uint64_t>(random()) << 32) | random());
-    std::cout << "seed: NIMDB_TEST_SEED=" << seed << std::endl;
-    testing::Test::RecordProperty("seed", std::to_string(seed));
-    return seed;
-}
 
 enum class Lengths { Short, Middle, NearHalf, Longest };
 
@@ -455,13 +434,13 @@ class ModelRun {
     ModelKey found_;
 };
 
-class TreeModelTest : public testing::TestWithParam<ModelCase> {};
+class TreeAgainstModel : public testing::TestWithParam<ModelCase> {};
 
-TEST_P(TreeModelTest, HoldsWhatTheMapHolds)
+TEST_P(TreeAgainstModel, HoldsWhatTheMapHolds)
 {
     const ModelCase& c = GetParam();
-    const uint64_t all = FromEnvironment("NIMDB_TEST_OPERATIONS", DEFAULT_OPERATIONS);
-    ModelRun(c, ModelSeed()).Run(std::max<uint64_t>(all * c.share / 1000, 100));
+    const uint64_t all = ModelOperations();
+    ModelRun(c, TestSeed()).Run(std::max<uint64_t>(all * c.share / 1000, 100));
 }
 
 const ModelCase CASES[] = {
@@ -489,11 +468,11 @@ const ModelCase CASES[] = {
 
 // Records with a key in each of seven trees that share one block file. Two of them are unique: a
 // record that one of them refuses is backed out of all, whatever the others had split.
-TEST(TreeModelMany, SevenIndexesOfOneFileHoldTheSameRecords)
+TEST(TreeAgainstModelMany, SevenIndexesOfOneFileHoldTheSameRecords)
 {
-    const uint64_t all = FromEnvironment("NIMDB_TEST_OPERATIONS", DEFAULT_OPERATIONS);
+    const uint64_t all = ModelOperations();
     const uint64_t operations = std::max<uint64_t>(all / 40, 200);
-    std::mt19937_64 random(ModelSeed());
+    std::mt19937_64 random(TestSeed());
     const auto Below = [&](uint32_t n) { return static_cast<uint32_t>(random() % n); };
     const std::vector<IndexSpec> specs = {{INDX_KEY_RECORD_ID},  {INDX_KEY_INTEGER},
                                           {INDX_KEY_TEXT, true}, {INDX_KEY_INT64},
@@ -507,15 +486,16 @@ TEST(TreeModelMany, SevenIndexesOfOneFileHoldTheSameRecords)
         models.emplace_back(spec.keyType, spec.unique);
     std::map<uint32_t, std::pair<std::vector<Key>, uint32_t>> records;
 
+    const auto names = static_cast<uint32_t>(2 * operations); // few enough that some meet
     const auto NewKeys = [&] {
-        const std::string name = std::to_string(Below(40'000));
+        const std::string name = std::to_string(Below(names));
         return std::vector<Key>{
             {},
             NumberKey(Below(1000)),
             TextKey(name),
             NumberKey(static_cast<int64_t>(random())),
             BytesKey((std::to_string(Below(500)) + std::string(32, 'u')).substr(0, 32)),
-            SizedKey(std::to_string(Below(40'000)) + ";", 16 + Below(Below(20) ? 200 : 5000)),
+            SizedKey(std::to_string(Below(names)) + ";", 16 + Below(Below(20) ? 200 : 5000)),
             SizedKey(name, Below(10) ? 30 : 4000)};
     };
     const auto Check = [&] {
@@ -568,7 +548,7 @@ TEST(TreeModelMany, SevenIndexesOfOneFileHoldTheSameRecords)
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Tree, TreeModelTest, testing::ValuesIn(CASES),
+    Tree, TreeAgainstModel, testing::ValuesIn(CASES),
     [](const testing::TestParamInfo<ModelCase>& which) { return std::string(which.param.name); });
 
 } // namespace

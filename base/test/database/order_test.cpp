@@ -16,7 +16,7 @@ constexpr int64_t BLOCK = 16384;
 constexpr uint32_t CONTROL = 16168;
 constexpr uint32_t HEADER = 40; // of the control block, before the user data
 
-class OrderTest : public PeopleTest {
+class OrderOfWrites : public PeopleTest {
   protected:
     using Calls = std::vector<FileCalls::Call>;
 
@@ -37,8 +37,8 @@ class OrderTest : public PeopleTest {
         }
         return result;
     }
-    // Fails unless the writes are: records, then blocks in ascending order, each once and from its
-    // start on, then the control block from its start on (which may be missing when told so).
+    // Fails unless the writes are: records, then blocks in ascending order, each byte once, then
+    // the control block from its start on (which may be missing when told so).
     static void ExpectOrderOfWrites(const Calls& calls, size_t records, bool hasControl = true)
     {
         Calls writes;
@@ -55,10 +55,11 @@ class OrderTest : public PeopleTest {
             EXPECT_TRUE(IsBlockFile(writes[i])) << i;
             EXPECT_GT(writes[i].size, 0u) << i;
             EXPECT_LE(writes[i].size, BLOCK) << i;
-            EXPECT_EQ(writes[i].offset % BLOCK, 0) << i;
+            EXPECT_EQ(writes[i].offset / BLOCK, (writes[i].offset + writes[i].size - 1) / BLOCK)
+                << i;
             EXPECT_GE(writes[i].offset, BLOCK) << i;
             if (i > records) {
-                EXPECT_GT(writes[i].offset, writes[i - 1].offset) << i;
+                EXPECT_GE(writes[i].offset, writes[i - 1].offset + writes[i - 1].size) << i;
             }
         }
         EXPECT_TRUE(IsBlockFile(writes.back()));
@@ -72,7 +73,7 @@ class OrderTest : public PeopleTest {
     }
 };
 
-TEST_F(OrderTest, AnAddWritesItsRecordThenBlocksThenTheControlBlock)
+TEST_F(OrderOfWrites, AnAddWritesItsRecordThenBlocksThenTheControlBlock)
 {
     People model;
     for (uint32_t n = 0; n < 60; ++n) {
@@ -83,7 +84,7 @@ TEST_F(OrderTest, AnAddWritesItsRecordThenBlocksThenTheControlBlock)
     ExpectHolds(table_, model);
 }
 
-TEST_F(OrderTest, ADeleteThatEmptiesNodesWritesBlocksThenTheControlBlock)
+TEST_F(OrderOfWrites, ADeleteThatEmptiesNodesWritesBlocksThenTheControlBlock)
 {
     People model;
     AddPeople(table_, &model, 0, 9, 8000, 8000);
@@ -100,7 +101,7 @@ TEST_F(OrderTest, ADeleteThatEmptiesNodesWritesBlocksThenTheControlBlock)
 }
 
 // All of an operation's block writes belong to its end: nothing before IndxUpdateTable has begun.
-TEST_F(OrderTest, NoBlockIsWrittenBetweenTheStartOfAnOperationAndItsUpdate)
+TEST_F(OrderOfWrites, NoBlockIsWrittenBetweenTheStartOfAnOperationAndItsUpdate)
 {
     struct Watch {
         uint32_t blockWrites = 0; // so far
@@ -135,7 +136,7 @@ TEST_F(OrderTest, NoBlockIsWrittenBetweenTheStartOfAnOperationAndItsUpdate)
     ExpectHolds(table_, model);
 }
 
-TEST_F(OrderTest, AnAddRecordWritesNoBlockUntilTheUpdate)
+TEST_F(OrderOfWrites, AnAddRecordWritesNoBlockUntilTheUpdate)
 {
     People model;
     AddPeople(table_, &model, 0, 5);
@@ -153,7 +154,7 @@ TEST_F(OrderTest, AnAddRecordWritesNoBlockUntilTheUpdate)
     ExpectHolds(table_, model);
 }
 
-TEST_F(OrderTest, AFailingOperationWritesNoBlock)
+TEST_F(OrderOfWrites, AFailingOperationWritesNoBlock)
 {
     People model;
     AddPeople(table_, &model, 0, 681);
@@ -177,7 +178,7 @@ TEST_F(OrderTest, AFailingOperationWritesNoBlock)
     ExpectHolds(table_, model);
 }
 
-TEST_F(OrderTest, ReadingWritesNothingAndReadsNothingTwice)
+TEST_F(OrderOfWrites, ReadingWritesNothingAndReadsNothingTwice)
 {
     People model;
     AddPeople(table_, &model, 0, 1500);
@@ -210,7 +211,7 @@ TEST_F(OrderTest, ReadingWritesNothingAndReadsNothingTwice)
     ExpectHolds(table_, model);
 }
 
-TEST_F(OrderTest, AnAddReadsEachNodeOnceAndWritesTheRecordInOneCall)
+TEST_F(OrderOfWrites, AnAddReadsEachNodeOnceAndWritesTheRecordInOneCall)
 {
     People model;
     AddPeople(table_, &model, 0, 1500);
@@ -233,7 +234,7 @@ TEST_F(OrderTest, AnAddReadsEachNodeOnceAndWritesTheRecordInOneCall)
 }
 
 // Room for a fresh block is asked for when it is handed out, before anything is overwritten.
-TEST_F(OrderTest, RoomForFreshBlocksIsReservedBeforeAnythingIsWritten)
+TEST_F(OrderOfWrites, RoomForFreshBlocksIsReservedBeforeAnythingIsWritten)
 {
     People model;
     AddPeople(table_, &model, 0, 4, 8000, 8000);
@@ -249,7 +250,7 @@ TEST_F(OrderTest, RoomForFreshBlocksIsReservedBeforeAnythingIsWritten)
 }
 
 // A modified block is written once however often it was changed.
-TEST_F(OrderTest, ABlockIsWrittenOnceAnOperation)
+TEST_F(OrderOfWrites, ABlockIsWrittenOnceAnOperation)
 {
     People model;
     AddPeople(table_, &model, 0, 20, 5000, 5000);
@@ -263,7 +264,7 @@ TEST_F(OrderTest, ABlockIsWrittenOnceAnOperation)
     ExpectHolds(table_, model);
 }
 
-TEST_F(OrderTest, ANewTableIsDescribedInItsFileBeforeItIsHandedOut)
+TEST_F(OrderOfWrites, ANewTableIsDescribedInItsFileBeforeItIsHandedOut)
 {
     FileCalls files;
     ASSERT_NE(OpenPeople(0, "Other"), nullptr);
@@ -273,7 +274,7 @@ TEST_F(OrderTest, ANewTableIsDescribedInItsFileBeforeItIsHandedOut)
 
 // Kept: a block file always opens as modified, so that its control block is written once more at
 // the close; nothing else is.
-TEST_F(OrderTest, OpeningReadsEachControlBlockOnceAndClosingRewritesIt)
+TEST_F(OrderOfWrites, OpeningReadsEachControlBlockOnceAndClosingRewritesIt)
 {
     People model;
     AddPeople(table_, &model, 0, 50);

@@ -65,7 +65,7 @@ void Dissolve(void** ppRoot)
 
 // ---- descriptions ------------------------------------------------------------------------------
 
-class SealedDescriptionTest : public PersonTest {
+class SealedDamageDescription : public PersonTest {
   protected:
     static constexpr size_t USER_DATA = 40;
 
@@ -149,7 +149,7 @@ class SealedDescriptionTest : public PersonTest {
     uint32_t length_ = 0;
 };
 
-TEST_F(SealedDescriptionTest, WhatLoadsCanBeChanged)
+TEST_F(SealedDamageDescription, WhatLoadsCanBeChanged)
 {
     ASSERT_TRUE(Use(blocks_));
     uint32_t loaded = 0;
@@ -166,7 +166,7 @@ TEST_F(SealedDescriptionTest, WhatLoadsCanBeChanged)
     EXPECT_GT(loaded, 100u);
 }
 
-TEST_F(SealedDescriptionTest, WhatLoadsAfterManyChangesCanBeChanged)
+TEST_F(SealedDamageDescription, WhatLoadsAfterManyChangesCanBeChanged)
 {
     std::mt19937 random(static_cast<uint32_t>(TestSeed()));
     uint32_t loaded = 0;
@@ -191,7 +191,7 @@ TEST_F(SealedDescriptionTest, WhatLoadsAfterManyChangesCanBeChanged)
 // ---- objects nested in records -----------------------------------------------------------------
 
 // A record with a name, which is indexed, and an object of any kind.
-class SealedNestedTest : public DatabaseTest {
+class SealedDamageNested : public DatabaseTest {
   protected:
     static constexpr uint32_t RECORD = 0xca444444;
     static constexpr uint32_t THING = 0xca333333;
@@ -253,7 +253,7 @@ class SealedNestedTest : public DatabaseTest {
     }
 };
 
-TEST_F(SealedNestedTest, EveryByteOfANestedObjectInManyValues)
+TEST_F(SealedDamageNested, EveryByteOfANestedObjectInManyValues)
 {
     const QuietTrace quiet;
     const std::string sound = RecordBytes(Encoded(NewRecord("n", RichObject().get()).get()).get());
@@ -275,7 +275,7 @@ TEST_F(SealedNestedTest, EveryByteOfANestedObjectInManyValues)
     EXPECT_GT(rebuilt, 1000u);
 }
 
-TEST_F(SealedNestedTest, RandomDamageOfANestedObject)
+TEST_F(SealedDamageNested, RandomDamageOfANestedObject)
 {
     const QuietTrace quiet;
     std::mt19937 random(static_cast<uint32_t>(TestSeed()));
@@ -309,7 +309,7 @@ TEST_F(SealedNestedTest, RandomDamageOfANestedObject)
 
 // The shapes that the library itself lays structs over, as a record may hold them: each is what it
 // is, an object, and ends without touching what its words might mean.
-TEST_F(SealedNestedTest, ObjectsOfTheLibrarysOwnShapes)
+TEST_F(SealedDamageNested, ObjectsOfTheLibrarysOwnShapes)
 {
     const struct {
         uint32_t magic;
@@ -363,7 +363,7 @@ TEST_F(SealedNestedTest, ObjectsOfTheLibrarysOwnShapes)
 
 // In the file of a table: the damaged record answers or not, the others are as they were, and it
 // can be replaced and deleted.
-TEST_F(SealedNestedTest, InATableTheOtherRecordsDoNotSuffer)
+TEST_F(SealedDamageNested, InATableTheOtherRecordsDoNotSuffer)
 {
     const QuietTrace quiet;
     std::mt19937 random(static_cast<uint32_t>(TestSeed()));

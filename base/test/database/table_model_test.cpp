@@ -4,31 +4,23 @@
 // end of each schema the trees are checked, and every record is sought through every index and
 // compared item by item.
 //
-// NIMDB_TEST_SEED replays a run: the seed is printed. NIMDB_TEST_OPERATIONS sets the number of
-// operations of the whole program, of which each part takes its share.
+// NIM_TEST_SEED replays a run: the seed is printed. NIM_TEST_OPERATIONS sets the number of
+// operations of the whole program, of which each part takes its share (support/effort.h).
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <iostream>
 #include <memory>
 
 #include "database/indexwrappers.h"
 #include "database/table_model.h"
 #include "support/database_fixture.h"
+#include "support/effort.h"
 #include "support/quiet_trace.h"
 #include "support/seed.h"
 #include "support/tree_check.h"
 
 namespace {
-
-#if defined(NIM_SANITIZE)
-constexpr uint64_t DEFAULT_OPERATIONS = 40'000;
-#elif !defined(NDEBUG)
-constexpr uint64_t DEFAULT_OPERATIONS = 100'000;
-#else
-constexpr uint64_t DEFAULT_OPERATIONS = 1'000'000;
-#endif
 
 constexpr uint32_t PARTS = 8;
 constexpr uint32_t SCHEMAS = 32; // of each part
@@ -41,8 +33,7 @@ constexpr uint32_t BAD_TEXT_LENGTH = 8168; // without its NUL; one too long for 
 // The share of each part.
 uint64_t PartOperations()
 {
-    const char* given = std::getenv("NIMDB_TEST_OPERATIONS");
-    return (given && *given ? std::strtoull(given, nullptr, 0) : DEFAULT_OPERATIONS) / PARTS;
+    return ModelOperations() / PARTS;
 }
 
 // ---- a cursor and where it should stand
@@ -598,11 +589,11 @@ class TableRun {
 // ---- the parts of the run
 // ----------------------------------------------------------------------------
 
-class TableModelTest : public DatabaseTest, public testing::WithParamInterface<uint32_t> {};
+class TableAgainstModel : public DatabaseTest, public testing::WithParamInterface<uint32_t> {};
 
-TEST_P(TableModelTest, TablesOfAnySchemaAnswerAsTheModelDoes)
+TEST_P(TableAgainstModel, TablesOfAnySchemaAnswerAsTheModelDoes)
 {
-    const uint64_t seed = TestSeed("NIMDB_TEST_SEED");
+    const uint64_t seed = TestSeed();
     const QuietTrace quiet;
     const LogRecorder log;
     FileSysSetMapping(GetParam() % 4 == 3 ? FALSE : TRUE); // some parts with plain reads
@@ -634,6 +625,6 @@ TEST_P(TableModelTest, TablesOfAnySchemaAnswerAsTheModelDoes)
     EXPECT_TRUE(log.empty()) << log.dump();
 }
 
-INSTANTIATE_TEST_SUITE_P(Parts, TableModelTest, testing::Range(0u, PARTS));
+INSTANTIATE_TEST_SUITE_P(Parts, TableAgainstModel, testing::Range(0u, PARTS));
 
 } // namespace

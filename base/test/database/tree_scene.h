@@ -73,7 +73,7 @@ class TreeScene {
         damaged = true;
         uint8_t* pLeaf = nullptr;
         IndxGetNode(&pLeaf, tree->cursor(), tLeaf);
-        SetNodeWord(pLeaf, INDX_NODE_PARENT, 77);
+        EXPECT_TRUE(IndxSetNodeWord(pLeaf, INDX_NODE_PARENT, 77));
     }
     // A new lowest key, for which the leaf has room, cannot be told to the levels above.
     void AddLowestWithoutParent()

@@ -5,6 +5,7 @@
 #include "nim/path.h"
 #include "support/file_bytes.h"
 #include "support/temporary_directory.h"
+#include "support/trace_recorder.h"
 
 #include <gtest/gtest.h>
 
@@ -30,6 +31,14 @@ class Config : public testing::Test {
         EXPECT_EQ(result, value ? 1u : 0u);
         std::string text = value ? value : "(null)";
         MemFree(value);
+        return text;
+    }
+
+    std::string Path() const
+    {
+        char* path = PathHomeBuild("configure.cfg", 0);
+        const std::string text = path;
+        MemFree(path);
         return text;
     }
 
@@ -89,27 +98,55 @@ TEST_F(Config, WithoutValueAndDefaultThereIsNoString)
     EXPECT_EQ(CfgGetString(nullptr, "configure.cfg", "Directories", "database", "d"), 0u);
 }
 
-TEST_F(Config, AFileThatCannotBeReadGivesTheDefault)
+TEST_F(Config, AFileThatCannotBeReadGivesNothingAndNotTheDefault)
 {
     WriteFileBytes(path_, "[Directories]\ndatabase = db\n");
-    FaultRule rule = {FAULT_STNZ_LOAD, "configure.cfg", 1, 1, FAULT_FAIL, 0};
-    FaultArm(&rule);
-    EXPECT_EQ(Get(), "default");
-    EXPECT_EQ(Get(), "db");
+    for (const uint32_t point : {FAULT_STNZ_LOAD, FAULT_OPEN, FAULT_READ}) {
+        FaultRule rule = {point, "configure.cfg", 1, 1, FAULT_FAIL, 0};
+        FaultArm(&rule);
+        TraceRecorder trace;
+        EXPECT_EQ(Get(), "(null)") << point;
+        EXPECT_TRUE(trace.has(
+            "CONFIG        ", 1, -1,
+            "Failed to read the value of 'database' in stanza 'Directories' of '" + Path() +
+                "'; no default takes its place"))
+            << trace.dump();
+        EXPECT_EQ(Get(), "db") << point;
+        FaultDisarmAll();
+    }
 }
 
-TEST_F(Config, RunningOutOfMemoryGivesTheDefaultOrNothingAndLeaksNothing)
+TEST_F(Config, AFileOfWhichNobodyKnowsWhetherItIsThereGivesNothing)
+{
+    FaultRule rule = {FAULT_EXISTS, "configure.cfg", 1, 1, FAULT_FAIL, 0};
+    FaultArm(&rule);
+    EXPECT_EQ(Get(), "(null)");
+    EXPECT_EQ(Get(), "default");
+}
+
+TEST_F(Config, WhatStandsInThePlaceOfTheFileAndIsNoneGivesNothing)
+{
+    std::filesystem::create_directory(path_);
+    EXPECT_EQ(Get(), "(null)") << "a directory";
+    std::filesystem::remove(path_);
+    WriteFileBytes(path_, std::string((16 << 20) + 1, '#'));
+    EXPECT_EQ(Get(), "(null)") << "too large";
+}
+
+TEST_F(Config, RunningOutOfMemoryGivesNothingAndLeaksNothing)
 {
     WriteFileBytes(path_, "[Directories]\ndatabase = db\n");
-    bool struck = true;
-    for (uint32_t nth = 1; struck; ++nth) {
-        ASSERT_LT(nth, 50u);
-        FaultRule rule = {FAULT_ALLOC, nullptr, nth, 0, FAULT_FAIL, 0};
-        const uint32_t id = FaultArm(&rule);
-        const std::string value = Get();
-        struck = FaultHits(id) != 0;
-        FaultDisarmAll();
-        EXPECT_EQ(value, struck ? "(null)" : "db");
-        EXPECT_EQ(MemLiveCount(), live_);
+    for (const uint32_t times : {1u, 0u}) {
+        bool struck = true;
+        for (uint32_t nth = 1; struck; ++nth) {
+            ASSERT_LT(nth, 50u);
+            FaultRule rule = {FAULT_ALLOC, nullptr, nth, times, FAULT_FAIL, 0};
+            const uint32_t id = FaultArm(&rule);
+            const std::string value = Get();
+            struck = FaultHits(id) != 0;
+            FaultDisarmAll();
+            EXPECT_EQ(value, struck ? "(null)" : "db");
+            EXPECT_EQ(MemLiveCount(), live_);
+        }
     }
 }

@@ -218,3 +218,36 @@ TEST_P(Scans, FailWhereAFaultStrikes)
     EXPECT_EQ(Scan(directory_.path(), Take, &found), 1u);
     FaultDisarmAll();
 }
+
+TEST(ScanOutcome, TellsTheEndFromAStopAndAnAbsentDirectoryFromOneThatCannotBeRead)
+{
+    TemporaryDirectory directory;
+    WriteFileBytes(directory.path("a"), "");
+    WriteFileBytes(directory.path("b"), "");
+    const auto outcome = [](const std::string& path, Found* found) {
+        return DirScanOutcome(path.c_str(), Take, found);
+    };
+    Found all;
+    EXPECT_EQ(outcome(directory.path(), &all), DIRSCAN_DONE);
+    EXPECT_EQ(all.names.size(), 2u);
+    for (const NimBool answer : {0u, 2u}) {
+        Found first;
+        first.answer = answer;
+        EXPECT_EQ(outcome(directory.path(), &first), DIRSCAN_STOPPED);
+        EXPECT_EQ(first.names.size(), 1u);
+    }
+    Found none;
+    EXPECT_EQ(outcome(directory.path("absent"), &none), DIRSCAN_ABSENT);
+    EXPECT_EQ(outcome(directory.path("a/below"), &none), DIRSCAN_ABSENT);
+    EXPECT_EQ(outcome(directory.path("a"), &none), DIRSCAN_UNREAD) << "a file";
+    for (const uint32_t point : {FAULT_SCAN, FAULT_ALLOC}) {
+        FaultRule rule = {point, nullptr, 1, 1, FAULT_FAIL, 0};
+        FaultArm(&rule);
+        EXPECT_EQ(outcome(directory.path(), &none), DIRSCAN_UNREAD);
+        FaultDisarmAll();
+    }
+    EXPECT_EQ(DirScanOutcome(nullptr, Take, &none), DIRSCAN_UNREAD);
+    EXPECT_EQ(DirScanOutcome("", Take, &none), DIRSCAN_UNREAD);
+    EXPECT_EQ(DirScanOutcome(directory.path().c_str(), nullptr, &none), DIRSCAN_UNREAD);
+    EXPECT_TRUE(none.names.empty());
+}

@@ -285,6 +285,7 @@ TEST_P(Files, ClosingTwiceThroughOneVariableIsAnsweredTheSecondTime)
     EXPECT_EQ(FileSysOpenCount(), 1u);
     EXPECT_EQ(FileSysClose(&handle), 1u);
     EXPECT_EQ(handle, FILE_NONE);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(handle), ~uintptr_t{0});
     EXPECT_EQ(FileSysOpenCount(), 0u);
     EXPECT_EQ(FileSysClose(&handle), 0u);
 }

@@ -2,6 +2,8 @@
 #include "filetable.h"
 #include "nim/fault.h"
 #include "nim/filesys.h"
+#include "nim/path.h"
+#include "support/file_bytes.h"
 #include "support/temporary_directory.h"
 
 #include <gtest/gtest.h>
@@ -92,6 +94,10 @@ TEST(FileTable, IsFullWithSixtyFiveThousandAndServesAgainAfterwards)
     void* refused = nullptr;
     EXPECT_EQ(FileSysOpen(&refused, directory.path("f").c_str(), FILE_MODE_UPDATE), 0u);
     EXPECT_EQ(refused, FILE_NONE);
+    EXPECT_EQ(PathKind(directory.path("f").c_str()), PATH_ABSENT) << "created for nothing";
+    WriteFileBytes(directory.path("full"), "bytes");
+    EXPECT_EQ(FileSysOpen(&refused, directory.path("full").c_str(), FILE_MODE_EMPTY), 0u);
+    EXPECT_EQ(ReadFileBytes(directory.path("full")), "bytes");
     for (size_t i = 0; i < handles.size(); ++i) {
         ASSERT_EQ(FileTableFind(handles[i]), FakeFile(i + 1));
         ASSERT_EQ(FileTableRemove(handles[i]), FakeFile(i + 1));

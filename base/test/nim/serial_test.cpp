@@ -237,9 +237,9 @@ TEST(Serial, SizeDoesNotDependOnTheValuesOfNumbers)
         EXPECT_EQ(ObjSerializedSize(root.get()), size);
         EXPECT_EQ(Serialised(root.get()).size(), size);
     }
-    Ref large = NewObject(MAGIC, "q;u;n9;");
+    Ref large = NewObject(MAGIC, "q;b;u;n9;");
     uint32_t zero = ObjSerializedSize(large.get());
-    memset(large.get(), 0xFF, 8 + 32 + 9);
+    memset(large.get(), 0xFF, 8 + 4 + 32 + 9);
     EXPECT_EQ(ObjSerializedSize(large.get()), zero);
     Dissolve(std::move(root));
 }

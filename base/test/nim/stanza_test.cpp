@@ -5,6 +5,7 @@
 #include "support/file_bytes.h"
 #include "support/seed.h"
 #include "support/temporary_directory.h"
+#include "support/trace_recorder.h"
 
 #include <gtest/gtest.h>
 
@@ -171,6 +172,58 @@ TEST_F(Stanzas, AFileThatCannotBeReadOrIsTooLargeIsRefused)
     EXPECT_TRUE(Has(bytes, "S"));
     bytes.push_back('\n');
     EXPECT_FALSE(Has(bytes, "S"));
+}
+
+TEST_F(Stanzas, AFileThatIsNotThereOneWithoutTheStanzaAndOneThatCannotBeReadAreToldApart)
+{
+    const auto read = [](const std::string& path) {
+        Stnz* stanza = nullptr;
+        const uint32_t answer = StnzReadStanzaFromFile(&stanza, path.c_str(), "S");
+        EXPECT_EQ(answer == STNZ_READ, stanza != nullptr);
+        StnzRelease(&stanza);
+        return answer;
+    };
+    EXPECT_EQ(read(path_), STNZ_NO_FILE);
+    EXPECT_EQ(read(directory_.path("absent/file.cfg")), STNZ_NO_FILE);
+    Arm(FAULT_EXISTS, FAULT_FAIL, 0, "file.cfg");
+    EXPECT_EQ(read(path_), STNZ_UNREAD) << "nobody knows whether it is there";
+    FaultDisarmAll();
+    WriteFileBytes(path_, "[Other]\na = 1\n");
+    EXPECT_EQ(read(path_), STNZ_NO_STANZA);
+    WriteFileBytes(path_, "");
+    EXPECT_EQ(read(path_), STNZ_NO_STANZA);
+    WriteFileBytes(path_, "[S]\na = 1\n");
+    EXPECT_EQ(read(path_), STNZ_READ);
+    for (const uint32_t point : {FAULT_STNZ_LOAD, FAULT_OPEN, FAULT_READ}) {
+        Arm(point, FAULT_FAIL, 0, "file.cfg");
+        EXPECT_EQ(read(path_), STNZ_UNREAD) << point;
+        FaultDisarmAll();
+    }
+    Arm(FAULT_READ, FAULT_SHORT, 5, "file.cfg");
+    EXPECT_EQ(read(path_), STNZ_UNREAD) << "it shrinks";
+    FaultDisarmAll();
+    uint32_t nth = 1;
+    for (bool struck = true; struck; ++nth) {
+        const uint32_t rule = Arm(FAULT_ALLOC, FAULT_FAIL, 0, nullptr, nth);
+        const uint32_t answer = read(path_);
+        struck = FaultHits(rule) != 0;
+        FaultDisarmAll();
+        EXPECT_EQ(answer, struck ? STNZ_UNREAD : STNZ_READ) << nth;
+    }
+    EXPECT_EQ(read(directory_.path()), STNZ_UNREAD) << "a directory";
+    {
+        TraceRecorder trace;
+        WriteFileBytes(path_, std::string((16 << 20) + 1, '#'));
+        EXPECT_EQ(read(path_), STNZ_UNREAD);
+        EXPECT_TRUE(
+            trace.has("STANZA        ", 1, -1, "'" + path_ + "' is too large to be a stanza file"));
+    }
+    Stnz* stanza = reinterpret_cast<Stnz*>(this);
+    EXPECT_EQ(StnzReadStanzaFromFile(&stanza, nullptr, "S"), STNZ_UNREAD);
+    EXPECT_EQ(stanza, nullptr);
+    EXPECT_EQ(StnzReadStanzaFromFile(&stanza, "", "S"), STNZ_UNREAD);
+    EXPECT_EQ(StnzReadStanzaFromFile(&stanza, path_.c_str(), nullptr), STNZ_UNREAD);
+    EXPECT_EQ(StnzReadStanzaFromFile(nullptr, path_.c_str(), "S"), STNZ_UNREAD);
 }
 
 TEST_F(Stanzas, ManyKeysOfOneNameAreReadInTime)
@@ -467,6 +520,50 @@ TEST_F(Stanzas, ATemporaryFileLeftByADeadProcessIsOverwritten)
 {
     WriteFileBytes(path_ + ".tmp", std::string(1000, 'x'));
     EXPECT_EQ(Replace("[S]\n", "S", {{"a", "1"}}), "[S]\na = 1\n");
+}
+
+// Beside a file that a user has named, any name may be another such file: "T.tmp" beside "T".
+TEST_F(Stanzas, ByTheParentNothingBesideTheFileIsTouched)
+{
+    std::filesystem::create_directory(directory_.path("named"));
+    const std::string path = directory_.path("named/T");
+    const std::string neighbour = directory_.path("named/T.tmp");
+    const std::string temporary = directory_.path("T.tmp");
+    WriteFileBytes(neighbour, "[S]\nmine = 1\n");
+    Stnz* stanza = Make("S", {{"a", "1"}});
+    EXPECT_EQ(StnzReplaceStanzaViaParent(stanza, path.c_str()), 1u);
+    EXPECT_EQ(ReadFileBytes(path), "[S]\na = 1\n");
+    EXPECT_EQ(ReadFileBytes(neighbour), "[S]\nmine = 1\n");
+    EXPECT_FALSE(std::filesystem::exists(temporary));
+    for (const uint32_t point : {FAULT_OPEN, FAULT_WRITE, FAULT_CLOSE}) {
+        Arm(point, FAULT_FAIL, 0, "T.tmp");
+        EXPECT_EQ(StnzReplaceStanzaViaParent(stanza, path.c_str()), 0u);
+        FaultDisarmAll();
+        EXPECT_EQ(ReadFileBytes(path), "[S]\na = 1\n");
+        EXPECT_EQ(ReadFileBytes(neighbour), "[S]\nmine = 1\n");
+        EXPECT_FALSE(std::filesystem::exists(temporary));
+    }
+    WriteFileBytes(temporary, "left by a process that died, and longer than what is written now");
+    EXPECT_EQ(StnzReplaceStanzaViaParent(stanza, path.c_str()), 1u);
+    EXPECT_EQ(ReadFileBytes(path), "[S]\na = 1\n");
+    EXPECT_FALSE(std::filesystem::exists(temporary));
+    EXPECT_EQ(StnzReplaceStanzaViaParent(stanza, nullptr), 0u);
+    EXPECT_EQ(StnzReplaceStanzaViaParent(stanza, ""), 0u);
+    EXPECT_EQ(StnzReplaceStanzaViaParent(nullptr, path.c_str()), 0u);
+    StnzRelease(&stanza);
+}
+
+TEST_F(Stanzas, ByTheParentARelativeNameWorksToo)
+{
+    const std::filesystem::path former = std::filesystem::current_path();
+    std::filesystem::create_directory(directory_.path("named"));
+    std::filesystem::current_path(directory_.path("named"));
+    Stnz* stanza = Make("S", {{"a", "1"}});
+    EXPECT_EQ(StnzReplaceStanzaViaParent(stanza, "T"), 1u);
+    std::filesystem::current_path(former);
+    StnzRelease(&stanza);
+    EXPECT_EQ(ReadFileBytes(directory_.path("named/T")), "[S]\na = 1\n");
+    EXPECT_FALSE(std::filesystem::exists(directory_.path("T.tmp")));
 }
 
 TEST_F(Stanzas, AFailingLoadGivesNoStanza)

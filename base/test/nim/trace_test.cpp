@@ -4,12 +4,16 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdarg>
+#include <cstdlib>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "nim/fault.h"
+#include "nim/log.h"
 #include "nim/mem.h"
 #include "support/environment.h"
 #include "support/file_bytes.h"
@@ -79,7 +83,8 @@ TEST(Trace, ARecorderSeesEverythingOfALine)
     NIM_TRACE(TAG, 1, -1, "Failed to open '%s', %ld", "x", -5);
     uint32_t line = __LINE__ - 1;
     NIM_TRACE("INDX        ", 0, 4, "plain");
-    ASSERT_EQ(trace.lines().size(), 2u);
+    NIM_TRACE(TAG, 5, 1, "a system's error value");
+    ASSERT_EQ(trace.lines().size(), 3u);
     TraceRecorder::Line first = trace.lines()[0];
     EXPECT_EQ(first.tag, TAG);
     EXPECT_EQ(first.line, line);
@@ -90,7 +95,10 @@ TEST(Trace, ARecorderSeesEverythingOfALine)
     EXPECT_FALSE(trace.has("INDX        ", 1, 4, "plain"));
     EXPECT_FALSE(trace.has("INDX        ", 0, 3, "plain"));
     EXPECT_FALSE(trace.has("INDX", 0, 4, "plain"));
-    EXPECT_EQ(trace.texts(), (std::vector<std::string>{"Failed to open 'x', -5", "plain"}));
+    EXPECT_TRUE(trace.has(TAG, 5, 1, "a system's error value"));
+    EXPECT_EQ(
+        trace.texts(),
+        (std::vector<std::string>{"Failed to open 'x', -5", "plain", "a system's error value"}));
 }
 
 TEST(Trace, RecordersNest)
@@ -113,7 +121,7 @@ TEST(Trace, ASilentLineEvaluatesNoArgument)
     auto argument = [&] { return ++evaluated; };
     TraceSetSink(nullptr, nullptr, 0); // and the environment is read
     ASSERT_EQ(gNimTraceThreshold, RING_LEVEL);
-    NIM_TRACE(TAG, 0, 4, "%d", argument());
+    NIM_TRACE(TAG, 1, 4, "%d", argument());
     EXPECT_EQ(evaluated, 0);
     NIM_TRACE(TAG, 0, 3, "%d", argument());
     EXPECT_EQ(evaluated, 1);
@@ -143,7 +151,7 @@ TEST(Trace, SinkAndRingTakeWhatIsNotAboveTheirLevelsAndAllFailures)
             EXPECT_EQ(gNimTraceThreshold, std::max({sinkLevel, ringLevel, -1}));
             for (int32_t level = -1; level <= 5; ++level) {
                 std::string text = "serial " + std::to_string(++serial) + ".";
-                NIM_TRACE(TAG, 0, level, "%s", text.c_str());
+                NIM_TRACE(TAG, serial % 2, level, "%s", text.c_str()); // the flag shows no line
                 EXPECT_EQ(trace.has(text), level == -1 || level <= sinkLevel)
                     << level << " " << sinkLevel;
                 EXPECT_EQ(InRing(text), level == -1 || level <= ringLevel)
@@ -350,6 +358,116 @@ TEST(Trace, ServesSeveralThreads)
     // Every line of the ring is a whole one too.
     for (const std::string& line : Dump(0))
         EXPECT_NE(line.find("thread "), std::string::npos) << line;
+}
+
+namespace {
+
+// A sink that stays inside its first call until it is let go.
+struct Held {
+    std::promise<void> entered;
+    std::promise<void> letGo;
+    std::atomic<int> calls{0};
+    std::atomic<bool> left{false};
+    static void Take(void* context, const TraceLine*)
+    {
+        auto* held = static_cast<Held*>(context);
+        if (held->calls++ != 0)
+            return;
+        held->entered.set_value();
+        held->letGo.get_future().wait();
+        held->left = true;
+    }
+};
+
+} // namespace
+
+TEST(Trace, WhileASinkTakesItsTimeTheRingAndTheLevelsServeOthers)
+{
+    Held held;
+    TraceSetSink(Held::Take, &held, 0);
+    std::thread inside([] { NIM_TRACE(TAG, 0, 0, "held"); });
+    held.entered.get_future().wait();
+    std::promise<void> done;
+    std::thread other([&] {
+        NIM_TRACE(TAG, 0, 3, "for the ring alone");
+        TraceSetRingLevel(4);
+        NIM_TRACE(TAG, 0, 4, "for the ring as well");
+        TraceSetRingLevel(RING_LEVEL);
+        done.set_value();
+    });
+    EXPECT_EQ(done.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_TRUE(InRing("for the ring alone"));
+    EXPECT_TRUE(InRing("for the ring as well"));
+    EXPECT_FALSE(held.left);
+    held.letGo.set_value();
+    inside.join();
+    other.join();
+    TraceSetSink(nullptr, nullptr, 0);
+    EXPECT_EQ(held.calls, 1);
+}
+
+TEST(Trace, ASinkThatIsReplacedHasReturnedAndIsCalledNoMore)
+{
+    Held held;
+    TraceSetSink(Held::Take, &held, 3);
+    std::thread inside([] { NIM_TRACE(TAG, 0, 3, "held"); });
+    held.entered.get_future().wait();
+    // These wait for their turn while the sink is replaced.
+    std::vector<std::thread> waiting;
+    for (int i = 0; i < 4; ++i)
+        waiting.emplace_back([] {
+            for (int line = 0; line < 100; ++line)
+                NIM_TRACE(TAG, 0, 3, "waits");
+        });
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        held.letGo.set_value();
+    });
+    TraceRecorder next(1); // lines of level 3 are not for it
+    EXPECT_TRUE(held.left);
+    const int calls = held.calls;
+    NIM_TRACE(TAG, 0, 1, "to the next");
+    for (std::thread* thread :
+         {&inside, &release, &waiting[0], &waiting[1], &waiting[2], &waiting[3]})
+        thread->join();
+    EXPECT_EQ(held.calls, calls);
+    EXPECT_EQ(next.texts(), std::vector<std::string>{"to the next"});
+}
+
+TEST_F(TraceChild, ATraceSinkThatLogsAndALogSinkThatTracesDoNotWaitForEachOther)
+{
+    // In a process of its own: two locks would leave it waiting for ever.
+    EXPECT_EXIT(
+        {
+            static std::atomic<int> calls{0};
+            TraceSetSink(
+                [](void*, const TraceLine*) {
+                    ++calls;
+                    std::this_thread::yield();
+                    LogMessage(1, 96, 0, "logged by the sink of the trace");
+                },
+                nullptr, 0);
+            LogSetSink(
+                [](void*, const LogRecord*) {
+                    ++calls;
+                    std::this_thread::yield();
+                    NIM_TRACE(TAG, 0, 0, "traced by the sink of the log");
+                },
+                nullptr);
+            std::thread([] {
+                std::this_thread::sleep_for(std::chrono::seconds(30));
+                std::_Exit(1);
+            }).detach();
+            std::thread tracing([] {
+                for (int i = 0; i < 20000; ++i)
+                    NIM_TRACE(TAG, 0, 0, "line");
+            });
+            for (int i = 0; i < 20000; ++i)
+                LogMessage(2, 96, 0, "message");
+            tracing.join();
+            std::_Exit(calls == 80000 ? 0 : 2);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 TEST_F(TraceChild, FailuresAloneReachTheStandardErrorByDefault)

@@ -42,7 +42,6 @@ constexpr SweptFault SWEPT_FAULTS[] = {
     {"allocate", FAULT_ALLOC},
     {"serialise", FAULT_SERIALIZE},
     {"reconstruct", FAULT_RECONSTRUCT},
-    {"add a reference", FAULT_INCREF},
     {"load a stanza", FAULT_STNZ_LOAD},
     {"save a stanza", FAULT_STNZ_SAVE},
 };

@@ -41,6 +41,19 @@ class FileCalls {
         }
         return result;
     }
+    // Which blocks of a block file the writes went to, 0 for the control block; a block that is
+    // written in parts counts once.
+    std::vector<int64_t> blocksWritten(const std::string& pathPart = "") const
+    {
+        std::vector<int64_t> result;
+        for (const Call& call : calls_) {
+            const int64_t block = call.offset / 16384;
+            if (call.op == FILE_OP_WRITE && call.path.find(pathPart) != std::string::npos &&
+                (result.empty() || result.back() != block))
+                result.push_back(block);
+        }
+        return result;
+    }
     std::vector<uint32_t> sizes(uint32_t op) const
     {
         std::vector<uint32_t> result;

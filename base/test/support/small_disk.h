@@ -100,10 +100,8 @@ class SmallDisk {
     bool Limit([[maybe_unused]] uint64_t bytes)
     {
 #if defined(__linux__)
-        if (!limited_) {
-            signal(SIGXFSZ, SIG_IGN);
+        if (!limited_)
             getrlimit(RLIMIT_FSIZE, &former_);
-        }
         rlimit limit = former_;
         limit.rlim_cur = bytes;
         limited_ = setrlimit(RLIMIT_FSIZE, &limit) == 0;

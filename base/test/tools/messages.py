@@ -18,8 +18,12 @@ TEXTS = rf"{TEXT}(?:\s*{TEXT})*"  # adjacent literals are one
 # What a call may have ahead of its format: levels, flags, numbers, names; no text.
 AHEAD = r'[^";{}]*?'
 CALL = re.compile(rf"\b(\w*(?:TRACE|TRACE_ERROR|TRACE_LINE)|LogMessage\w*)\(({AHEAD})({TEXTS})")
-# A line of the trace: format, error flag, level. An entry of the log: number, class, format.
-LINE = re.compile(rf"\{{(?:({TEXTS}),\s+(?:\d|S::\w+), -?\d,|\d{{4}}, \d+,\s+({TEXTS}|\w+),)")
+# A line of the trace: format, its values, error flag, level. An entry of the log: number, class,
+# format.
+VALUES = r"(?:With\((?:[^()]|\([^()]*\))*\),\s+)?"
+LINE = re.compile(
+    rf"\{{(?:({TEXTS}),\s+{VALUES}(?:\d|S::\w+),\s+-?\d,|\d{{4}}, \d+,\s+({TEXTS}|\w+),)"
+)
 NAMED = re.compile(rf"const char\* (\w+) = ({TEXTS});")
 
 

@@ -8,8 +8,8 @@ if(CMAKE_CROSSCOMPILING)
     set_tests_properties(wine_start PROPERTIES FIXTURES_SETUP wine TIMEOUT 300)
     set_tests_properties(wine_stop PROPERTIES FIXTURES_CLEANUP wine TIMEOUT 60)
 endif()
-nim_runs_under_wine(api_test 600)
-nim_runs_under_wine(guide 600)
+nim_runs_under_wine(api_test)
+nim_runs_under_wine(guide)
 
 # ---- the DLLs: names, needs, version -----------------------------------------------------------
 
@@ -28,7 +28,7 @@ endforeach()
 
 # ---- drives, paths, names, sharing, views ------------------------------------------------------
 
-nim_test_program(windows_test
+nim_test_program(windows_test 1
     support/main.cpp
     support/tree_check.cpp
     windows/drives_test.cpp
@@ -65,5 +65,5 @@ if(CMAKE_CROSSCOMPILING)
         "-DWINDOWS_GUIDE=${emulator}$<SEMICOLON>$<TARGET_FILE:guide>"
         -DDIRECTORY=${CMAKE_CURRENT_BINARY_DIR}/exchange
         -P ${CMAKE_CURRENT_SOURCE_DIR}/windows/exchange.cmake)
-    nim_runs_under_wine(exchange 600)
+    nim_runs_under_wine(exchange)
 endif()

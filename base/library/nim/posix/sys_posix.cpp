@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,14 +34,14 @@ bool SysFileOpen(intptr_t* file, const char* path, uint32_t flags)
     int how = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
     if ((flags & SYS_READ) && (flags & SYS_WRITE))
         how |= O_RDWR;
-    else if (flags & SYS_WRITE)
+    else if (flags & (SYS_WRITE | SYS_APPEND))
         how |= O_WRONLY;
     else
         how |= O_RDONLY;
     if (flags & SYS_CREATE)
         how |= O_CREAT;
-    if (flags & SYS_TRUNCATE)
-        how |= O_TRUNC;
+    if (flags & SYS_APPEND)
+        how |= O_APPEND;
 
     int descriptor;
     do {
@@ -51,9 +52,16 @@ bool SysFileOpen(intptr_t* file, const char* path, uint32_t flags)
 
     // A directory opens for reading; a pipe or a socket has no offsets.
     struct stat status;
-    if (fstat(descriptor, &status) != 0 ||
-        !(S_ISREG(status.st_mode) || S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))) {
+    int refusal = 0;
+    if (fstat(descriptor, &status) != 0)
+        refusal = errno;
+    else if (S_ISDIR(status.st_mode))
+        refusal = EISDIR;
+    else if (!(S_ISREG(status.st_mode) || S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)))
+        refusal = ESPIPE;
+    if (refusal != 0) {
         close(descriptor);
+        errno = refusal;
         return false;
     }
     *file = descriptor;
@@ -87,6 +95,68 @@ bool SysFileWrite(size_t* moved, intptr_t file, const void* buffer, size_t size,
     return result >= 0;
 }
 
+// The signal for a file that would become too long goes to the thread that writes, so that this
+// thread alone can hold it off and take it back: the host's disposition stays what it is, and no
+// other thread is concerned. Comparing with the limit is not enough where others append, too.
+class NoLimitSignal {
+  public:
+    NoLimitSignal()
+    {
+        sigset_t pending;
+        sigemptyset(&signal_);
+        sigaddset(&signal_, SIGXFSZ);
+        sigpending(&pending);
+        held_ = sigismember(&pending, SIGXFSZ) == 0 &&
+                pthread_sigmask(SIG_BLOCK, &signal_, &former_) == 0;
+    }
+    ~NoLimitSignal()
+    {
+        if (!held_)
+            return;
+        const int reason = errno;
+        const timespec now = {};
+        while (sigtimedwait(&signal_, nullptr, &now) < 0 && errno == EINTR)
+            ;
+        pthread_sigmask(SIG_SETMASK, &former_, nullptr);
+        errno = reason;
+    }
+    NoLimitSignal(const NoLimitSignal&) = delete;
+    NoLimitSignal& operator=(const NoLimitSignal&) = delete;
+
+  private:
+    sigset_t signal_;
+    sigset_t former_;
+    bool held_;
+};
+
+static bool SysAppendNow(size_t* moved, intptr_t file, const void* buffer, size_t size)
+{
+    ssize_t result;
+    do {
+        result = write(static_cast<int>(file), buffer, size);
+    } while (result < 0 && errno == EINTR);
+    *moved = result > 0 ? static_cast<size_t>(result) : 0;
+    return result >= 0;
+}
+
+bool SysFileAppend(size_t* moved, intptr_t file, const void* buffer, size_t size)
+{
+    *moved = 0;
+    const int64_t limit = SysFileLimit();
+    if (limit == INT64_MAX)
+        return SysAppendNow(moved, file, buffer, size);
+    // All of it or nothing: half a line helps nobody.
+    int64_t length;
+    if (!SysFileLength(&length, file))
+        return false;
+    if (length > limit || size > static_cast<uint64_t>(limit - length)) {
+        errno = EFBIG;
+        return false;
+    }
+    const NoLimitSignal quiet;
+    return SysAppendNow(moved, file, buffer, size);
+}
+
 bool SysFileLength(int64_t* length, intptr_t file)
 {
     struct stat status;
@@ -98,13 +168,21 @@ bool SysFileLength(int64_t* length, intptr_t file)
     return true;
 }
 
-// Whether the process may make a file this long. A reservation does not change the length, so the
-// system lets it pass; the write would be refused.
-static bool SysMayReach(int64_t end)
+bool SysFileEmpty(intptr_t file)
+{
+    int result;
+    do {
+        result = ftruncate(static_cast<int>(file), 0);
+    } while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
+int64_t SysFileLimit()
 {
     rlimit limit = {};
-    return getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY ||
-           static_cast<uint64_t>(end) <= limit.rlim_cur;
+    if (getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur > uint64_t{INT64_MAX})
+        return INT64_MAX; // RLIM_INFINITY, too
+    return static_cast<int64_t>(limit.rlim_cur);
 }
 
 // Without changing the length. False with errno.
@@ -119,8 +197,12 @@ static bool SysAllocate(intptr_t file, int64_t offset, int64_t size)
 
 bool SysFileReserve(intptr_t file, int64_t offset, int64_t size)
 {
-    if (!SysMayReach(offset + size))
+    // A reservation does not change the length, so the system lets it pass; the write would be
+    // refused.
+    if (offset + size > SysFileLimit()) {
+        errno = EFBIG;
         return false;
+    }
     if (SysAllocate(file, offset, size))
         return true;
     switch (errno) {
@@ -208,7 +290,9 @@ bool SysScan(const char* directory, SysNameCallback f, void* context)
         if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0)
             good = f(context, name);
     }
+    const int reason = errno;
     closedir(stream);
+    errno = reason;
     return good;
 }
 
@@ -252,6 +336,49 @@ bool SysProgramDirectory(char* buffer, size_t size)
     return true;
 }
 
+// ---- drives ----
+
+// A system without drive letters: no drive and no error.
+uint32_t SysDriveLetters()
+{
+    SysForgetError();
+    return 0;
+}
+
+uint32_t SysDriveType(const char*)
+{
+    return 0;
+}
+
+// ---- reasons ----
+
+uint32_t SysLastError()
+{
+    return static_cast<uint32_t>(errno);
+}
+
+void SysForgetError()
+{
+    errno = 0;
+}
+
+bool SysErrorMeansAbsent(uint32_t error)
+{
+    return error == ENOENT || error == ENOTDIR;
+}
+
+void SysErrorText(char* buffer, size_t size, uint32_t error)
+{
+    // Not strerror, whose words follow the locale of the host.
+    const char* text = error != 0 ? strerrordesc_np(static_cast<int>(error)) : nullptr;
+    if (text)
+        snprintf(buffer, size, "%s (%u)", text, error);
+    else if (error != 0)
+        snprintf(buffer, size, "error %u", error);
+    else
+        snprintf(buffer, size, "the system gives no reason");
+}
+
 // ---- process ----
 
 bool SysGetEnvironment(const char* name, char* buffer, size_t size)
@@ -283,7 +410,7 @@ uint64_t SysRandom()
     return value ^ (value >> 31);
 }
 
-void SysWriteStandardError(const char* text, size_t size)
+static void SysWriteError(const char* text, size_t size)
 {
     while (size > 0) {
         const ssize_t moved = write(STDERR_FILENO, text, size);
@@ -294,6 +421,16 @@ void SysWriteStandardError(const char* text, size_t size)
         text += moved;
         size -= static_cast<size_t>(moved);
     }
+}
+
+void SysWriteStandardError(const char* text, size_t size)
+{
+    if (SysFileLimit() == INT64_MAX) {
+        SysWriteError(text, size);
+        return;
+    }
+    const NoLimitSignal quiet; // it may have been led to a file
+    SysWriteError(text, size);
 }
 
 void SysEndProcess(uint32_t)

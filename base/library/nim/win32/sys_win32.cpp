@@ -19,6 +19,7 @@
 
 #include <windows.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
@@ -88,7 +89,12 @@ class WidePath {
   public:
     explicit WidePath(const char* path, const wchar_t* tail = L"");
     // Null when the path is no UTF-8, too long, or does not name the one file that it seems to.
-    const wchar_t* Text() const { return text_; }
+    const wchar_t* Text() const
+    {
+        if (!text_)
+            SetLastError(ERROR_INVALID_NAME);
+        return text_;
+    }
 
   private:
     static constexpr DWORD PREFIX_ROOM = 8; // for \\?\UNC\ ahead of the path
@@ -208,18 +214,21 @@ bool SysFileOpen(intptr_t* file, const char* path, uint32_t flags)
     *file = SYS_NO_FILE;
     const WidePath wide(path);
     const NoQuestions quiet;
-    if (!wide.Text() || ((flags & SYS_WRITE) && IsAnotherName(wide.Text())))
+    if (!wide.Text())
         return false;
+    if ((flags & (SYS_WRITE | SYS_APPEND)) && IsAnotherName(wide.Text())) {
+        SetLastError(ERROR_INVALID_NAME);
+        return false;
+    }
     DWORD access = 0;
     if (flags & SYS_READ)
         access |= GENERIC_READ;
     if (flags & SYS_WRITE)
         access |= GENERIC_WRITE;
-    DWORD how = OPEN_EXISTING;
-    if (flags & SYS_TRUNCATE)
-        how = CREATE_ALWAYS;
-    else if (flags & SYS_CREATE)
-        how = OPEN_ALWAYS;
+    // Without the right to write elsewhere every write goes behind the end, in one step.
+    if (flags & SYS_APPEND)
+        access |= FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE;
+    const DWORD how = flags & SYS_CREATE ? OPEN_ALWAYS : OPEN_EXISTING;
     // Without the flag for backups a directory does not open. Without security attributes the
     // handle is not inherited.
     HANDLE handle;
@@ -235,6 +244,7 @@ bool SysFileOpen(intptr_t* file, const char* path, uint32_t flags)
     const DWORD type = GetFileType(handle);
     if (type != FILE_TYPE_DISK && type != FILE_TYPE_CHAR) { // a pipe has no offsets
         CloseHandle(handle);
+        SetLastError(ERROR_SEEK_ON_DEVICE);
         return false;
     }
     *file = reinterpret_cast<intptr_t>(handle);
@@ -265,6 +275,22 @@ bool SysFileWrite(size_t* moved, intptr_t file, const void* buffer, size_t size,
     const bool good = WriteFile(Handle(file), buffer, wanted, &count, &place) != 0;
     *moved = count;
     return good;
+}
+
+bool SysFileAppend(size_t* moved, intptr_t file, const void* buffer, size_t size)
+{
+    return SysFileWrite(moved, file, buffer, size, -1); // the end, wherever it is
+}
+
+bool SysFileEmpty(intptr_t file)
+{
+    FILE_END_OF_FILE_INFO end = {};
+    return SetFileInformationByHandle(Handle(file), FileEndOfFileInfo, &end, sizeof end) != 0;
+}
+
+int64_t SysFileLimit()
+{
+    return INT64_MAX;
 }
 
 bool SysFileLength(int64_t* length, intptr_t file)
@@ -368,11 +394,9 @@ SysKind SysPathKind(const char* path)
     case ERROR_BAD_PATHNAME:
     case ERROR_DIRECTORY:
     case ERROR_INVALID_DRIVE:
-    case ERROR_BAD_NETPATH:
-    case ERROR_BAD_NET_NAME:
     case ERROR_FILENAME_EXCED_RANGE:
         return SYS_ABSENT;
-    default: // no access, drive not ready ...
+    default: // no access, drive not ready, a server that does not answer ...
         return SYS_UNKNOWN;
     }
 }
@@ -396,9 +420,10 @@ bool SysScan(const char* directory, SysNameCallback f, void* context)
             continue;
         good = ToUtf8(entry.cFileName, name, sizeof name) && f(context, name);
     } while (good && FindNextFileW(scan, &entry));
-    good = good && GetLastError() == ERROR_NO_MORE_FILES;
+    const DWORD reason = GetLastError();
     FindClose(scan);
-    return good;
+    SetLastError(reason);
+    return good && reason == ERROR_NO_MORE_FILES;
 }
 
 bool SysReplaceFile(const char* from, const char* to)
@@ -453,6 +478,59 @@ bool SysProgramDirectory(char* buffer, size_t size)
         ++end; // a program in the root: "C:\" stays, "C:" would be another place
     *end = 0;
     return ToUtf8(program, buffer, size);
+}
+
+// ---- drives ----
+
+uint32_t SysDriveLetters()
+{
+    return GetLogicalDrives();
+}
+
+uint32_t SysDriveType(const char* root)
+{
+    const NoQuestions quiet;
+    return GetDriveTypeA(root);
+}
+
+// ---- reasons ----
+
+uint32_t SysLastError()
+{
+    return GetLastError();
+}
+
+void SysForgetError()
+{
+    SetLastError(ERROR_SUCCESS);
+}
+
+bool SysErrorMeansAbsent(uint32_t error)
+{
+    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
+}
+
+void SysErrorText(char* buffer, size_t size, uint32_t error)
+{
+    constexpr DWORD HOW = FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS;
+    wchar_t wide[256];
+    char text[3 * 256] = "";
+    DWORD length = 0;
+    if (error != ERROR_SUCCESS) {
+        length = FormatMessageW(
+            HOW, nullptr, error, MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), wide, 256, nullptr);
+        if (length == 0) // a system without English
+            length = FormatMessageW(HOW, nullptr, error, 0, wide, 256, nullptr);
+    }
+    while (length > 0 && wcschr(L"\r\n .", wide[length - 1]))
+        --length;
+    wide[length < 256 ? length : 255] = 0;
+    if (length > 0 && ToUtf8(wide, text, sizeof text))
+        snprintf(buffer, size, "%s (%u)", text, static_cast<unsigned>(error));
+    else if (error != ERROR_SUCCESS)
+        snprintf(buffer, size, "error %u", static_cast<unsigned>(error));
+    else
+        snprintf(buffer, size, "the system gives no reason");
 }
 
 // ---- process ----

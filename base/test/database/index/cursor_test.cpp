@@ -188,6 +188,14 @@ TEST_F(Cursor, CurrentFindsAnUntrustedCursorAgainAndLeavesATrustedOneAlone)
     index.Remove(2, NumberKey(20));
     EXPECT_EQ(IndxCurrentKey(c), 7);
     EXPECT_EQ(CursorId(c), 3u);
+    // At the ends it has no key, and stays.
+    IndxCursorBOI(c);
+    EXPECT_EQ(IndxCurrentKey(c), 8);
+    EXPECT_EQ(c->status, INDX_AT_BEGINNING);
+    IndxCursorEOI(c);
+    index.Add(10, NumberKey(100));
+    EXPECT_EQ(IndxCurrentKey(c), 8);
+    EXPECT_EQ(c->status, INDX_AT_END);
 }
 
 TEST_F(Cursor, ChangesMakeOnlyCursorsOnAKeyUntrustedTheirOwnIncluded)
@@ -368,6 +376,7 @@ TEST_F(Cursor, AStepAfterARefusedFindHasNoKeyAndIsFoundNowhereAfterAChange)
         EXPECT_EQ(IndxNextKey(c), 12);
         EXPECT_TRUE(trace.has(TAG, 0, 4, "No record for type 12"));
         EXPECT_EQ(c->status, INDX_ON_KEY);
+        EXPECT_EQ(c->position, 1);
         EXPECT_EQ(c->oKey, nullptr);
         index.Add(9, NumberKey(99));
         EXPECT_EQ(c->status, INDX_UNTRUSTED);
@@ -445,72 +454,6 @@ TEST_F(Cursor, GetIdReturns0WhetherItStoresAnIdOrCannot)
 
 // ---- messages ----------------------------------------------------------------------------------
 
-TEST_F(Cursor, MovesTraceWhereTheyAreAndWhatTheyReturn)
-{
-    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
-    Fill(index, 3);
-    IndxCursor* c = index.OpenCursor();
-    const std::string p = Address(c);
-    TraceRecorder trace;
-    const auto Has = [&](const std::string& text) { return trace.has(TAG, 0, 4, text); };
-    IndxCursorBOI(c);
-    EXPECT_TRUE(Has("IndxCursorBOI(" + p + ")"));
-    trace.clear();
-    IndxNextKey(c);
-    EXPECT_TRUE(Has("IndxNextKey(0x" + p + ")")) << trace.dump();
-    EXPECT_TRUE(Has("Cursor status 1 at 0:0"));
-    EXPECT_TRUE(Has("Cursor is at beginning of index"));
-    EXPECT_TRUE(Has("Block is apparently valid"));
-    EXPECT_TRUE(Has("6 = IndxNextKey"));
-    trace.clear();
-    IndxNextKey(c);
-    EXPECT_TRUE(Has("Cursor status 3 at 0:0")) << trace.dump();
-    EXPECT_TRUE(Has("at 0:0, 3 keys in node"));
-    trace.clear();
-    index.Remove(2, NumberKey(20));
-    trace.clear();
-    IndxNextKey(c);
-    EXPECT_TRUE(Has("Cursor status 4 at 0:1")) << trace.dump();
-    EXPECT_TRUE(Has("Cursor was Untrusted, bFound = TRUE"));
-    index.Add(5, NumberKey(50));
-    trace.clear();
-    IndxNextKey(c); // its key is there, and the step follows
-    EXPECT_TRUE(Has("Cursor was Untrusted, bFound = FALSE")) << trace.dump();
-    trace.clear();
-    IndxPreviousKey(c);
-    EXPECT_TRUE(Has("IndxPreviousKey(" + p + ")")) << trace.dump();
-    EXPECT_FALSE(trace.hasPart("= IndxPreviousKey"));
-    trace.clear();
-    IndxNextMatchingKey(c);
-    EXPECT_TRUE(Has("IndxNextMatchingKey(0x" + p + ")")) << trace.dump();
-    EXPECT_TRUE(trace.hasPart("Cursor status 3 at 0:"));
-    trace.clear();
-    IndxFirstKey(c);
-    EXPECT_TRUE(Has("IndxFirstKey()"));
-    IndxLastKey(c);
-    EXPECT_TRUE(Has("IndxLastKey()"));
-    IndxCurrentKey(c);
-    EXPECT_TRUE(Has("IndxCurrentKey()"));
-    IndxCursorEOI(c);
-    EXPECT_TRUE(Has("IndxCursorEOI(" + p + ")"));
-    trace.clear();
-    IndxNextKey(c);
-    EXPECT_TRUE(Has("8 = IndxNextKey")) << trace.dump();
-    EXPECT_EQ(trace.countLevel(-1), 0u);
-}
-
-TEST_F(Cursor, AMatchThatHadMovedTracesIt)
-{
-    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
-    Fill(index, 3);
-    IndxCursor* c = index.OpenCursor();
-    IndxFirstKey(c);
-    index.Remove(1, NumberKey(10));
-    TraceRecorder trace;
-    IndxNextMatchingKey(c);
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Cursor was Untrusted, bFound = TRUE")) << trace.dump();
-}
-
 // ---- nodes that cannot be had ------------------------------------------------------------------
 
 TEST_F(Cursor, AMoveWhoseNodeCannotBeReadGives8WithError13)
@@ -567,6 +510,31 @@ TEST_F(Cursor, AMoveWithoutMemoryNeverClaimsAKeyItDoesNotHold)
             EXPECT_EQ(IndxError(), 13u);
         }
     }
+}
+
+TEST_F(Cursor, NextMatchingAfterAMissStepsWithoutComparingAndStaysAt7)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    for (uint32_t id = 1; id <= 3; ++id)
+        index.Add(id, NumberKey(5));
+    EXPECT_EQ(index.Find(1, NumberKey(4)), 7); // on the first 5
+    EXPECT_EQ(IndxNextMatchingKey(index.cursor()), 7);
+    EXPECT_EQ(CursorId(index.cursor()), 2u);
+    EXPECT_EQ(index.Find(2, NumberKey(5)), 6);
+    EXPECT_EQ(IndxNextMatchingKey(index.cursor()), 6);
+}
+
+TEST_F(Cursor, PreviousHasNoExitTraceAsNextHas)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    Fill(index, 2);
+    IndxLastKey(index.cursor());
+    TraceRecorder trace;
+    EXPECT_EQ(IndxPreviousKey(index.cursor()), 6);
+    EXPECT_FALSE(trace.hasPart("= IndxPreviousKey")) << trace.dump();
+    EXPECT_EQ(IndxNextKey(index.cursor()), 6);
+    EXPECT_TRUE(trace.has(TAG, 0, 4, "6 = IndxNextKey"));
+    EXPECT_EQ(trace.countLevel(-1), 0u);
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include <random>
 
 #include "database/block.h"
+#include "support/effort.h"
 #include "support/file_bytes.h"
 #include "support/seed.h"
 
@@ -559,33 +560,29 @@ class TreeFuzz : public TreeTest {
         std::cout << blocks << " nodes, " << rounds * 60 << " operations\n";
     }
 
-#if defined(NIM_SANITIZE) || !defined(NDEBUG)
-    static constexpr uint32_t ROUNDS = 1500;
-#else
-    static constexpr uint32_t ROUNDS = 6000;
-#endif
+    const uint32_t rounds_ = RandomRounds(1500);
     std::mt19937_64 random_;
 };
 
 TEST_F(TreeFuzz, TextsOfMiddleLength)
 {
     const auto key = [](uint32_t n) { return Name(n, 300 + n * 37 % 2500); };
-    Fuzz({INDX_KEY_TEXT}, key, 1400, ROUNDS);
+    Fuzz({INDX_KEY_TEXT}, key, 1400, rounds_);
 }
 
 TEST_F(TreeFuzz, TextsNearHalfANode)
 {
     const auto key = [](uint32_t n) { return Name(n, 7900 + n * 37 % 253); };
-    Fuzz({INDX_KEY_TEXT_NO_CASE, true}, key, 150, ROUNDS / 2);
+    Fuzz({INDX_KEY_TEXT_NO_CASE, true}, key, 150, rounds_ / 2);
 }
 
 TEST_F(TreeFuzz, IntegersAndIds)
 {
     Fuzz(
-        {INDX_KEY_INTEGER}, [](uint32_t n) { return NumberKey(n / 3); }, 60'000, ROUNDS);
+        {INDX_KEY_INTEGER}, [](uint32_t n) { return NumberKey(n / 3); }, 60'000, rounds_);
     std::filesystem::remove(path());
     Fuzz(
-        {INDX_KEY_RECORD_ID, true}, [](uint32_t) { return Key{}; }, 30'000, ROUNDS);
+        {INDX_KEY_RECORD_ID, true}, [](uint32_t) { return Key{}; }, 30'000, rounds_);
 }
 
 TEST_F(TreeFuzz, BinaryValues)
@@ -595,7 +592,7 @@ TEST_F(TreeFuzz, BinaryValues)
         snprintf(text, sizeof text, "%032u", n);
         return BytesKey(std::string(text, 32));
     };
-    Fuzz({INDX_KEY_UNIQUE_ID}, key, 30'000, ROUNDS);
+    Fuzz({INDX_KEY_UNIQUE_ID}, key, 30'000, rounds_);
 }
 
 // The same with the damage in the file, and with every operation ended as its caller ends it.
@@ -616,7 +613,7 @@ TEST_F(TreeFuzz, DamageThatIsWrittenBackAndMetAgain)
     }
     const auto blocks = static_cast<uint32_t>(good.size() / 16384 - 1);
     CrashRecorder crash;
-    for (uint32_t round = 0; round < ROUNDS / 20 && !HasFailure(); ++round) {
+    for (uint32_t round = 0; round < rounds_ / 20 && !HasFailure(); ++round) {
         std::string bytes = good;
         for (uint32_t i = 1 + Below(10); i > 0; --i) {
             const size_t node = (size_t{Below(blocks)} + 1) * 16384;

@@ -118,34 +118,6 @@ TEST_F(Definition, FieldsThatAreNotIndexedHaveNoListOfCursors)
     EXPECT_EQ(Field(pTable, 1)->oCursors, nullptr);
 }
 
-TEST_F(Definition, TracesEveryStepInOrder)
-{
-    TraceRecorder trace;
-    ASSERT_NE(Create("i;s;", "Id;Unique, Name;Indexed"), nullptr);
-    std::vector<std::string> steps;
-    bool bInside = false;
-    for (const TraceRecorder::Line& line : trace.lines()) {
-        bInside = bInside || line.text == "IndxCreateTable()";
-        if (!bInside || line.tag != TAG)
-            continue;
-        EXPECT_EQ(line.error, 0u);
-        EXPECT_EQ(line.level, 4);
-        steps.push_back(line.text);
-        if (line.text == "End of format string")
-            bInside = false; // the word before the end follows
-    }
-    EXPECT_EQ(
-        steps,
-        (std::vector<std::string>{
-            "IndxCreateTable()", "Format 'i;s;'", "Fields 'Id;Unique, Name;Indexed'",
-            "Process 'Id'", "Field 0 'Id' offset 4 indexed FALSE unique TRUE case sensitive FALSE",
-            "End of format string"}));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Process 'Name'"));
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 4, "Field 1 'Name' offset 8 indexed TRUE unique FALSE case sensitive FALSE"));
-    EXPECT_EQ(trace.countLevel(-1), 0u) << trace.dump();
-}
-
 // ---- texts that are missing -------------------------------------------------------------------
 
 TEST_F(Definition, EmptyFormatIsRefusedWith19)
@@ -247,6 +219,8 @@ TEST_F(Definition, FirstBadWordEndsTheScan)
     Create("i;s;s;i;", "Id,a;Sorted,,b");
     EXPECT_TRUE(trace.has("Process 'a'"));
     EXPECT_FALSE(trace.has("Null field name"));
+    EXPECT_FALSE(trace.has("Process 'b'"));
+    EXPECT_FALSE(trace.has("End of format string"));
 }
 
 TEST_F(Definition, TrailingCommaIsRefusedWithoutACode)
@@ -330,6 +304,7 @@ TEST_F(Definition, IdIsIndexedAndNeverUnique)
     EXPECT_STREQ(pId->name, "iD");
     EXPECT_EQ(pId->bIndexed, 1u);
     EXPECT_EQ(pId->bUnique, 0u);
+    EXPECT_EQ(pId->bCaseSensitive, 0u);
     EXPECT_EQ(pId->type, 1);
     EXPECT_EQ(pId->keyType, 0);
     EXPECT_EQ(pId->recordOffset, 12);
@@ -392,6 +367,7 @@ TEST_F(Definition, FlagsAreTracedAsWrittenAndDroppedByTheKind)
     EXPECT_TRUE(
         trace.has(TAG, 0, 4, "Field 1 'a' offset 8 indexed TRUE unique TRUE case sensitive FALSE"));
     EXPECT_EQ(Field(pTable, 1)->bIndexed, 0u);
+    EXPECT_EQ(trace.countLevel(-1), 0u) << trace.dump();
 }
 
 TEST_F(Definition, TransientItemsAreRefusedWith24)
@@ -558,6 +534,48 @@ TEST_F(Definition, HookingTwiceCountsOnce)
     EXPECT_EQ(OBJ_HEADER(pTable)->refCount, references);
     EXPECT_EQ(Field(pTable, 1)->committedRoots.tLastLeaf, 6u);
     EXPECT_EQ(Field(pTable, 1)->committedLevels, 2);
+}
+
+// ---- what a refusal says -----------------------------------------------------------------------
+
+// The line that the creation failed comes with all of them.
+TEST_F(Definition, OnlySomeRefusalsHaveAMessageOfTheirOwn)
+{
+    const std::string large = "Id," + std::string(16128, 'x');
+    const struct {
+        const char* format;
+        const char* fields;
+        size_t messages;
+    } cases[] = {
+        {"i;i", "Id", 1},           // fewer names
+        {"i;", "Id,A", 1},          // more names
+        {"i;i;", "A,B", 1},         // no id
+        {"i;?;", "Id,A", 1},        // no format
+        {"i;ol;", "Id,A", 1},       // a wrong kind
+        {"i;i;", "Id,A;", 1},       // a flag that is empty
+        {"i;i;", "Id,A;Sorted", 1}, // or none
+        {"i;i;", large.c_str(), 2},
+    };
+    for (const auto& c : cases) {
+        TraceRecorder trace;
+        EXPECT_EQ(Create(c.format, c.fields), nullptr);
+        EXPECT_EQ(trace.countLevel(-1), c.messages) << trace.dump();
+    }
+}
+
+TEST_F(Definition, TheIndexedFlagOfARefusedFieldIsEnteredAllTheSame)
+{
+    void* oTable = nullptr;
+    ASSERT_EQ(
+        ObjTemplateCreateInstanceFromPool(&oTable, gIndxTemplates.table, MemGetDefaultPoolId()),
+        1u);
+    auto* pTable = static_cast<IndxTable*>(oTable);
+    pTable->oBlck = ObjIncRefCount(Create("i;", "Id")->oBlck);
+    EXPECT_EQ(IndxCreateTable(pTable, MAGIC, "i;i;", "Id,ID;Indexed"), 0u);
+    EXPECT_EQ(IndxError(), 23u);
+    EXPECT_EQ(static_cast<uint32_t*>(pTable->indexedFlags.data)[1], 1u);
+    IndxUnhookFields(pTable);
+    ObjReleaseInternal(&oTable);
 }
 
 } // namespace

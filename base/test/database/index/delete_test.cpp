@@ -61,9 +61,7 @@ TEST_F(Delete, AKeyThatIsNotEntry0OfItsLeafTouchesNoOtherNode)
     Fill(index, 2000);
     FileCalls calls;
     ASSERT_TRUE(index.Remove(1000, NumberKey(10000)));
-    EXPECT_EQ(
-        calls.offsets(FILE_OP_WRITE),
-        std::vector<int64_t>{(int64_t{Leaves(index)[1]} + 1) * 16384});
+    EXPECT_EQ(calls.blocksWritten(), std::vector<int64_t>{int64_t{Leaves(index)[1]} + 1});
     EXPECT_TRUE(SoundTable(index.table()));
 }
 
@@ -103,8 +101,10 @@ TEST_F(Delete, AnEmptiedFirstLeafMakesTheNextOneFirst)
     Fill(index, 2000);
     const Ids leaves = Leaves(index);
     ASSERT_EQ(leaves.size(), 3u);
-    for (uint32_t id = 1; id <= 681; ++id)
+    for (uint32_t id = 1; id <= 680; ++id)
         ASSERT_TRUE(index.Remove(id, NumberKey(10 * id)));
+    EXPECT_EQ(Leaves(index), leaves); // nodes are never merged
+    ASSERT_TRUE(index.Remove(681, NumberKey(6810)));
     EXPECT_EQ(index.field()->roots.tFirstLeaf, leaves[1]);
     EXPECT_EQ(index.field()->roots.tLastLeaf, leaves[2]);
     EXPECT_EQ(CheckTable(index.table()).freeChain, Ids{leaves[0]});
@@ -208,6 +208,7 @@ TEST_F(Delete, AKeyThatIsNotThereIsCode7AndNoChange)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER}});
     index.cursor()->result = 0;
+    const TraceRecorder trace(0);
     EXPECT_FALSE(index.Delete(1, NumberKey(1)));
     EXPECT_EQ(index.cursor()->result, INDX_RESULT_NOT_FOUND); // an empty index
     Fill(index, 1500);
@@ -218,6 +219,7 @@ TEST_F(Delete, AKeyThatIsNotThereIsCode7AndNoChange)
         EXPECT_EQ(index.cursor()->result, INDX_RESULT_NOT_FOUND);
     }
     EXPECT_EQ(index.cursor()->status, INDX_ON_KEY); // nobody was made untrusted
+    EXPECT_TRUE(trace.lines().empty()) << trace.dump();
     FileCalls calls;
     index.Update();
     EXPECT_EQ(calls.count(FILE_OP_WRITE), 0u);
@@ -232,26 +234,6 @@ TEST_F(Delete, AKeyThatCannotBeTakenFromTheRecordReadsNoNode)
     EXPECT_FALSE(index.Delete(1, BytesKey("")));
     EXPECT_EQ(index.cursor()->result, INDX_RESULT_EMPTY_KEY);
     EXPECT_EQ(calls.count(FILE_OP_READ), 0u);
-}
-
-TEST_F(Delete, DeletionsTraceTheirEntryAndResult)
-{
-    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
-    Fill(index, 2);
-    TraceRecorder trace;
-    index.Delete(1, NumberKey(10));
-    const std::string c = Address(index.cursor());
-    EXPECT_TRUE(trace.hasPart("IndxDeletetKey(" + c + ", ")) << trace.dump(); // the doubled letter
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxDeleteKeyFromNode(" + c + ", 0, 0)"));
-    EXPECT_TRUE(trace.hasPart("TRUE = IndxDeleteKey(" + c + ", "));
-    EXPECT_TRUE(trace.hasPart("IndxInvalidateCursors(" + c + ")"));
-    trace.clear();
-    index.Delete(1, NumberKey(10));
-    EXPECT_TRUE(trace.hasPart("FALSE = IndxDeleteKey(" + c + ", ")) << trace.dump();
-    EXPECT_EQ(trace.countLevel(-1), 0u);
-    EXPECT_EQ(trace.countLevel(0), 0u);
-    index.Update();
-    EXPECT_TRUE(SoundTable(index.table()));
 }
 
 TEST_F(Delete, AnEntryByNodeAndPositionCanBeRemovedAndOthersAreRefused)
@@ -272,7 +254,7 @@ TEST_F(Delete, AnEntryByNodeAndPositionCanBeRemovedAndOthersAreRefused)
 
 // ---- re-keying a full parent -------------------------------------------------------------------
 
-class ReKey : public Delete {
+class DeleteReKey : public Delete {
   protected:
     static Key Numbered(uint32_t n, size_t size)
     {
@@ -282,7 +264,7 @@ class ReKey : public Delete {
     }
 };
 
-TEST_F(ReKey, ALongerLowestKeyForAFullParentIsEnteredAboveFirst)
+TEST_F(DeleteReKey, ALongerLowestKeyForAFullParentIsEnteredAboveFirst)
 {
     // Deleting k10 of 5 bytes leaves k11 of 5400 as the lowest key, in a parent without room.
     IndexFixture index(path(), {{INDX_KEY_TEXT}});
@@ -299,7 +281,7 @@ TEST_F(ReKey, ALongerLowestKeyForAFullParentIsEnteredAboveFirst)
     }
 }
 
-TEST_F(ReKey, AHundredThousandTextsLoadedAscendingAllSurviveTheDeletionOfTheFirst)
+TEST_F(DeleteReKey, AHundredThousandTextsLoadedAscendingAllSurviveTheDeletionOfTheFirst)
 {
     IndexFixture index(path(), {{INDX_KEY_TEXT}});
     constexpr uint32_t COUNT = 100'000;
@@ -326,7 +308,7 @@ TEST_F(ReKey, AHundredThousandTextsLoadedAscendingAllSurviveTheDeletionOfTheFirs
     EXPECT_EQ(index.Walk().size(), COUNT - 1000);
 }
 
-TEST_F(ReKey, EveryDeletionOutOfTreesOfUnequalKeysKeepsThemSound)
+TEST_F(DeleteReKey, EveryDeletionOutOfTreesOfUnequalKeysKeepsThemSound)
 {
     // Short keys in front of long ones, in every arrangement: parents fill to the byte.
     for (uint32_t seed = 1; seed <= 40; ++seed) {
@@ -357,7 +339,7 @@ TEST_F(ReKey, EveryDeletionOutOfTreesOfUnequalKeysKeepsThemSound)
     }
 }
 
-TEST_F(ReKey, ALowestKeyTooLongForItsParentFailsCleanly)
+TEST_F(DeleteReKey, ALowestKeyTooLongForItsParentFailsCleanly)
 {
     // Under the root stand "a" with 2 bytes and "b" with 8168; without "a" it would be "a2" with
     // 8168 beside it, and the two do not fit into one node.
@@ -368,8 +350,12 @@ TEST_F(ReKey, ALowestKeyTooLongForItsParentFailsCleanly)
     ASSERT_TRUE(SoundTable(index.table()));
     const std::string before = ReadFileBytes(path()).substr(16384);
     const IndxRoots roots = index.field()->roots;
+    IndxCursor* pOther = index.OpenCursor();
+    ASSERT_EQ(IndxLastKey(pOther), INDX_RESULT_FOUND);
     TraceRecorder trace;
     EXPECT_FALSE(index.Delete(1, TextKey("a")));
+    EXPECT_EQ(pOther->status, INDX_UNTRUSTED);        // whatever becomes of the deletion
+    EXPECT_FALSE(index.FindExactly(1, TextKey("a"))); // and nothing is undone by it
     EXPECT_TRUE(trace.has(TAG, 1, 0, "Failed to split left")) << trace.dump();
     EXPECT_TRUE(trace.has(TAG, 1, 0, "Failed to delete key from node"));
     index.Backout();
@@ -385,7 +371,7 @@ TEST_F(ReKey, ALowestKeyTooLongForItsParentFailsCleanly)
 
 // ---- failures ----------------------------------------------------------------------------------
 
-class DeleteSweep : public ReKey {
+class DeleteSweep : public DeleteReKey {
   protected:
     static size_t Size(uint32_t n) { return n % 4 == 2 ? 5 : n % 2 ? 5426 : 5400; }
 
@@ -431,6 +417,144 @@ TEST_F(DeleteSweep, EverySeekThatFailsIsBackedOutCleanly)
 TEST_F(DeleteSweep, EveryFullDiskIsBackedOutCleanly)
 {
     Sweep(FAULT_RESERVE);
+}
+
+// ---- parents without room ----------------------------------------------------------------------
+
+class DeleteFullParent : public TreeTest {
+  protected:
+    // Three leaves, "b" and "c", "m" and "n", "p", under a root that has 26 bytes left.
+    void SetUp() override
+    {
+        TreeTest::SetUp();
+        index_ = std::make_unique<IndexFixture>(path(), std::vector<IndexSpec>{{INDX_KEY_TEXT}});
+        ASSERT_TRUE(index_->Insert(1, TextKey("b")));
+        for (const char* key : {"c", "m", "n"})
+            ASSERT_TRUE(index_->Insert(static_cast<uint32_t>(*key), SizedKey(key, 8152)));
+        ASSERT_TRUE(index_->Insert('p', SizedKey("p", 8100)));
+        index_->Update();
+        ASSERT_EQ(CheckTable(index_->table()).indexes[0].perLevel, (Ids{1, 3}));
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(index_->field()->levels, 3);
+        EXPECT_TRUE(index_->Update());
+        EXPECT_TRUE(SoundTable(index_->table()));
+        index_.reset();
+        TreeTest::TearDown();
+    }
+    // What a change did on its way up, until the first split.
+    static std::string Steps(const TraceRecorder& trace)
+    {
+        std::string steps;
+        for (const std::string& text : trace.texts()) {
+            const bool bFixup = text.rfind("IndxFixupParent(", 0) == 0;
+            const bool bSplit = text.rfind("IndxSplit", 0) == 0;
+            if (!bFixup && !bSplit && text != "IndxAddKeyIntoExistingNode()")
+                continue;
+            steps += (steps.empty() ? "" : " ") +
+                     (bFixup ? "IndxFixupParent " + text.substr(text.find(", ") + 2, 1) : text);
+            if (bSplit)
+                break;
+        }
+        return steps;
+    }
+    std::unique_ptr<IndexFixture> index_;
+};
+
+TEST_F(DeleteFullParent, ANewLowestKeySplitsItToTheLeft)
+{
+    TraceRecorder trace;
+    ASSERT_TRUE(index_->Insert(10, SizedKey("a", 100))); // the entry of the first leaf was "b"
+    EXPECT_EQ(
+        Steps(trace),
+        "IndxAddKeyIntoExistingNode() IndxFixupParent 0 IndxFixupParent 0 IndxSplitLeft()");
+    index_->Update();
+    EXPECT_EQ(index_->Walk().front(), 10u);
+}
+
+TEST_F(DeleteFullParent, ALongerLowestKeyThatADeletionLeavesSplitsIt)
+{
+    ASSERT_TRUE(index_->Add('q', SizedKey("q", 8168))); // shares the leaf of "p"
+    TraceRecorder trace;
+    ASSERT_TRUE(index_->Delete('p', SizedKey("p", 8100)));
+    EXPECT_EQ(Steps(trace), "IndxSplitRight()");
+    index_->Update();
+    EXPECT_EQ(index_->Find('q', SizedKey("q", 8168)), INDX_RESULT_FOUND);
+}
+
+// ---- what marks the description ----------------------------------------------------------------
+
+class StoreMarks : public TreeTest {
+  protected:
+    // Whether a change marked the description; it is stored afterwards.
+    bool Inserts(int32_t value)
+    {
+        EXPECT_TRUE(index_->Insert(static_cast<uint32_t>(value + 10000), NumberKey(value)));
+        return Stored();
+    }
+    bool Deletes(int32_t value)
+    {
+        EXPECT_TRUE(index_->Delete(static_cast<uint32_t>(value + 10000), NumberKey(value)));
+        return Stored();
+    }
+    bool Stored()
+    {
+        const bool bMarked = index_->table()->bChanged == TRUE;
+        EXPECT_TRUE(index_->Update());
+        return bMarked;
+    }
+    uint32_t Leaves() { return CheckTable(index_->table()).indexes[0].perLevel.back(); }
+    void SetUp() override
+    {
+        TreeTest::SetUp();
+        index_ = std::make_unique<IndexFixture>(path(), std::vector<IndexSpec>{{INDX_KEY_INTEGER}});
+    }
+    void TearDown() override
+    {
+        EXPECT_TRUE(SoundTable(index_->table()));
+        index_.reset();
+        TreeTest::TearDown();
+    }
+    std::unique_ptr<IndexFixture> index_;
+};
+
+TEST_F(StoreMarks, RootsEndsAndLevelsMarkTheDescription)
+{
+    EXPECT_TRUE(Inserts(1)); // the first root
+    for (int32_t i = 2; i <= 681; ++i)
+        EXPECT_FALSE(Inserts(i));
+    EXPECT_TRUE(Inserts(1000)); // another root, and a last leaf
+    for (int32_t i = 1001; i < 1000 + 681; ++i)
+        EXPECT_FALSE(Inserts(i));
+    EXPECT_TRUE(Inserts(3000)); // a last leaf alone
+    EXPECT_FALSE(Deletes(5));
+    EXPECT_TRUE(Deletes(3000)); // the last leaf goes
+    for (int32_t i = 1; i < 681; ++i)
+        EXPECT_TRUE(i == 5 || !Deletes(i));
+    EXPECT_TRUE(Deletes(681)); // the first leaf goes
+    for (int32_t i = 1001; i < 1000 + 681; ++i)
+        EXPECT_FALSE(Deletes(i));
+    EXPECT_TRUE(Deletes(1000)); // the last key
+}
+
+TEST_F(StoreMarks, ANewFirstLeafMarksTheDescription)
+{
+    for (int32_t i = 0; i <= 681; ++i)
+        Inserts(i);
+    EXPECT_TRUE(Inserts(-1)); // the first leaf is full
+    EXPECT_EQ(index_->field()->levels, 2);
+}
+
+TEST_F(StoreMarks, ALeafBetweenOthersComesAndGoesWithoutMarkingTheDescription)
+{
+    for (int32_t i = 0; i <= 681; ++i)
+        Inserts(2 * i);
+    EXPECT_FALSE(Inserts(1)); // all but the first keys go to a new leaf
+    EXPECT_EQ(Leaves(), 3u);
+    for (int32_t i = 1; i < 681; ++i)
+        EXPECT_FALSE(Deletes(2 * i));
+    EXPECT_EQ(Leaves(), 2u);
 }
 
 } // namespace

@@ -12,7 +12,7 @@ namespace {
 
 using Description = RowTest;
 
-class Refused : public RowTest {
+class DescriptionRefused : public RowTest {
   protected:
     // The table "T" cannot be loaded, opened or created over, whatever is asked first, and its file
     // stays as it is.
@@ -65,7 +65,7 @@ class Refused : public RowTest {
     }
 };
 
-TEST_F(Refused, ShortFiles)
+TEST_F(DescriptionRefused, ShortFiles)
 {
     for (const size_t size : {1u, 100u, 16167u}) {
         WriteFileBytes(PathOf("Indexes", "T"), std::string(size, 'x'));
@@ -73,7 +73,7 @@ TEST_F(Refused, ShortFiles)
     }
 }
 
-TEST_F(Refused, ShortFileIsReportedByTheOpenOfTheBlockFile)
+TEST_F(DescriptionRefused, ShortFileIsReportedByTheOpenOfTheBlockFile)
 {
     WriteFileBytes(PathOf("Indexes", "T"), std::string(100, 'x'));
     TraceRecorder trace;
@@ -84,7 +84,7 @@ TEST_F(Refused, ShortFileIsReportedByTheOpenOfTheBlockFile)
         << trace.dump();
 }
 
-TEST_F(Refused, FilesWithAnotherMagic)
+TEST_F(DescriptionRefused, FilesWithAnotherMagic)
 {
     WriteFileBytes(PathOf("Indexes", "T"), std::string(20000, 'x'));
     ExpectRefusedAndKept("Failed to reconstruct table", 4);
@@ -92,7 +92,7 @@ TEST_F(Refused, FilesWithAnotherMagic)
     ExpectRefusedAndKept("Failed to reconstruct table", 4);
 }
 
-TEST_F(Refused, UserDataThatIsNoObject)
+TEST_F(DescriptionRefused, UserDataThatIsNoObject)
 {
     WriteBlockFile("x");
     ExpectRefusedAndKept("Failed to reconstruct table", 4);
@@ -100,7 +100,7 @@ TEST_F(Refused, UserDataThatIsNoObject)
     ExpectRefusedAndKept("Failed to reconstruct table", 4);
 }
 
-TEST_F(Refused, ObjectThatIsNoTable)
+TEST_F(DescriptionRefused, ObjectThatIsNoTable)
 {
     void* object = ObjIntegerNew(5);
     WriteBlockFile(Serialized(object));
@@ -108,7 +108,7 @@ TEST_F(Refused, ObjectThatIsNoTable)
     ExpectRefusedAndKept("Wrong object, Integer", 4);
 }
 
-TEST_F(Refused, ReconstructionThatFails)
+TEST_F(DescriptionRefused, ReconstructionThatFails)
 {
     Create("T");
     Close();
@@ -117,7 +117,7 @@ TEST_F(Refused, ReconstructionThatFails)
     ExpectRefusedAndKept("Failed to reconstruct table", 4);
 }
 
-TEST_F(Refused, RingsOfObjectsThatAreNoTableAreTakenApart)
+TEST_F(DescriptionRefused, RingsOfObjectsThatAreNoTableAreTakenApart)
 {
     // A pair that hold each other, and a list that holds them and itself through them.
     ObjTemplate* pTemplate = nullptr;
@@ -151,7 +151,7 @@ TEST_F(Refused, RingsOfObjectsThatAreNoTableAreTakenApart)
     ExpectRefusedAndKept("Wrong object, magic 0xca0000aa", 4);
 }
 
-TEST_F(Refused, LongRingsAreTakenApartInConstantStack)
+TEST_F(DescriptionRefused, LongRingsAreTakenApartInConstantStack)
 {
     // Thousands of objects that each refer to the list they are in: a walk that followed them by
     // recursion would go as deep.
@@ -172,7 +172,7 @@ TEST_F(Refused, LongRingsAreTakenApartInConstantStack)
     ExpectRefusedAndKept("Wrong object, List", 4);
 }
 
-TEST_F(Refused, DirectoryInThePlaceOfABlockFile)
+TEST_F(DescriptionRefused, DirectoryInThePlaceOfABlockFile)
 {
     std::filesystem::create_directories(PathOf("Indexes", "T"));
     ASSERT_TRUE(Reopen());
@@ -185,7 +185,7 @@ TEST_F(Refused, DirectoryInThePlaceOfABlockFile)
     EXPECT_TRUE(std::filesystem::is_directory(PathOf("Indexes", "T")));
 }
 
-TEST_F(Refused, MissingBlockFileIsNotMadeByALoad)
+TEST_F(DescriptionRefused, MissingBlockFileIsNotMadeByALoad)
 {
     void* oTable = nullptr;
     TraceRecorder trace;
@@ -195,7 +195,7 @@ TEST_F(Refused, MissingBlockFileIsNotMadeByALoad)
 
 // Tables of the right magic whose content contradicts itself: each change is made to a sound
 // table, serialised with a right checksum, and refused.
-class Contradictory : public Refused {
+class DescriptionContradictory : public DescriptionRefused {
   protected:
     using Change = std::function<void(IndxTable*)>;
 
@@ -239,7 +239,7 @@ IndxField* FieldAt(IndxTable* pTable, uint32_t position)
     return static_cast<IndxField*>(oField);
 }
 
-TEST_F(Contradictory, Texts)
+TEST_F(DescriptionContradictory, Texts)
 {
     ExpectFault([](IndxTable* p) { SetText(&p->name, nullptr); }, "a text is missing");
     ExpectFault([](IndxTable* p) { SetText(&p->format, nullptr); }, "a text is missing");
@@ -262,7 +262,7 @@ TEST_F(Contradictory, Texts)
         "a field is not what the format makes of it");
 }
 
-TEST_F(Contradictory, Lists)
+TEST_F(DescriptionContradictory, Lists)
 {
     ExpectFault([](IndxTable* p) { ObjRelease(p->oFields); }, "there is no list of fields");
     ExpectFault(
@@ -310,7 +310,7 @@ TEST_F(Contradictory, Lists)
         "an item of the field list is no field");
 }
 
-TEST_F(Contradictory, TableOfAnotherLayout)
+TEST_F(DescriptionContradictory, TableOfAnotherLayout)
 {
     void* object = nullptr;
     ASSERT_EQ(
@@ -321,7 +321,7 @@ TEST_F(Contradictory, TableOfAnotherLayout)
         "Damaged description of table 'T' in 'T': the table has another layout", -1);
 }
 
-TEST_F(Contradictory, FieldsOfAnotherTable)
+TEST_F(DescriptionContradictory, FieldsOfAnotherTable)
 {
     ExpectFault(
         [](IndxTable* p) {
@@ -333,7 +333,7 @@ TEST_F(Contradictory, FieldsOfAnotherTable)
         "a field belongs to another table");
 }
 
-TEST_F(Contradictory, Flags)
+TEST_F(DescriptionContradictory, Flags)
 {
     ExpectFault(
         [](IndxTable* p) { static_cast<uint32_t*>(p->indexedFlags.data)[1] = 0; },
@@ -358,7 +358,7 @@ TEST_F(Contradictory, Flags)
         contradicted);
 }
 
-TEST_F(Contradictory, ItemsThatNoFieldCanHave)
+TEST_F(DescriptionContradictory, ItemsThatNoFieldCanHave)
 {
     // What lives in memory only is counted as an item, and has no place in a record.
     for (const char* format : {"i;s;sl;", "i;s;ol;"}) {
@@ -375,7 +375,7 @@ TEST_F(Contradictory, ItemsThatNoFieldCanHave)
     }
 }
 
-TEST_F(Contradictory, Numbers)
+TEST_F(DescriptionContradictory, Numbers)
 {
     const std::string contradicted = "a field is not what the format makes of it";
     ExpectFault([](IndxTable* p) { FieldAt(p, 1)->keyType = 3; }, contradicted);
@@ -398,7 +398,7 @@ TEST_F(Contradictory, Numbers)
     ExpectFault([](IndxTable* p) { p->fixedSize = 24; }, "the format makes another record");
 }
 
-TEST_F(Contradictory, Roots)
+TEST_F(DescriptionContradictory, Roots)
 {
     // The model file has no blocks at all.
     const std::string fault = "an index has no sound root";
@@ -414,7 +414,7 @@ TEST_F(Contradictory, Roots)
     ExpectFault([](IndxTable* p) { FieldAt(p, 1)->roots.tLastLeaf = 0; }, fault);
 }
 
-TEST_F(Contradictory, NoFieldForTheRecordId)
+TEST_F(DescriptionContradictory, NoFieldForTheRecordId)
 {
     ExpectFault(
         [](IndxTable* p) {
@@ -603,7 +603,7 @@ uint32_t Crc32(const std::string& bytes, size_t offset, size_t length)
     return ~crc;
 }
 
-class Damage : public RowTest {
+class DescriptionDamage : public RowTest {
   protected:
     static constexpr size_t USER_DATA = 40;
     static constexpr size_t ENVELOPE = 16;
@@ -676,7 +676,7 @@ class Damage : public RowTest {
     uint32_t length_ = 0;
 };
 
-TEST_F(Damage, AnyChangedByteOfTheDescriptionIsFoundOut)
+TEST_F(DescriptionDamage, AnyChangedByteOfTheDescriptionIsFoundOut)
 {
     ASSERT_TRUE(LoadsOrFailsCleanly(sound_));
     for (uint32_t i = 0; i < length_; ++i) {
@@ -688,7 +688,7 @@ TEST_F(Damage, AnyChangedByteOfTheDescriptionIsFoundOut)
     }
 }
 
-TEST_F(Damage, AnySealedDamageLoadsOrFailsCleanly)
+TEST_F(DescriptionDamage, AnySealedDamageLoadsOrFailsCleanly)
 {
     uint32_t loaded = 0;
     for (uint32_t i = ENVELOPE; i < length_; ++i) {
@@ -704,7 +704,7 @@ TEST_F(Damage, AnySealedDamageLoadsOrFailsCleanly)
     EXPECT_GT(loaded, 0u) << "a letter of a name is no damage that can be told";
 }
 
-TEST_F(Damage, SealedDescriptionOfAnotherLengthIsRefused)
+TEST_F(DescriptionDamage, SealedDescriptionOfAnotherLengthIsRefused)
 {
     for (const uint32_t length :
          {0u, 15u, 16u, 17u, length_ - 1, length_ + 1, 16128u, 16129u, 0xFFFFFFFFu}) {

@@ -67,16 +67,6 @@ TEST_F(Fields, UnknownNameIsError5)
     EXPECT_TRUE(trace.has(TAG, 0, 4, "FALSE = " + arguments));
 }
 
-TEST_F(Fields, FoundFieldIsTraced)
-{
-    TraceRecorder trace;
-    void* oField = nullptr;
-    ASSERT_EQ(IndxGetField(&oField, oTable_, "Name"), 1u);
-    const std::string arguments = "IndxGetField(" + Hex(&oField) + ", " + Hex(oTable_) + ", Name)";
-    EXPECT_EQ(trace.texts(), (std::vector<std::string>{arguments, "TRUE = " + arguments}));
-    ObjReleaseInternal(&oField);
-}
-
 TEST_F(Fields, BadArgumentsAreRefusedWithoutACode)
 {
     void* oField = nullptr;
@@ -133,23 +123,6 @@ TEST_F(Fields, CursorsJoinTheListInOrder)
     EXPECT_EQ(oItem, oSecond);
     IndxReleaseCursor(&oSecond);
     EXPECT_EQ(ListGetCount(pField->oCursors), 0u);
-}
-
-TEST_F(Fields, CursorIsTracedWithFieldAndTable)
-{
-    TraceRecorder trace;
-    void* oCursor = nullptr;
-    IndxField* pField = Field(oTable_, 1);
-    ASSERT_EQ(IndxGetCursor(&oCursor, pField), 1u);
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Got cursor to field     'Name' of 'T'")) << trace.dump();
-    EXPECT_TRUE(trace.has(
-        TAG, 0, 4,
-        "TRUE = IndxGetCursor(" + Hex(&oCursor) + ", " + Hex(pField) + ") " + Hex(oCursor)));
-    trace.clear();
-    const std::string entry = "IndxReleaseCursor(" + Hex(&oCursor) + ") " + Hex(oCursor);
-    ASSERT_EQ(IndxReleaseCursor(&oCursor), 1u);
-    EXPECT_TRUE(trace.has(TAG, 0, 4, entry)) << trace.dump();
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Release cursor to field 'Name' of 'T'"));
 }
 
 TEST_F(Fields, CursorOnAFieldThatIsNotIndexedIsError6)
@@ -253,9 +226,13 @@ TEST_F(Fields, ReleaseLeavesOtherReferencesOnTheCursorAloneButOutOfTheList)
     ASSERT_EQ(IndxGetFieldCursor(&oCursor, oTable_, "Name"), 1u);
     void* oSecond = ObjIncRefCount(oCursor);
     static_cast<IndxCursor*>(oCursor)->status = 2;
+    void* oKey = nullptr;
+    ObjTemplateCreateInstanceFromPool(&oKey, gIndxTemplates.keyInfo, MemGetDefaultPoolId());
+    static_cast<IndxCursor*>(oCursor)->oKey = static_cast<IndxKeyInfo*>(oKey);
     EXPECT_EQ(IndxReleaseCursor(&oCursor), 1u);
     EXPECT_EQ(References(oSecond), 1);
     EXPECT_EQ(static_cast<IndxCursor*>(oSecond)->status, 0) << "it stands nowhere";
+    EXPECT_EQ(static_cast<IndxCursor*>(oSecond)->oKey, nullptr) << "and has let its key go";
     EXPECT_EQ(ListGetCount(Field(oTable_, 1)->oCursors), 0u);
     EXPECT_EQ(IndxReleaseCursor(&oSecond), 1u) << "released again, it is in no list";
 }
@@ -313,20 +290,6 @@ TEST_F(Fields, NoAllocationThatFailsLeavesHalfACursor)
             break;
         }
         EXPECT_FALSE(bMade);
-    }
-}
-
-TEST_F(Fields, NoReferenceThatFailsLeavesHalfACursor)
-{
-    const LiveCounts before;
-    for (uint32_t nth = 1; nth < 6; ++nth) {
-        void* oCursor = nullptr;
-        Fail(FAULT_INCREF, nth);
-        const NimBool bMade = IndxGetFieldCursor(&oCursor, oTable_, "Name");
-        FaultDisarmAll();
-        EXPECT_EQ(bMade != 0, oCursor != nullptr);
-        IndxReleaseCursor(&oCursor);
-        EXPECT_EQ(before, LiveCounts());
     }
 }
 

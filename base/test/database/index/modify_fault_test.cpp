@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* TAG = "INDX        ";
 
-class ModifyFaultTest : public PeopleTest {
+class ModifyFault : public PeopleTest {
   protected:
     void SetUp() override
     {
@@ -58,7 +58,7 @@ class ModifyFaultTest : public PeopleTest {
     People model_;
 };
 
-TEST_F(ModifyFaultTest, ASeekToTheOldPlaceThatFailsIsBackedOutWithoutACode)
+TEST_F(ModifyFault, ASeekToTheOldPlaceThatFailsIsBackedOutWithoutACode)
 {
     Person same = model_[3];
     same.age = 80;
@@ -76,7 +76,7 @@ TEST_F(ModifyFaultTest, ASeekToTheOldPlaceThatFailsIsBackedOutWithoutACode)
     ExpectUnchanged(records);
 }
 
-TEST_F(ModifyFaultTest, ASeekToTheEndThatFailsIsBackedOutWithoutACode)
+TEST_F(ModifyFault, ASeekToTheEndThatFailsIsBackedOutWithoutACode)
 {
     const std::string records = ReadFileBytes(RecordsPath());
     for (const uint32_t point : {FAULT_SEEKEND, FAULT_GETOFFSET}) {
@@ -93,7 +93,7 @@ TEST_F(ModifyFaultTest, ASeekToTheEndThatFailsIsBackedOutWithoutACode)
 }
 
 // The room is asked for before anything is written: the failure of a write goes unnoticed.
-TEST_F(ModifyFaultTest, ADiskWithoutRoomForALongerRecordIsMetBeforeAnyKey)
+TEST_F(ModifyFault, ADiskWithoutRoomForALongerRecordIsMetBeforeAnyKey)
 {
     const std::string records = ReadFileBytes(RecordsPath());
     TraceRecorder trace;
@@ -108,7 +108,7 @@ TEST_F(ModifyFaultTest, ADiskWithoutRoomForALongerRecordIsMetBeforeAnyKey)
     ExpectUnchanged(records);
 }
 
-TEST_F(ModifyFaultTest, ADiskWithoutRoomForTheOnlyRecordToGrowIsMetBeforeAnyKey)
+TEST_F(ModifyFault, ADiskWithoutRoomForTheOnlyRecordToGrowIsMetBeforeAnyKey)
 {
     void* oOther = OpenPeople(0, "Other");
     People other;
@@ -127,7 +127,7 @@ TEST_F(ModifyFaultTest, ADiskWithoutRoomForTheOnlyRecordToGrowIsMetBeforeAnyKey)
     ExpectHolds(oOther, {{1, longer}});
 }
 
-TEST_F(ModifyFaultTest, WhatFitsInItsPlaceAsksForNoRoom)
+TEST_F(ModifyFault, WhatFitsInItsPlaceAsksForNoRoom)
 {
     Person same = model_[3];
     same.age = 80;
@@ -138,7 +138,7 @@ TEST_F(ModifyFaultTest, WhatFitsInItsPlaceAsksForNoRoom)
     EXPECT_EQ(FindById(table_, 3), same);
 }
 
-TEST_F(ModifyFaultTest, AnOldRecordThatCannotBeReadFailsTheModificationBeforeAnyKey)
+TEST_F(ModifyFault, AnOldRecordThatCannotBeReadFailsTheModificationBeforeAnyKey)
 {
     struct {
         FaultRule rule;
@@ -163,7 +163,7 @@ TEST_F(ModifyFaultTest, AnOldRecordThatCannotBeReadFailsTheModificationBeforeAny
 
 // ---- the narrow test of the write ------------------------------------------------------------
 
-TEST_F(ModifyFaultTest, AWriteThatFailsAndClaimsToHaveMovedEverythingIsLoggedWith1308)
+TEST_F(ModifyFault, AWriteThatFailsAndClaimsToHaveMovedEverythingIsLoggedWith1308)
 {
     const std::string records = ReadFileBytes(RecordsPath());
     TraceRecorder trace;
@@ -181,7 +181,7 @@ TEST_F(ModifyFaultTest, AWriteThatFailsAndClaimsToHaveMovedEverythingIsLoggedWit
     ExpectHolds(table_, model_);
 }
 
-TEST_F(ModifyFaultTest, InPlaceTheBytesOfSuchAWriteAreNotUndone)
+TEST_F(ModifyFault, InPlaceTheBytesOfSuchAWriteAreNotUndone)
 {
     Person same = model_[3];
     same.age = 80;
@@ -198,7 +198,7 @@ TEST_F(ModifyFaultTest, InPlaceTheBytesOfSuchAWriteAreNotUndone)
 }
 
 // Kept: only a failure with a full count counts.
-TEST_F(ModifyFaultTest, EveryOtherFailureOfTheWriteGoesUnnoticed)
+TEST_F(ModifyFault, EveryOtherFailureOfTheWriteGoesUnnoticed)
 {
     const FaultRule rules[] = {
         {FAULT_WRITE, "Records", 1, 1, FAULT_FAIL, 0},
@@ -235,7 +235,7 @@ TEST_F(ModifyFaultTest, EveryOtherFailureOfTheWriteGoesUnnoticed)
 
 // The keys of a record whose write failed lead to where the next added record begins. Whoever
 // deletes or modifies the lost record must not change that one.
-TEST_F(ModifyFaultTest, ARecordThatWasAddedInThePlaceOfALostOneIsNotTakenForIt)
+TEST_F(ModifyFault, ARecordThatWasAddedInThePlaceOfALostOneIsNotTakenForIt)
 {
     EXPECT_EQ(ModifyWithFault(3, Longer(), {FAULT_WRITE, "Records", 1, 1, FAULT_FAIL, 0}), 1u);
     model_.erase(3);
@@ -276,7 +276,7 @@ TEST_F(ModifyFaultTest, ARecordThatWasAddedInThePlaceOfALostOneIsNotTakenForIt)
 
 // ---- the description -------------------------------------------------------------------------
 
-TEST_F(ModifyFaultTest, ADescriptionThatCannotBeStoredFailsTheOperationThoughItIsDone)
+TEST_F(ModifyFault, ADescriptionThatCannotBeStoredFailsTheOperationThoughItIsDone)
 {
     for (uint32_t id = 2; id <= 8; ++id)
         ASSERT_EQ(Delete(id), 1u);
@@ -295,7 +295,7 @@ TEST_F(ModifyFaultTest, ADescriptionThatCannotBeStoredFailsTheOperationThoughItI
 
 // The n-th call of a point fails, for every n. Whatever the result: the keys are those of the old
 // record or those of the new one, all of them, and every other record is as it was.
-class ModifySweepTest : public ModifyFaultTest {
+class ModifyFaultSweep : public ModifyFault {
   protected:
     static constexpr uint32_t MORE = 400; // calls no operation here makes
 
@@ -304,7 +304,7 @@ class ModifySweepTest : public ModifyFaultTest {
 
     void SetUp() override
     {
-        ModifyFaultTest::SetUp();
+        ModifyFault::SetUp();
         // Some nodes, so that a change of keys splits and empties some.
         AddPeople(table_, &model_, 9, 60, 900, 900);
     }
@@ -361,45 +361,36 @@ class ModifySweepTest : public ModifyFaultTest {
     static std::optional<Person> Nobody(uint32_t) { return std::nullopt; }
 };
 
-TEST_F(ModifySweepTest, NoMemoryOnceInAModification)
+TEST_F(ModifyFaultSweep, NoMemoryOnceInAModification)
 {
     Sweep(FAULT_ALLOC, nullptr, 1, Another);
 }
-TEST_F(ModifySweepTest, NoMemoryAnyMoreInAModification)
+TEST_F(ModifyFaultSweep, NoMemoryAnyMoreInAModification)
 {
     Sweep(FAULT_ALLOC, nullptr, 0, Another);
 }
-TEST_F(ModifySweepTest, NoMemoryOnceInADeletion)
+TEST_F(ModifyFaultSweep, NoMemoryOnceInADeletion)
 {
     Sweep(FAULT_ALLOC, nullptr, 1, Nobody);
 }
-TEST_F(ModifySweepTest, NoMemoryAnyMoreInADeletion)
+TEST_F(ModifyFaultSweep, NoMemoryAnyMoreInADeletion)
 {
     Sweep(FAULT_ALLOC, nullptr, 0, Nobody);
 }
-TEST_F(ModifySweepTest, ANodeThatCannotBeReadInAModification)
+TEST_F(ModifyFaultSweep, ANodeThatCannotBeReadInAModification)
 {
     Sweep(FAULT_READ, "Indexes", 1, Another);
 }
-TEST_F(ModifySweepTest, ANodeThatCannotBeReadInADeletion)
+TEST_F(ModifyFaultSweep, ANodeThatCannotBeReadInADeletion)
 {
     Sweep(FAULT_READ, "Indexes", 1, Nobody);
 }
-TEST_F(ModifySweepTest, NoNodeCanBeReadAnyMoreInAModification)
+TEST_F(ModifyFaultSweep, NoNodeCanBeReadAnyMoreInAModification)
 {
     Sweep(FAULT_READ, "Indexes", 0, Another);
 }
-TEST_F(ModifySweepTest, NoBlockCanBeHadInAModification)
+TEST_F(ModifyFaultSweep, NoBlockCanBeHadInAModification)
 {
     Sweep(FAULT_RESERVE, "Indexes", 1, Another);
 }
-TEST_F(ModifySweepTest, AReferenceThatCannotBeTakenInAModification)
-{
-    Sweep(FAULT_INCREF, nullptr, 1, Another);
-}
-TEST_F(ModifySweepTest, AReferenceThatCannotBeTakenInADeletion)
-{
-    Sweep(FAULT_INCREF, nullptr, 1, Nobody);
-}
-
 } // namespace

@@ -5,16 +5,41 @@
 
 namespace {
 
-using Versions = RowTest;
+using OpeningVersions = RowTest;
 
-TEST_F(Versions, VersionFileWithoutABlockFileIsNotCompared)
+TEST_F(OpeningVersions, VersionFileWithoutABlockFileIsNotCompared)
 {
     WriteFileBytes(VersionFile("T"), "[Versioning]\nVersion = 9\n");
     EXPECT_NE(Create("T", 5), nullptr);
     EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = 5\n");
 }
 
-TEST_F(Versions, Wanted5AgainstNoneIsRefused)
+TEST_F(OpeningVersions, NoNameOfATableIsWrittenOverOnTheWay)
+{
+    Create("T.tmp", 7);
+    Create("T", 5);
+    EXPECT_EQ(ReadFileBytes(VersionFile("T.tmp")), "[Versioning]\nVersion = 7\n");
+    EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = 5\n");
+    ASSERT_TRUE(Reopen());
+    EXPECT_NE(Create("T.tmp", 7), nullptr);
+    EXPECT_NE(Create("T", 5), nullptr);
+}
+
+// Whatever fails on the way to the new version, that of the other table is not touched.
+TEST_F(OpeningVersions, AVersionThatCannotBeStoredLeavesThatOfEveryOtherTable)
+{
+    Create("T.tmp", 7);
+    Create("T", 5);
+    for (const uint32_t point : {FAULT_OPEN, FAULT_WRITE, FAULT_CLOSE}) {
+        Fail(point, 1, 0, "Attributes");
+        EXPECT_EQ(IndxSetTableVersion("T", database(), 6), 0u);
+        FaultDisarmAll();
+        EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = 5\n");
+        EXPECT_EQ(ReadFileBytes(VersionFile("T.tmp")), "[Versioning]\nVersion = 7\n");
+    }
+}
+
+TEST_F(OpeningVersions, Wanted5AgainstNoneIsRefused)
 {
     Create("T", INDX_VERSION_NONE);
     TraceRecorder trace;
@@ -26,7 +51,7 @@ TEST_F(Versions, Wanted5AgainstNoneIsRefused)
     EXPECT_FALSE(std::filesystem::exists(VersionFile("T")));
 }
 
-TEST_F(Versions, TableWithoutAVersionOpensOnlyWhenNoneOrAnyIsAsked)
+TEST_F(OpeningVersions, TableWithoutAVersionOpensOnlyWhenNoneOrAnyIsAsked)
 {
     Create("T", INDX_VERSION_ANY);
     EXPECT_FALSE(std::filesystem::exists(VersionFile("T")));
@@ -38,7 +63,7 @@ TEST_F(Versions, TableWithoutAVersionOpensOnlyWhenNoneOrAnyIsAsked)
     EXPECT_TRUE(trace.has(TAG, 0, -1, "Wrong table version - wanted 'Does not exist', is 'None'"));
 }
 
-TEST_F(Versions, StoredVersionMustBeTheWantedOne)
+TEST_F(OpeningVersions, StoredVersionMustBeTheWantedOne)
 {
     Create("T", 5);
     EXPECT_NE(Create("T", 5), nullptr);
@@ -54,14 +79,14 @@ TEST_F(Versions, StoredVersionMustBeTheWantedOne)
     EXPECT_NE(Create("T", 5), nullptr);
 }
 
-TEST_F(Versions, VersionIsCheckedBeforeTheShape)
+TEST_F(OpeningVersions, VersionIsCheckedBeforeTheShape)
 {
     Create("T", 5);
     EXPECT_EQ(OpenTable("T", MAGIC + 1, FORMAT, FIELDS, 0, 6), nullptr);
     EXPECT_EQ(IndxError(), UNCHANGED);
 }
 
-TEST_F(Versions, LargeVersionsKeepTheir32Bits)
+TEST_F(OpeningVersions, LargeVersionsKeepTheir32Bits)
 {
     Create("T", 0x80000000u);
     EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = -2147483648\n");
@@ -74,13 +99,13 @@ TEST_F(Versions, LargeVersionsKeepTheir32Bits)
     EXPECT_EQ(version, 0xFFFFFFFCu);
 }
 
-TEST_F(Versions, ReservedVersionAbsentIsWrittenAsAPlainNumber)
+TEST_F(OpeningVersions, ReservedVersionAbsentIsWrittenAsAPlainNumber)
 {
     EXPECT_NE(Create("T", INDX_VERSION_ABSENT), nullptr);
     EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = -3\n");
 }
 
-TEST_F(Versions, VersionIsWrittenUnderTheNameAndReadUnderTheFileName)
+TEST_F(OpeningVersions, VersionIsWrittenUnderTheNameAndReadUnderTheFileName)
 {
     void* oTable = nullptr;
     ASSERT_EQ(
@@ -92,9 +117,15 @@ TEST_F(Versions, VersionIsWrittenUnderTheNameAndReadUnderTheFileName)
     uint32_t version = 0;
     EXPECT_EQ(IndxGetTableVersion(&version, "File", database()), 1u);
     EXPECT_EQ(version, INDX_VERSION_NONE);
+    const auto open = [&](uint32_t wanted) {
+        return IndxOpenTableInternal(
+            nullptr, database(), "Name", "File", MAGIC, FORMAT, FIELDS, 0, wanted);
+    };
+    EXPECT_EQ(open(5), 0u);
+    EXPECT_EQ(open(INDX_VERSION_NONE), 1u);
 }
 
-TEST_F(Versions, GetTableVersionKnowsThreeOutcomes)
+TEST_F(OpeningVersions, GetTableVersionKnowsThreeOutcomes)
 {
     uint32_t version = 1;
     TraceRecorder trace;
@@ -109,7 +140,7 @@ TEST_F(Versions, GetTableVersionKnowsThreeOutcomes)
     EXPECT_EQ(version, 12u);
 }
 
-TEST_F(Versions, DamagedVersionFilesFailTheOpen)
+TEST_F(OpeningVersions, DamagedVersionFilesFailTheOpen)
 {
     Create("T", 5);
     struct Case {
@@ -139,13 +170,16 @@ TEST_F(Versions, DamagedVersionFilesFailTheOpen)
         EXPECT_TRUE(trace.has(TAG, 0, -1, "Failed when discovering table version"));
         EXPECT_EQ(IndxError(), UNCHANGED);
     }
-    Fail(FAULT_STNZ_LOAD);
+    Fail(FAULT_STNZ_LOAD, 1, 2);
     TraceRecorder trace;
     EXPECT_EQ(Create("T", 5), nullptr);
     EXPECT_TRUE(trace.has(TAG, 1, -1, noStanza)) << trace.dump();
+    uint32_t version = 123;
+    EXPECT_EQ(IndxGetTableVersion(&version, "T", database()), 0u);
+    EXPECT_EQ(version, 123u);
 }
 
-TEST_F(Versions, VersionThatCannotBeWrittenFailsTheCreation)
+TEST_F(OpeningVersions, VersionThatCannotBeWrittenFailsTheCreation)
 {
     Fail(FAULT_STNZ_SAVE);
     TraceRecorder trace;
@@ -162,7 +196,7 @@ TEST_F(Versions, VersionThatCannotBeWrittenFailsTheCreation)
     EXPECT_NE(Create("T", INDX_VERSION_NONE), nullptr) << "no version file is asked for";
 }
 
-TEST_F(Versions, VersionFileKeepsWhatElseIsInIt)
+TEST_F(OpeningVersions, VersionFileKeepsWhatElseIsInIt)
 {
     WriteFileBytes(VersionFile("T"), "# kept\n[Other]\nVersion = 1\n");
     EXPECT_NE(Create("T", 5), nullptr);
@@ -171,7 +205,7 @@ TEST_F(Versions, VersionFileKeepsWhatElseIsInIt)
     EXPECT_NE(bytes.find("[Versioning]\nVersion = 5\n"), std::string::npos);
 }
 
-TEST_F(Versions, VersionTextsAreFixed)
+TEST_F(OpeningVersions, VersionTextsAreFixed)
 {
     const std::pair<uint32_t, const char*> cases[] = {
         {0xFFFFFFFDu, "Does not exist"},
@@ -191,7 +225,7 @@ TEST_F(Versions, VersionTextsAreFixed)
     EXPECT_EQ(IndxTableVersionString(INDX_VERSION_ANY), nullptr);
 }
 
-TEST_F(Versions, VersionCallsRefuseBadArguments)
+TEST_F(OpeningVersions, VersionCallsRefuseBadArguments)
 {
     uint32_t version = 123;
     void* oOther = ObjIntegerNew(1);

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/file_calls.h"
 #include "support/person_table.h"
 #include "support/quiet_trace.h"
 #include "support/same_files.h"
@@ -14,7 +15,7 @@
 
 namespace {
 
-class RepointTest : public PeopleTest {
+class Repoint : public PeopleTest {
   protected:
     // Every step is traced, to nobody.
     class LongWay {
@@ -50,11 +51,9 @@ class RepointTest : public PeopleTest {
         const auto offset = static_cast<uint32_t>(OffsetOf(table_, id));
         const Held blob = BlobOf(person);
         IndxUpdateTable(table_);
-        FaultResetCalls();
+        const FileCalls calls;
         EXPECT_EQ(IndxModifyRecordInTable(table_, offset, blob.get()), 1u);
-        const uint32_t writes = FaultCalls(FAULT_WRITE, BlocksPath().c_str());
-        FaultStopCalls();
-        return writes;
+        return static_cast<uint32_t>(calls.blocksWritten(BlocksPath()).size());
     }
     std::string CopyPath(const char* name) const { return directory().path(name); }
     void CopyDatabase(const char* name)
@@ -124,7 +123,7 @@ class RepointTest : public PeopleTest {
     }
 };
 
-TEST_F(RepointTest, TheShortWayLeavesTheSameBytesAsTheLongOne)
+TEST_F(Repoint, TheShortWayLeavesTheSameBytesAsTheLongOne)
 {
     const uint64_t seed = TestSeed();
     People model;
@@ -149,7 +148,7 @@ TEST_F(RepointTest, TheShortWayLeavesTheSameBytesAsTheLongOne)
 
 // While every step is traced, blocks are read and written whole; otherwise only as far as they are
 // used and have changed. The files must be the same to the byte.
-TEST_F(RepointTest, BlocksWrittenInPartHoldTheSameBytesAsBlocksWrittenWhole)
+TEST_F(Repoint, BlocksWrittenInPartHoldTheSameBytesAsBlocksWrittenWhole)
 {
     const uint64_t seed = TestSeed();
     CopyDatabase("before");
@@ -186,7 +185,7 @@ TEST_F(RepointTest, BlocksWrittenInPartHoldTheSameBytesAsBlocksWrittenWhole)
     EXPECT_EQ(Differences(CopyPath("part"), CopyPath("whole")), std::vector<std::string>());
 }
 
-TEST_F(RepointTest, AModificationWritesOnlyTheNodesOfTheKeysThatChange)
+TEST_F(Repoint, AModificationWritesOnlyTheNodesOfTheKeysThatChange)
 {
     People model;
     AddPeople(table_, &model, 1, 200);
@@ -204,7 +203,7 @@ TEST_F(RepointTest, AModificationWritesOnlyTheNodesOfTheKeysThatChange)
     ExpectHolds(table_, model);
 }
 
-TEST_F(RepointTest, AKeyThatLooksTheSameToTheIndexIsReplaced)
+TEST_F(Repoint, AKeyThatLooksTheSameToTheIndexIsReplaced)
 {
     People model;
     AddPeople(table_, &model, 1, 20);
@@ -218,7 +217,7 @@ TEST_F(RepointTest, AKeyThatLooksTheSameToTheIndexIsReplaced)
     ExpectHolds(table_, model);
 }
 
-TEST_F(RepointTest, CursorsOnAKeyThatStaysFindTheirPlaceAgainAsAfterAnyModification)
+TEST_F(Repoint, CursorsOnAKeyThatStaysFindTheirPlaceAgainAsAfterAnyModification)
 {
     People model;
     AddPeople(table_, &model, 1, 20);
@@ -232,7 +231,7 @@ TEST_F(RepointTest, CursorsOnAKeyThatStaysFindTheirPlaceAgainAsAfterAnyModificat
     EXPECT_EQ(PersonAt(cursor.get()), model[7]);
 }
 
-TEST_F(RepointTest, AKeyThatAnotherRecordHoldsIsNotTakenForTheRecordsOwn)
+TEST_F(Repoint, AKeyThatAnotherRecordHoldsIsNotTakenForTheRecordsOwn)
 {
     People model;
     AddPeople(table_, &model, 1, 20);
@@ -255,7 +254,7 @@ TEST_F(RepointTest, AKeyThatAnotherRecordHoldsIsNotTakenForTheRecordsOwn)
 }
 
 // What the short way meets on its way down is judged, and told, by the long one.
-TEST_F(RepointTest, ADamagedTreeEndsInTheFailureOfTheLongWay)
+TEST_F(Repoint, ADamagedTreeEndsInTheFailureOfTheLongWay)
 {
     People model;
     AddPeople(table_, &model, 1, 1500, 40);
@@ -293,7 +292,7 @@ TEST_F(RepointTest, ADamagedTreeEndsInTheFailureOfTheLongWay)
     ExpectHolds(table_, model);
 }
 
-TEST_F(RepointTest, RecordsTooShortForAKeyAndFieldsWithoutOneHaveNoKeyInCommon)
+TEST_F(Repoint, RecordsTooShortForAKeyAndFieldsWithoutOneHaveNoKeyInCommon)
 {
     const Held blob = BlobOf(MakePerson(1));
     const ObjData whole = static_cast<DbBlob*>(blob.get())->data;

@@ -78,6 +78,12 @@ TEST_F(Search, AMissBehindALeafGoesToTheFirstEntryOfTheNextLeaf)
     EXPECT_EQ(CursorId(index.cursor()), 682u);
     EXPECT_EQ(index.cursor()->position, 0);
     EXPECT_EQ(index.cursor()->tNode, index.field()->roots.tLastLeaf);
+    // The value of that entry is looked for in the first leaf, too, when any record will do.
+    EXPECT_EQ(index.Find(0, NumberKey(6820)), INDX_RESULT_FOUND);
+    EXPECT_EQ(CursorId(index.cursor()), 682u);
+    EXPECT_EQ(index.cursor()->position, 0);
+    EXPECT_EQ(index.Find(1, NumberKey(6820)), INDX_RESULT_NOT_FOUND); // that record has another
+    EXPECT_EQ(CursorId(index.cursor()), 682u);
     EXPECT_TRUE(SoundTable(index.table()));
 }
 
@@ -210,29 +216,6 @@ TEST_F(Search, AKeyTypeWithoutAnOrderEndsAtPosition0)
     index.Backout();
 }
 
-TEST_F(Search, SearchesTraceTheirBoundsTiesAndOutcome)
-{
-    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
-    index.Insert(3, NumberKey(5));
-    index.Insert(9, NumberKey(5));
-    index.Update();
-    uint8_t* pNode = nullptr;
-    IndxGetNode(&pNode, index.cursor(), 0);
-    IndxKeyInfo* pKey = index.MakeKeyInfo(9, NumberKey(5));
-    int32_t position = 0;
-    TraceRecorder trace;
-    EXPECT_EQ(IndxSearchNode(&position, index.cursor(), pNode, pKey), 1u);
-    EXPECT_EQ(
-        trace.texts(), (std::vector<std::string>{
-                           "IndxSearchNode(" + Address(&position) + ", " + Address(index.cursor()) +
-                               ", " + Address(pNode) + ", " + Address(pKey) + ")",
-                           "lower 0 upper 1 KeyType 3", "Compare keys 9 and 3",
-                           "Compare keys 9 and 9", "lResult 0 index 1"}));
-    for (const TraceRecorder::Line& line : trace.lines())
-        EXPECT_EQ(line.level, 4);
-    ObjRelease(pKey);
-}
-
 TEST_F(Search, AUniqueIndexLooksAtTheValueAlone)
 {
     IndexFixture index(path(), {{INDX_KEY_INTEGER, true}});
@@ -257,6 +240,10 @@ TEST_F(Search, TwoRecordsWithOneValueAreTakenByTheirIds)
     EXPECT_EQ(CursorId(index.cursor()), 9u);
     EXPECT_EQ(index.Find(4, NumberKey(5)), INDX_RESULT_NOT_FOUND);
     EXPECT_EQ(CursorId(index.cursor()), 9u);
+    EXPECT_EQ(In(index, 0, 0, NumberKey(5)), Found(0, false)); // id 0 sorts before all of them
+    EXPECT_EQ(In(index, 0, 9, NumberKey(5)), Found(1, true));
+    ASSERT_TRUE(index.Add(4, NumberKey(5)));
+    EXPECT_EQ(index.Walk(), (std::vector<uint32_t>{3, 4, 9}));
     EXPECT_TRUE(SoundTable(index.table()));
 }
 
@@ -330,6 +317,8 @@ TEST_F(Search, TextKeysAreRefusedWhenEmptyOrLongerThanTheFieldAllows)
     for (const int32_t keyType : {INDX_KEY_TEXT, INDX_KEY_TEXT_NO_CASE}) {
         IndexFixture index(directory_.path("t" + std::to_string(keyType)), {{keyType, false, 10}});
         index.Add(1, TextKey("here"));
+        ASSERT_TRUE(index.Add(2, TextKey(""))); // it is indexed, and cannot be looked for
+        EXPECT_EQ(index.Walk(), (std::vector<uint32_t>{2, 1}));
         ASSERT_EQ(index.Find(1, TextKey("here")), INDX_RESULT_FOUND);
         const auto Stays = [&] {
             return index.cursor()->status == INDX_ON_KEY && CursorId(index.cursor()) == 1;
@@ -390,6 +379,15 @@ TEST_F(Search, OtherKeyTypesGiveCode5)
         IndexFixture index(directory_.path("x" + std::to_string(keyType)), {{keyType}});
         EXPECT_EQ(IndxFindKey(index.cursor(), 1, nullptr), INDX_RESULT_KEY_TYPE);
     }
+    // A cursor that stands on a key stays there.
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    ASSERT_TRUE(index.Add(3, NumberKey(5)));
+    ASSERT_EQ(IndxFirstKey(index.cursor()), INDX_RESULT_FOUND);
+    index.field()->keyType = 99;
+    EXPECT_EQ(IndxFindKey(index.cursor(), 1, nullptr), INDX_RESULT_KEY_TYPE);
+    EXPECT_EQ(index.cursor()->status, INDX_ON_KEY);
+    EXPECT_EQ(CursorId(index.cursor()), 3u);
+    index.field()->keyType = INDX_KEY_INTEGER;
     EXPECT_EQ(crash.count(), 0u);
 }
 
@@ -462,6 +460,12 @@ TEST_F(Search, IdsWrapAsWellSoThatId0SortsBehindIdsFrom2ToThe31)
     EXPECT_EQ(index.cursor()->status, INDX_AT_END);
     EXPECT_EQ(index.Find(0x90000000, NumberKey(5)), INDX_RESULT_FOUND);
     EXPECT_TRUE(SoundTable(index.table()));
+    // In an index of ids, too.
+    IndexFixture ids(directory_.path("ids"), {{INDX_KEY_RECORD_ID}});
+    for (const uint32_t id : {1u, 0x90000000u})
+        ASSERT_TRUE(ids.Add(id, {}));
+    EXPECT_EQ(ids.Walk(), (std::vector<uint32_t>{0x90000000, 1}));
+    EXPECT_EQ(In(ids, 0, 0, {}).first, 1);
 }
 
 TEST_F(Search, SixtyFourBitIntegersDoNotWrap)
@@ -494,27 +498,6 @@ TEST_F(Search, RandomIntegersOfTheWholeRangeNeverBreakTheTree)
 }
 
 // ---- loading the cursor ------------------------------------------------------------------------
-
-TEST_F(Search, FindingTracesTheDescentAndTheKeyItLoads)
-{
-    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
-    index.Add(3, NumberKey(5));
-    void* oKey = ObjIntegerNew(5);
-    TraceRecorder trace;
-    EXPECT_EQ(IndxFindKey(index.cursor(), 3, oKey), INDX_RESULT_FOUND);
-    const std::string c = Address(index.cursor());
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "IndxFindKey(" + c + ", 3, " + Address(oKey) + ")"))
-        << trace.dump();
-    EXPECT_TRUE(trace.hasPart("IndxFind(" + c + ", "));
-    EXPECT_TRUE(trace.hasPart("IndxUpdateCursor(" + c + ", "));
-    EXPECT_TRUE(trace.has(TAG, 0, 4, "Get key at 0:0"));
-    trace.clear();
-    IndxUpdateCursor(index.cursor(), nullptr, INDX_AT_END);
-    EXPECT_EQ(
-        trace.texts(),
-        std::vector<std::string>{"IndxUpdateCursor(" + c + ", " + Address(nullptr) + ", 2)"});
-    ObjReleaseInternal(&oKey);
-}
 
 TEST_F(Search, ACursorIsLoadedOnlyAfterCode6Or7)
 {
@@ -639,6 +622,19 @@ TEST_F(Search, APlaceWithoutAnEntryGivesNoKeyAndIsReported)
     EXPECT_TRUE(placedAt(77, 0)); // no such node
     EXPECT_EQ(pCursor->oKey, nullptr);
     EXPECT_EQ(pCursor->result, INDX_RESULT_NOT_FOUND);
+    index.Update();
+}
+
+TEST_F(Search, TheIndexTellsTheKeyTypeNeverTheKey)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    for (uint32_t id = 1; id <= 3; ++id)
+        ASSERT_TRUE(index.Add(id, NumberKey(id)));
+    IndxKeyInfo* pKey = index.MakeKeyInfo(2, NumberKey(2));
+    pKey->keyType = INDX_KEY_TEXT;
+    EXPECT_EQ(IndxFind(index.cursor(), pKey, nullptr), 1u);
+    ObjRelease(pKey);
+    EXPECT_EQ(CursorId(index.cursor()), 2u);
     index.Update();
 }
 

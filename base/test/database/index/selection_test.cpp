@@ -11,7 +11,7 @@ constexpr uint32_t FIELD_COUNT = 8;
 
 // ---- selections ------------------------------------------------------------------------------
 
-class SelectionTest : public PeopleTest {
+class Selection : public PeopleTest {
   protected:
     // A list of string objects.
     static Held Names(const std::vector<const char*>& names)
@@ -39,7 +39,7 @@ class SelectionTest : public PeopleTest {
 
 using Flags = std::vector<uint32_t>;
 
-TEST_F(SelectionTest, AFlagIs1ExactlyWhenTheFieldIsNamedWithoutRegardToCase)
+TEST_F(Selection, AFlagIs1ExactlyWhenTheFieldIsNamedWithoutRegardToCase)
 {
     EXPECT_EQ(Selected(Names({"Name"}).get()), (Flags{0, 1, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(Selected(Names({"ALIVE", "id"}).get()), (Flags{1, 0, 0, 0, 0, 0, 0, 1}));
@@ -47,7 +47,7 @@ TEST_F(SelectionTest, AFlagIs1ExactlyWhenTheFieldIsNamedWithoutRegardToCase)
     EXPECT_EQ(Selected(Names({"Nam", "Names", "", " Name"}).get()), Flags(8, 0));
 }
 
-TEST_F(SelectionTest, WhatIsNoStringObjectSelectsNothing)
+TEST_F(Selection, WhatIsNoStringObjectSelectsNothing)
 {
     Held names = Names({"Name"});
     void* oInteger = ObjIntegerNew(3);
@@ -57,7 +57,7 @@ TEST_F(SelectionTest, WhatIsNoStringObjectSelectsNothing)
     EXPECT_EQ(Selected(names.get()), (Flags{0, 1, 0, 0, 0, 0, 0, 0}));
 }
 
-TEST_F(SelectionTest, UnusableArgumentsAreRefusedWithoutACode)
+TEST_F(Selection, UnusableArgumentsAreRefusedWithoutACode)
 {
     const Held names = Names({"Name"});
     const Held empty = Names({});
@@ -83,7 +83,7 @@ TEST_F(SelectionTest, UnusableArgumentsAreRefusedWithoutACode)
     EXPECT_EQ(trace.countLevel(-1), 0u);
 }
 
-TEST_F(SelectionTest, NoMemoryForTheFlagsIsAFailure)
+TEST_F(Selection, NoMemoryForTheFlagsIsAFailure)
 {
     const Held names = Names({"Name"});
     Fail(FAULT_ALLOC);
@@ -91,7 +91,7 @@ TEST_F(SelectionTest, NoMemoryForTheFlagsIsAFailure)
     FaultDisarmAll();
 }
 
-TEST_F(SelectionTest, ATableIsFoundByItsNameWithoutRegardToCase)
+TEST_F(Selection, ATableIsFoundByItsNameWithoutRegardToCase)
 {
     ASSERT_NE(OpenTable("Others", MAGIC, "i;s;", "Id,Word"), nullptr);
     const Held names = Names({"Word", "Name"});
@@ -109,7 +109,7 @@ TEST_F(SelectionTest, ATableIsFoundByItsNameWithoutRegardToCase)
 
 // ---- fields by number and type ---------------------------------------------------------------
 
-TEST_F(SelectionTest, AFieldsNumberIsItsPositionWhateverTheCaseOfItsName)
+TEST_F(Selection, AFieldsNumberIsItsPositionWhateverTheCaseOfItsName)
 {
     const char* names[] = {"Id", "Name", "Town", "Age", "Number", "Key", "Photo", "Alive"};
     for (uint32_t i = 0; i < FIELD_COUNT; ++i) {
@@ -122,7 +122,7 @@ TEST_F(SelectionTest, AFieldsNumberIsItsPositionWhateverTheCaseOfItsName)
     EXPECT_EQ(number, 7u);
 }
 
-TEST_F(SelectionTest, NoNumberForAnEmptyOrUnknownName)
+TEST_F(Selection, NoNumberForAnEmptyOrUnknownName)
 {
     uint32_t number = 99;
     EXPECT_EQ(IndxGetFieldNumber(&number, table_, ""), 0u);
@@ -136,7 +136,7 @@ TEST_F(SelectionTest, NoNumberForAnEmptyOrUnknownName)
     EXPECT_EQ(IndxError(), UNTOUCHED);
 }
 
-TEST_F(SelectionTest, EveryKindOfFieldHasItsType)
+TEST_F(Selection, EveryKindOfFieldHasItsType)
 {
     void* oTable = OpenTable(
         "Kinds", MAGIC, "i;i;q;s;s;d;o;u;b;n8;n8;",

@@ -11,7 +11,7 @@
 
 namespace {
 
-class StoreTest : public PeopleTest {
+class Store : public PeopleTest {
   protected:
     IndxTable* table() const { return static_cast<IndxTable*>(table_); }
     const char* stored() const { return static_cast<const char*>(BlckUserData(table()->oBlck)); }
@@ -39,7 +39,7 @@ class StoreTest : public PeopleTest {
     }
 };
 
-TEST_F(StoreTest, IsTheFormOfTheTableAfterEveryOperation)
+TEST_F(Store, IsTheFormOfTheTableAfterEveryOperation)
 {
     std::mt19937_64 random(TestSeed());
     People model;
@@ -74,7 +74,7 @@ TEST_F(StoreTest, IsTheFormOfTheTableAfterEveryOperation)
     ExpectHolds(table_, model);
 }
 
-TEST_F(StoreTest, AFailureToStoreANumberIsOneToStoreTheTable)
+TEST_F(Store, AFailureToStoreANumberIsOneToStoreTheTable)
 {
     People model;
     AddPeople(table_, &model, 0, 3);
@@ -94,7 +94,7 @@ TEST_F(StoreTest, AFailureToStoreANumberIsOneToStoreTheTable)
 }
 
 // Another change before or after the one of the id, in the same operation: all of it is stored.
-TEST_F(StoreTest, AnotherChangeBesideTheIdIsStoredAsWell)
+TEST_F(Store, AnotherChangeBesideTheIdIsStoredAsWell)
 {
     People model;
     AddPeople(table_, &model, 0, 3);

@@ -5,7 +5,7 @@
 // leaves that reference: the table gives it back when it dies, so that a table which somebody still
 // holds keeps its database alive. In clustered mode closing gives it back at once.
 
-#include "database/block.h"
+#include "database/block/blockstore.h"
 #include "database/dbconfig.h"
 #include "database/index/schema/schema.h"
 #include "nim/scope.h"
@@ -97,7 +97,7 @@ NimBool LoadEntry(const char*, const char* name, void* context)
         return TRUE;
     if (!ListPushLastItemInternal(pLoading->pDatabase->oTables, &oTable)) {
         auto* pTable = static_cast<IndxTable*>(oTable);
-        IndxForgetBlockFile(pTable->oBlck);
+        BlckForgetChanges(pTable->oBlck);
         IndxDropTable(&pTable);
     }
     return TRUE;

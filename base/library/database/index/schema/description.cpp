@@ -281,11 +281,11 @@ bool IndxIsBlank(void* oBlck)
 
 const char* IndxTableFault(const IndxTable* pTable, void* oBlck)
 {
-    const auto* pControl = IndxAs<BlckControl>(oBlck, BLCK_CONTROL_MAGIC);
-    if (!pControl || pControl->blockCount < 0)
+    const int32_t blockCount = BlckBlockCount(oBlck);
+    if (blockCount < 0)
         return "the block count is out of range";
     // Last comes what makes a template: a damaged text should have been found out before.
-    const char* fault = ShapeFault(pTable, static_cast<uint32_t>(pControl->blockCount));
+    const char* fault = ShapeFault(pTable, static_cast<uint32_t>(blockCount));
     return fault ? fault : TemplateFault(pTable);
 }
 

@@ -63,7 +63,7 @@ bool StoreVersion(const char* name, const IndxDatabase* pDatabase, uint32_t vers
         return false;
     key.p = nullptr; // the stanza's now
     HeldMemory<char> path(PathBuild(pDatabase->attributesPath, name, 0));
-    return StnzReplaceStanzaInFile(stanza.p, path.get()) != 0;
+    return StnzReplaceStanzaViaParent(stanza.p, path.get()) != 0;
 }
 
 // Whether the stored version lets the open go on.
@@ -128,7 +128,7 @@ LoadFromFile(IndxTable** ppTable, IndxDatabase* pDatabase, const char* fileName,
         stored = IndxStored::Refused;
     }
     if (stored != IndxStored::Sound)
-        IndxForgetBlockFile(blck.get());
+        BlckForgetChanges(blck.get());
     *ppTable = pTable;
     return stored;
 }
@@ -136,7 +136,7 @@ LoadFromFile(IndxTable** ppTable, IndxDatabase* pDatabase, const char* fileName,
 // Gives a loaded table up again, without a trace of it in its files.
 void UnloadTable(IndxTable** ppTable)
 {
-    IndxForgetBlockFile((*ppTable)->oBlck);
+    BlckForgetChanges((*ppTable)->oBlck);
     IndxDropTable(ppTable);
 }
 
@@ -199,7 +199,7 @@ bool DefineTable(IndxTable* pTable, const Request& request)
     // Seen before, unless the file appeared or could not be asked for in between.
     if (pTable->oBlck && !IndxIsBlank(pTable->oBlck)) {
         INDX_TRACE(INDX_ALWAYS, "'%s' holds a table already", request.fileName);
-        IndxForgetBlockFile(pTable->oBlck);
+        BlckForgetChanges(pTable->oBlck);
         return false;
     }
     // Without a block file there is no room for the description, and this fails.
@@ -449,10 +449,4 @@ void IndxDropTable(IndxTable** ppTable)
     IndxUnhookFields(*ppTable);
     FileSysClose(&(*ppTable)->hRecords);
     ObjRelease(*ppTable);
-}
-
-void IndxForgetBlockFile(void* oBlck)
-{
-    if (auto* pControl = IndxAs<BlckControl>(oBlck, BLCK_CONTROL_MAGIC))
-        pControl->bModified = FALSE;
 }

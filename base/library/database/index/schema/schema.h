@@ -85,10 +85,6 @@ void IndxBackout(IndxTable* pTable);
 // and closes its records file. The block file closes with the table.
 void IndxDropTable(IndxTable** ppTable);
 
-// What was read from a block file need not be written back: its control block, which always opens
-// as modified, is not flushed when the file closes. Null is legal.
-void IndxForgetBlockFile(void* oBlck);
-
 NimBool IndxOpenExistingTable(void** ppTable, void* oDatabase, const char* name, uint32_t version);
 NimBool IndxSetTableVersion(const char* name, void* oDatabase, uint32_t version);
 NimBool IndxIndexOpen(void** ppBlck, IndxTable* pTable, const char* name);

@@ -37,19 +37,17 @@ bool StoreDescription(IndxTable* pTable)
     const bool bOnlyId = pTable->bOnlyIdChanged && pTable->idPlace != 0;
     pTable->bOnlyIdChanged = FALSE;
     if (bOnlyId) {
-        if (!ObjSerializedPutNumber(
-                pStored, BLCK_USER_DATA_SIZE, pTable->idPlace, pTable->highestId))
-            return false;
-        BlckUserDataModifiedStart(pTable->oBlck, pTable->idPlace + sizeof pTable->highestId);
-        return true;
+        BlckUserDataWillChange(pTable->oBlck, pTable->idPlace + sizeof pTable->highestId);
+        return ObjSerializedPutNumber(
+                   pStored, BLCK_USER_DATA_SIZE, pTable->idPlace, pTable->highestId) != 0;
     }
     Form form;
     pTable->idPlace = 0;
     if (!MakeForm(&form, pTable))
         return false;
+    BlckUserDataWillChange(pTable->oBlck, form.size);
     MemCopy(pStored, form.bytes, form.size);
     pTable->idPlace = static_cast<uint16_t>(form.idPlace);
-    BlckUserDataModifiedStart(pTable->oBlck, form.size);
     return true;
 }
 

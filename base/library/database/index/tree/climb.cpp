@@ -5,18 +5,28 @@
 #include <algorithm>
 #include <cassert>
 
+#include "database/index/ground/damage.h"
+#include "database/index/ground/runtime.h"
 #include "database/index/tree/node.h"
 
 namespace {
 
 constexpr uint32_t FIRST_FRAMES = 16;
-// Steps a level can take: fix the parent up, split it, enter the new node's key, each of them once
-// more for every split that is finished below. Keys of unequal lengths chosen to hurt take less
-// than four on the average of a climb. Blocks are no measure: a step that splits makes one, so that
-// a ring of full nodes would go round until the disk is full.
-constexpr uint64_t STEPS_A_LEVEL = 64;
+
+// A step goes one level up, and leaves at most one frame, which may send another step up from its
+// level: the steps of a climb grow with the square of the levels. Keys near half a node, chosen to
+// hurt, take about one step for two pairs of levels. What takes many times as many goes round in a
+// damaged tree, and since a step that splits makes a block it would go round until the disk is
+// full.
+constexpr uint64_t STEPS_A_PAIR_OF_LEVELS = 16;
+constexpr uint64_t LEVELS_AT_LEAST = 8;
 
 } // namespace
+
+IndxClimb::IndxClimb(IndxCursor* pCursor, uint32_t levels)
+    : pCursor_(pCursor), levels_(levels), levelsOfIndex_(pCursor->oField->levels)
+{
+}
 
 IndxClimb::~IndxClimb()
 {
@@ -27,21 +37,29 @@ IndxClimb::~IndxClimb()
     MemFreeInternal(&pMemory);
 }
 
-NimBool IndxClimb::Next(IndxStep step, uint8_t* pNode, int32_t position, IndxKeyInfo* pKey)
+// The roots that were put on top since the climb began are levels, too.
+uint32_t IndxClimb::LevelsNow() const
+{
+    return levels_ + static_cast<uint32_t>(pCursor_->oField->levels - levelsOfIndex_);
+}
+
+bool IndxClimb::Next(IndxStep step, uint8_t* pParent, int32_t position, IndxKeyInfo* pKey)
 {
     assert(!next_);
     ObjRelease(pKey_);
     next_ = step;
-    pNode_ = pNode;
+    pNode_ = pParent;
     position_ = position;
     pKey_ = pKey;
-    if (++steps_ <= STEPS_A_LEVEL * (levels_ + 1ull))
-        return TRUE;
-    IndxReportDamage(pCursor_, NodeId(pNode));
-    return FALSE;
+    nextHeight_ = height_ + 1;
+    const uint64_t levels = LEVELS_AT_LEAST + LevelsNow();
+    if (nextHeight_ <= LevelsNow() && ++steps_ <= STEPS_A_PAIR_OF_LEVELS * levels * levels)
+        return true;
+    IndxReportDamage(pCursor_, NodeId(pParent));
+    return false;
 }
 
-NimBool IndxClimb::Push(IndxFinish finish, uint8_t* pNode, IndxKeyInfo* pKey)
+bool IndxClimb::Push(IndxFinish finish, uint8_t* pNode, IndxKeyInfo* pKey, bool bInParent)
 {
     if (frames_ == capacity_) {
         const uint32_t wanted = capacity_ ? 2 * capacity_ : FIRST_FRAMES;
@@ -51,7 +69,7 @@ NimBool IndxClimb::Push(IndxFinish finish, uint8_t* pNode, IndxKeyInfo* pKey)
                 : nullptr;
         if (!pMemory) {
             ObjRelease(pKey);
-            return FALSE;
+            return false;
         }
         auto* pFrames = static_cast<Frame*>(pMemory);
         std::copy(pFrames_, pFrames_ + frames_, pFrames);
@@ -60,30 +78,32 @@ NimBool IndxClimb::Push(IndxFinish finish, uint8_t* pNode, IndxKeyInfo* pKey)
         pFrames_ = pFrames;
         capacity_ = wanted;
     }
-    pFrames_[frames_++] = {finish, pNode, pKey};
-    return TRUE;
+    pFrames_[frames_++] = {finish, pNode, pKey, bInParent ? height_ + 1 : height_};
+    return true;
 }
 
-NimBool IndxClimb::TakeNext()
+bool IndxClimb::TakeNext()
 {
     const IndxStep step = next_;
     next_ = nullptr;
+    height_ = nextHeight_;
     IndxKeyInfo* pKey = pKey_;
     pKey_ = nullptr;
-    const NimBool bResult = step(*this, pNode_, position_, pKey);
+    const bool bResult = step(*this, pNode_, position_, pKey);
     ObjRelease(pKey);
     return bResult;
 }
 
-NimBool IndxClimb::TakeFrame(NimBool bResult)
+bool IndxClimb::TakeFrame(bool bResult)
 {
     Frame frame = pFrames_[--frames_];
-    const NimBool bFrom = frame.finish(*this, frame.pNode, frame.pKey, bResult);
+    height_ = frame.height;
+    const bool bFrom = frame.finish(*this, frame.pNode, frame.pKey, bResult);
     ObjRelease(frame.pKey);
     return bFrom;
 }
 
-NimBool IndxClimb::Run(NimBool bResult)
+bool IndxClimb::Run(bool bResult)
 {
     for (;;) {
         if (!bResult)

@@ -8,69 +8,68 @@
 // far.
 #pragma once
 
-#include "database/index/tree/protos.h"
+#include <cstdint>
+
+#include "database/index/ground/shapes.h"
 
 class IndxClimb;
 
-// One step in one node. FALSE fails the climb. `pKey` stays the climb's.
+// One step in one node. False fails the climb. `pKey` stays the climb's.
 using IndxStep =
-    NimBool (*)(IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
+    bool (*)(IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
 
 // What a step left to be done. Gets the result so far and returns the result from here on; it may
 // name a next step.
 using IndxFinish =
-    NimBool (*)(IndxClimb& climb, uint8_t* pNode, const IndxKeyInfo* pKey, NimBool bResult);
+    bool (*)(IndxClimb& climb, uint8_t* pNode, const IndxKeyInfo* pKey, bool bResult);
 
 class IndxClimb {
   public:
-    // `levels`: nodes from the root down to the one where the climb starts, or more; what they are
-    // known to be, since a climb that takes many times as many steps runs in a ring.
-    IndxClimb(IndxCursor* pCursor, uint32_t levels) : pCursor_(pCursor), levels_(levels) {}
+    // `levels`: nodes from the root down to the one where the climb starts, both counted, or more:
+    // a way up that is longer runs in a ring of parent links.
+    IndxClimb(IndxCursor* pCursor, uint32_t levels);
     ~IndxClimb();
     IndxClimb(const IndxClimb&) = delete;
     IndxClimb& operator=(const IndxClimb&) = delete;
 
     IndxCursor* Cursor() const { return pCursor_; }
 
-    // Goes on with `step` once the present one returns. Takes over the reference on pKey, which
-    // may be null. FALSE when the climb has taken more steps than its levels can account for: the
-    // parent links run in a ring.
-    NimBool Next(IndxStep step, uint8_t* pNode, int32_t position, IndxKeyInfo* pKey);
+    // Goes on with `step` in the parent of the present node, once the present step returns. Takes
+    // over the reference on pKey, which may be null. False: damage, reported. The parent lies
+    // higher than the tree does, or there have been more steps than a tree of so many levels can
+    // ask for.
+    [[nodiscard]] bool Next(IndxStep step, uint8_t* pParent, int32_t position, IndxKeyInfo* pKey);
 
-    // Leaves work for afterwards. Takes over the reference on pKey. FALSE: no memory.
-    NimBool Push(IndxFinish finish, uint8_t* pNode, IndxKeyInfo* pKey);
+    // Leaves work for afterwards: in the present node, or with `bInParent` in its parent. Takes
+    // over the reference on pKey. False: no memory.
+    [[nodiscard]] bool
+    Push(IndxFinish finish, uint8_t* pNode, IndxKeyInfo* pKey, bool bInParent = false);
 
     // Runs what has been named and pushed; `bResult` is the first step's result.
-    NimBool Run(NimBool bResult);
+    bool Run(bool bResult);
 
   private:
     struct Frame {
         IndxFinish finish;
         uint8_t* pNode;
         IndxKeyInfo* pKey;
+        uint32_t height;
     };
-    NimBool TakeNext();
-    NimBool TakeFrame(NimBool bResult);
+    bool TakeNext();
+    bool TakeFrame(bool bResult);
+    uint32_t LevelsNow() const;
 
     IndxCursor* pCursor_;
-    uint32_t levels_;
+    uint32_t levels_;       // when the climb began
+    int32_t levelsOfIndex_; // as the index had them then: it counts the roots that are put on top
+    uint32_t height_ = 1;   // of the present node above the one where the climb began, which is 1
+    uint32_t nextHeight_ = 1;
     Frame* pFrames_ = nullptr;
     uint32_t frames_ = 0;
     uint32_t capacity_ = 0;
-    uint32_t steps_ = 0;
+    uint64_t steps_ = 0;
     IndxStep next_ = nullptr;
     uint8_t* pNode_ = nullptr;
     int32_t position_ = 0;
     IndxKeyInfo* pKey_ = nullptr;
 };
-
-// ---- the steps that insertion and deletion share (insert.cpp) ----
-NimBool
-IndxInsertKeyIntoNode(IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
-NimBool IndxAddKeyIntoExistingNode(
-    IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
-NimBool IndxSplitLeft(IndxClimb& climb, uint8_t* pNode, const IndxKeyInfo* pKey);
-NimBool IndxSplitRight(IndxClimb& climb, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey);
-NimBool IndxFixupParent(IndxClimb& climb, int32_t position, uint8_t* pNode);
-// Takes the entry of a node out of its parent and enters the node's present lowest key instead.
-NimBool IndxRekeyParent(IndxClimb& climb, uint8_t* pNode);

@@ -1,29 +1,19 @@
-// cursor.cpp: positions in an index and their moves.
-//
-// A cursor stands before the first key, behind the last, or on a key, of which it keeps a copy.
-// Every key that enters or leaves the index makes the cursors on it untrusted; an untrusted cursor
-// finds its place again from its copy before it moves. A cursor that holds no copy has nothing to
-// search with and is treated as one on an empty index.
+// cursor.cpp: the moves of a cursor. An untrusted one finds its place again from its copy of the
+// key before it moves; one that holds no copy has nothing to search with and is treated as one on
+// an empty index.
 //
 // A node that cannot be had ends a move as if there were no key in that direction, with last error
 // 13 and a failure trace.
 
+#include "database/index.h"
+#include "database/index/ground/damage.h"
+#include "database/index/ground/runtime.h"
+#include "database/index/tree/find.h"
+#include "database/index/tree/key.h"
+#include "database/index/tree/link.h"
 #include "database/index/tree/node.h"
+#include "database/index/tree/position.h"
 #include "nim/scope.h"
-
-const uint8_t* IndxReadNeighbour(IndxCursor* pCursor, uint32_t tFrom, uint32_t tTo, uint32_t link)
-{
-    const bool bNext = link == INDX_NODE_NEXT;
-    const uint32_t back = bNext ? INDX_NODE_PREVIOUS : INDX_NODE_NEXT;
-    // No leaf comes before the first or behind the last: a link to it closes a ring.
-    const IndxRoots& roots = pCursor->oField->roots;
-    const bool bRing = tTo == (bNext ? roots.tFirstLeaf : roots.tLastLeaf);
-    const uint8_t* pNode = bRing ? nullptr : IndxReadNode(nullptr, pCursor, tTo);
-    if (pNode && NodeIsLeaf(pNode) && NodeWord(pNode, back) == tFrom && NodeCount(pNode) > 0)
-        return pNode;
-    IndxReportDamage(pCursor, tTo);
-    return nullptr;
-}
 
 namespace {
 
@@ -44,7 +34,7 @@ void Land(
     pCursor->position = position;
     const int32_t result = pCursor->result;
     IndxUpdateCursor(pCursor, *ppLeaf, INDX_ON_KEY);
-    IndxEndReading(ppLeaf, pCursor);
+    IndxReleaseNode(ppLeaf, pCursor);
     const bool bWanted = result == INDX_RESULT_FOUND || result == INDX_RESULT_NOT_FOUND;
     if (bWanted && !pCursor->oKey) {
         pCursor->bFailed = TRUE;
@@ -55,7 +45,8 @@ void Land(
 // A leaf; null: damage, already reported.
 const uint8_t* ReadLeaf(IndxCursor* pCursor, uint32_t tLeaf)
 {
-    const uint8_t* pLeaf = IndxReadNode(nullptr, pCursor, tLeaf);
+    bool bInMemory = false;
+    const uint8_t* pLeaf = IndxReadNode(&bInMemory, pCursor, tLeaf);
     if (pLeaf && NodeIsLeaf(pLeaf))
         return pLeaf;
     IndxReportDamage(pCursor, tLeaf);
@@ -105,10 +96,10 @@ const uint8_t*
 ReadLeafBehind(uint32_t* ptLeaf, IndxCursor* pCursor, const uint8_t** ppLeaf, uint32_t link)
 {
     *ptLeaf = NodeWord(*ppLeaf, link);
-    IndxEndReading(ppLeaf, pCursor);
+    IndxReleaseNode(ppLeaf, pCursor);
     if (*ptLeaf != INDX_NO_NODE)
         return IndxReadNeighbour(pCursor, pCursor->tNode, *ptLeaf, link);
-    if (!IsEndLeaf(pCursor, pCursor->tNode, link))
+    if (!IndxIsEndLeaf(pCursor, pCursor->tNode, link))
         IndxReportDamage(pCursor, pCursor->tNode);
     return nullptr;
 }
@@ -189,13 +180,8 @@ Refound FindAgain(IndxCursor* pCursor, int32_t statusIfEmpty)
     }
     // The find lets go of the saved key.
     const HeldObject<IndxKeyInfo> key(static_cast<IndxKeyInfo*>(ObjIncRefCount(pCursor->oKey)));
-    if (!key) {
-        IndxReportDamage(pCursor, pCursor->tNode);
-        IndxUpdateCursor(pCursor, nullptr, statusIfEmpty);
-        return Refound::Damaged;
-    }
     bool bDamaged = false;
-    const NimBool bFound = IndxFind(pCursor, key.get(), &bDamaged);
+    const bool bFound = IndxFind(pCursor, key.get(), &bDamaged);
     if (bDamaged)
         return Refound::Damaged;
     return bFound ? Refound::Exactly : Refound::Missed;
@@ -367,22 +353,4 @@ uint32_t IndxCursorGetId(uint32_t* pId, void* oCursor)
     if (pId && pCursor && pCursor->oKey)
         *pId = pCursor->oKey->recordId;
     return 0;
-}
-
-namespace {
-
-NimBool MakeUntrusted(void*, void* oCursor)
-{
-    auto* pCursor = static_cast<IndxCursor*>(oCursor);
-    if (pCursor->status == INDX_ON_KEY)
-        pCursor->status = INDX_UNTRUSTED;
-    return TRUE;
-}
-
-} // namespace
-
-void IndxInvalidateCursors(IndxCursor* pCursor)
-{
-    INDX_TRACE(INDX_DETAIL, "IndxInvalidateCursors(%p)", static_cast<void*>(pCursor));
-    ListWalk(pCursor->oField->oCursors, MakeUntrusted, nullptr);
 }

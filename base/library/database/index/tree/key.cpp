@@ -1,30 +1,29 @@
-// key.cpp: keys on their way between the rooms: taken from an encoded record, taken from a node,
-// compared with each other. A key info carries its value as an object of the base services; a key
-// of the record id index has none, since the id itself is the key.
+// key.cpp: keys out of encoded records, and values compared. It knows no node.
 //
 // Text keys carry their NUL. A value from an inline array need not hold one: texts are compared up
 // to their first NUL or their stored length, whichever comes first.
 
-#include <cassert>
+#include "database/index/tree/key.h"
+
+#include <algorithm>
 #include <cstring>
 
-#include "database/index/tree/key.h"
-#include "database/index/tree/node.h"
+#include "database/index/ground/layout.h"
+#include "database/index/ground/runtime.h"
 #include "nim/scope.h"
 
-NimBool IndxNewKeyInfo(IndxKeyInfo** ppKey, int32_t keyType, uint32_t recordId)
+bool IndxNewKeyInfo(IndxKeyInfo** ppKey, int32_t keyType, uint32_t recordId)
 {
     *ppKey = nullptr;
-    if (!IndxEnsureTemplates())
-        return FALSE;
     void* oKey = nullptr;
-    if (!ObjTemplateCreateInstanceFromPool(&oKey, gIndxTemplates.keyInfo, IndxPool()))
-        return FALSE;
+    if (!IndxEnsureTemplates() ||
+        !ObjTemplateCreateInstanceFromPool(&oKey, gIndxTemplates.keyInfo, IndxPool()))
+        return false;
     auto* pKey = static_cast<IndxKeyInfo*>(oKey);
     pKey->keyType = keyType;
     pKey->recordId = recordId;
     *ppKey = pKey;
-    return TRUE;
+    return true;
 }
 
 namespace {
@@ -46,15 +45,9 @@ uint32_t SlotWidth(int32_t keyType)
     }
 }
 
-// Bytes of a value that stand somewhere else.
-struct Bytes {
-    const uint8_t* p;
-    uint32_t size;
-};
-
 // The bytes of a text slot: length and offset lead to them in the variable part. A length that
 // passes the end of the record is damage like a negative one.
-bool FindText(Bytes* pText, IndxCursor* pCursor, const ObjData* pRecord, const uint8_t* pSlot)
+bool FindText(IndxBytes* pText, IndxCursor* pCursor, const ObjData* pRecord, const uint8_t* pSlot)
 {
     const int32_t length = GetI32(pSlot);
     if (length < 0) {
@@ -83,7 +76,7 @@ bool FindText(Bytes* pText, IndxCursor* pCursor, const ObjData* pRecord, const u
 
 // The record's id and the bytes of its key, none where the id is the key. False: the record has no
 // such key, with the cursor's result code where there is one for it.
-bool FindKey(uint32_t* pId, Bytes* pValue, IndxCursor* pCursor, const ObjData* pRecord)
+bool FindKey(uint32_t* pId, IndxBytes* pValue, IndxCursor* pCursor, const ObjData* pRecord)
 {
     const IndxField* pField = pCursor->oField;
     const uint32_t idOffset = pField->oTable->idOffset;
@@ -119,21 +112,20 @@ bool FindKey(uint32_t* pId, Bytes* pValue, IndxCursor* pCursor, const ObjData* p
     }
 }
 
-// An object of a value's bytes; none for a key type that has no value.
-NimBool MakeValue(void** ppValue, int32_t keyType, const Bytes& value)
-{
-    switch (keyType) {
-    case INDX_KEY_INTEGER:
-        return ObjIntegerCreate(ppValue, GetI32(value.p));
-    case INDX_KEY_INT64:
-        return ObjInt64Create(ppValue, GetI64(value.p));
-    case INDX_KEY_TEXT:
-    case INDX_KEY_TEXT_NO_CASE:
-    case INDX_KEY_UNIQUE_ID:
-        return ObjDataFieldCreate(ppValue, value.p, value.size);
-    default:
-        return TRUE;
+// The beginning of a text key, with a NUL of its own: in a record it need not end with one.
+struct ShownText {
+    char text[256];
+    explicit ShownText(const IndxKeyInfo* pKey)
+    {
+        const uint32_t size = std::min<uint32_t>(KeySize(pKey), sizeof text - 1);
+        memcpy(text, KeyBytes(pKey), size);
+        text[size] = 0;
     }
+};
+
+void TraceText(const IndxKeyInfo* pKey)
+{
+    INDX_TRACE(INDX_DETAIL, "Id = %ld, value = %s", pKey->recordId, ShownText(pKey).text);
 }
 
 void TraceKey(const IndxKeyInfo* pKey)
@@ -152,45 +144,46 @@ void TraceKey(const IndxKeyInfo* pKey)
         INDX_TRACE(
             INDX_DETAIL, "Id = %ld, value = %s", pKey->recordId, UniqueToString(KeyBytes(pKey)));
         break;
-    default: // the data field keeps a NUL behind a text's bytes
-        INDX_TRACE(INDX_DETAIL, "Id = %ld, value = %s", pKey->recordId, KeyBytes(pKey));
+    default:
+        TraceText(pKey);
         break;
     }
 }
 
 } // namespace
 
-NimBool IndxGetKeyInfoFromRecord(IndxKeyInfo** ppKey, IndxCursor* pCursor, const ObjData* pRecord)
+bool IndxGetKeyInfoFromRecord(IndxKeyInfo* pKey, IndxCursor* pCursor, const ObjData* pRecord)
 {
     INDX_TRACE(
-        INDX_DETAIL, "IndxGetKeyInfoFromRecord(%p, %p, %p)", static_cast<void*>(ppKey),
+        INDX_DETAIL, "IndxGetKeyInfoFromRecord(%p, %p, %p)", static_cast<void*>(pKey),
         static_cast<void*>(pCursor), static_cast<void*>(const_cast<ObjData*>(pRecord)));
-    *ppKey = nullptr;
-    const int32_t keyType = pCursor->oField->keyType;
-    uint32_t id = 0;
-    Bytes value = {};
-    HeldObject<IndxKeyInfo> key;
-    if (!FindKey(&id, &value, pCursor, pRecord) || !IndxNewKeyInfo(key.Out(), keyType, id) ||
-        !MakeValue(&key->oValue, keyType, value))
-        return FALSE;
-    if (NIM_TRACES(INDX_DETAIL))
-        TraceKey(key.get());
-    *ppKey = key.Take();
-    return TRUE;
-}
-
-NimBool IndxBorrowKeyFromRecord(IndxKeyInfo* pKey, IndxCursor* pCursor, const ObjData* pRecord)
-{
     *pKey = {};
     uint32_t id = 0;
-    Bytes value = {};
+    IndxBytes value = {};
     if (!FindKey(&id, &value, pCursor, pRecord))
-        return FALSE;
+        return false;
     pKey->keyType = pCursor->oField->keyType;
     pKey->recordId = id;
     pKey->pBorrowed = value.p;
     pKey->borrowedSize = value.size;
-    return TRUE;
+    TraceKey(pKey);
+    return true;
+}
+
+bool IndxMakeValue(void** ppValue, int32_t keyType, const IndxBytes& value)
+{
+    switch (keyType) {
+    case INDX_KEY_INTEGER:
+        return ObjIntegerCreate(ppValue, GetI32(value.p)) != 0;
+    case INDX_KEY_INT64:
+        return ObjInt64Create(ppValue, GetI64(value.p)) != 0;
+    case INDX_KEY_TEXT:
+    case INDX_KEY_TEXT_NO_CASE:
+    case INDX_KEY_UNIQUE_ID:
+        return ObjDataFieldCreate(ppValue, value.p, value.size) != 0;
+    default:
+        return true;
+    }
 }
 
 bool IndxHaveSameKey(const IndxField* pField, const ObjData* pLeft, const ObjData* pRight)
@@ -211,50 +204,6 @@ bool IndxHaveSameKey(const IndxField* pField, const ObjData* pLeft, const ObjDat
     return length == GetU32(pRightBytes + offset) && BytesInside(leftPlace, length, pLeft->size) &&
            BytesInside(rightPlace, length, pRight->size) &&
            memcmp(pLeftBytes + leftPlace, pRightBytes + rightPlace, length) == 0;
-}
-
-bool IndxHeapValue(
-    const uint8_t** ppBytes, uint32_t* pLength, const uint8_t* pNode, int32_t position)
-{
-    const uint8_t* pEntry = NodeEntry(pNode, position);
-    const uint32_t offset = EntryHeapOffset(pEntry);
-    const uint32_t length = EntryLength(pEntry);
-    if (length > offset || offset > IndxHeapBefore(pNode, NodeCount(pNode)))
-        return false;
-    *ppBytes = pNode + INDX_NODE_SIZE - offset;
-    *pLength = length;
-    return true;
-}
-
-NimBool IndxGetEntryValue(void** ppValue, int32_t keyType, const uint8_t* pNode, int32_t position)
-{
-    *ppValue = nullptr;
-    assert(position >= 0 && position < NodeCount(pNode));
-    Bytes value = {NodeEntry(pNode, position) + INDX_ENTRY_VALUE, 0};
-    if (keyType & INDX_KEY_HEAP_BIT && !IndxHeapValue(&value.p, &value.size, pNode, position))
-        return FALSE;
-    return MakeValue(ppValue, keyType, value);
-}
-
-NimBool IndxGetKeyInfoFromNode(IndxKeyInfo** ppKey, IndxCursor* pCursor, const uint8_t* pNode)
-{
-    *ppKey = nullptr;
-    const auto tNode = static_cast<uint32_t>(BlckId(pNode));
-    if (NodeCount(pNode) < 1) {
-        IndxReportDamage(pCursor, tNode);
-        return FALSE;
-    }
-    HeldObject<IndxKeyInfo> key;
-    const int32_t keyType = pCursor->oField->keyType;
-    if (!IndxNewKeyInfo(key.Out(), keyType, EntryId(NodeEntry(pNode, 0))))
-        return FALSE;
-    if (!IndxGetEntryValue(&key->oValue, keyType, pNode, 0)) {
-        IndxReportDamage(pCursor, tNode);
-        return FALSE;
-    }
-    key->tChild = tNode;
-    *ppKey = key.Take();
-    return TRUE;
 }
 
 uint32_t IndxKeyLength(const IndxKeyInfo* pKey)

@@ -1,36 +1,18 @@
 // keycursor.h: the cursor of an operation that enters or takes out one key. It stands nowhere and
-// nobody else gets to see it, so it lives on the stack and in no list; the trace tells of cursors,
-// so while every step is traced it is one like all others.
+// nobody else gets to see it, so it lives on the stack and in no list.
 #pragma once
 
-#include "database/index.h"
-#include "database/index/tree/protos.h"
+#include "database/index/ground/shapes.h"
 
 class IndxKeyCursor {
   public:
-    explicit IndxKeyCursor(IndxField* pField)
-    {
-        if (NIM_TRACES(INDX_DETAIL)) {
-            IndxGetCursor(&oTraced_, pField);
-            pCursor_ = static_cast<IndxCursor*>(oTraced_);
-        } else {
-            cursor_.oField = pField;
-        }
-    }
-    ~IndxKeyCursor()
-    {
-        if (oTraced_)
-            IndxReleaseCursor(&oTraced_);
-        ObjRelease(cursor_.oKey);
-    }
+    explicit IndxKeyCursor(IndxField* pField) { cursor_.oField = pField; }
+    ~IndxKeyCursor() { ObjRelease(cursor_.oKey); }
     IndxKeyCursor(const IndxKeyCursor&) = delete;
     IndxKeyCursor& operator=(const IndxKeyCursor&) = delete;
 
-    // Null: no memory.
-    IndxCursor* get() { return pCursor_; }
+    IndxCursor* get() { return &cursor_; }
 
   private:
     IndxCursor cursor_ = {};
-    IndxCursor* pCursor_ = &cursor_;
-    void* oTraced_ = nullptr;
 };

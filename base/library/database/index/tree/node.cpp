@@ -2,8 +2,11 @@
 // nodes, the room left in them, putting, moving and removing entries.
 //
 // Invariants of a node: at most 681 entries; every heap offset is the sum of the lengths up to its
-// entry; entries and heap do not touch. IndxGetNode checks what can be checked in constant time
-// when a node is fetched; what an entry says is checked where it is followed.
+// entry; entries and heap do not touch. What can be checked in constant time is checked when a node
+// is fetched; what an entry says is checked where it is followed.
+//
+// The word at offset 24, the address of the node's end in files written long ago, is left as it is:
+// the end follows from the node's own address.
 
 #include "database/index/tree/node.h"
 
@@ -11,7 +14,7 @@
 #include <cstring>
 
 #include "database/block/blockstore.h"
-#include "database/index/tree/key.h"
+#include "database/index/ground/runtime.h"
 #include "nim/scope.h"
 
 namespace {
@@ -32,12 +35,6 @@ uint32_t HeapFlag(const IndxCursor* pCursor)
     return pCursor->oField->keyType & INDX_KEY_HEAP_BIT ? 1 : 0;
 }
 
-// In memory a node carries the address of its end.
-void SetNodeEnd(uint8_t* pNode)
-{
-    PutU64(pNode + INDX_NODE_END, reinterpret_cast<uintptr_t>(pNode + BlckSize(nullptr)));
-}
-
 // Heap bytes in use: the last entry's heap offset.
 uint32_t HeapUsed(const uint8_t* pNode)
 {
@@ -55,155 +52,23 @@ bool NodeIsSound(const uint8_t* pNode, uint32_t heapFlag)
     return HeapUsed(pNode) <= INDX_NODE_ROOM - entries;
 }
 
-// Behind which byte of a node nothing has changed when header and entries from a position on, with
-// their values, are all that has.
-uint32_t ChangedTo(const uint8_t* pNode, int32_t position)
+// Declares the slots of a run of entries.
+bool EntriesWillChange(uint8_t* pNode, int32_t position, int32_t count)
 {
-    return NodeHasHeap(pNode)
-               ? INDX_NODE_SIZE - IndxHeapBefore(pNode, position)
-               : INDX_NODE_HEADER + INDX_ENTRY_SIZE * static_cast<uint32_t>(NodeCount(pNode));
+    return BlckWillChange(
+        pNode, INDX_NODE_HEADER + INDX_ENTRY_SIZE * static_cast<uint32_t>(position),
+        INDX_ENTRY_SIZE * static_cast<uint32_t>(count));
+}
+
+// Declares `size` bytes of the heap, of which the lowest lies `heapOffset` below the node's end.
+bool HeapWillChange(uint8_t* pNode, uint32_t heapOffset, uint32_t size)
+{
+    return BlckWillChange(pNode, INDX_NODE_SIZE - heapOffset, size);
 }
 
 } // namespace
 
-namespace {
-
-// Brings a sound node into memory of which an address in the file is at hand; null: no memory. The
-// free room stays behind, when it is worth it, but for some entries more; who adds others asks for
-// them (BlckNeedStart).
-uint8_t* TakeNode(IndxCursor* pCursor, uint32_t tId, const uint8_t* pFound)
-{
-    constexpr uint32_t MORE = 8;
-    constexpr uint32_t WORTH_IT = 4096; // what is written in two parts costs a second call
-    const uint32_t entries = static_cast<uint32_t>(NodeCount(pFound)) + MORE;
-    uint32_t front = INDX_NODE_HEADER + INDX_ENTRY_SIZE * entries;
-    uint32_t back = HeapUsed(pFound);
-    if (back > 0 && front + back + WORTH_IT > INDX_NODE_SIZE) {
-        front = INDX_NODE_SIZE;
-        back = 0;
-    }
-    void* pTaken = BlckTakeBlock(BlckOf(pCursor), static_cast<int32_t>(tId), pFound, front, back);
-    return static_cast<uint8_t*>(pTaken);
-}
-
-} // namespace
-
-void IndxGetNode(uint8_t** ppNode, IndxCursor* pCursor, uint32_t tId)
-{
-    INDX_TRACE(
-        INDX_DETAIL, "IndxGetNode(%p, %p, %ld)", static_cast<void*>(ppNode),
-        static_cast<void*>(pCursor), tId);
-    *ppNode = nullptr;
-    void* oBlck = BlckOf(pCursor);
-    bool bInMemory = false;
-    const uint8_t* pFound = BlckPeekBlock(&bInMemory, oBlck, static_cast<int32_t>(tId));
-    void* pData = nullptr;
-    if (bInMemory)
-        pData = const_cast<uint8_t*>(pFound); // handed out by the block store as such
-    else if (pFound && NodeIsSound(pFound, HeapFlag(pCursor)))
-        pData = TakeNode(pCursor, tId, pFound);
-    else
-        BlckGetBlock(&pData, oBlck, static_cast<int32_t>(tId));
-    if (!pData)
-        return;
-    auto* pNode = static_cast<uint8_t*>(pData);
-    if (!NodeIsSound(pNode, HeapFlag(pCursor))) {
-        INDX_TRACE(
-            INDX_ALWAYS, "Node %ld of field '%s' of table '%s' is damaged", tId,
-            pCursor->oField->name, TableOf(pCursor)->name);
-        return;
-    }
-    SetNodeEnd(pNode);
-    *ppNode = pNode;
-}
-
-const uint8_t* IndxReadNode(bool* pInMemory, IndxCursor* pCursor, uint32_t tId)
-{
-    const uint8_t* pNode = BlckPeekBlock(pInMemory, BlckOf(pCursor), static_cast<int32_t>(tId));
-    if (pNode && NodeIsSound(pNode, HeapFlag(pCursor)))
-        return pNode;
-    uint8_t* pFetched = nullptr;
-    IndxGetNode(&pFetched, pCursor, tId);
-    if (pInMemory)
-        *pInMemory = pFetched != nullptr;
-    return pFetched;
-}
-
-const uint8_t* IndxReadNodeToChange(bool* pInMemory, IndxCursor* pCursor, uint32_t tId)
-{
-    const uint8_t* pNode = IndxReadNode(pInMemory, pCursor, tId);
-    if (!pNode || *pInMemory || !NodeIsLeaf(pNode))
-        return pNode;
-    uint8_t* pTaken = TakeNode(pCursor, tId, pNode);
-    *pInMemory = pTaken != nullptr;
-    if (pTaken)
-        SetNodeEnd(pTaken);
-    return pTaken;
-}
-
-uint8_t* IndxNodeToChange(IndxCursor* pCursor, uint32_t tId, const uint8_t* pNode, bool bInMemory)
-{
-    if (bInMemory)
-        return const_cast<uint8_t*>(pNode); // was handed out by BlckGetBlock as such
-    uint8_t* pFetched = nullptr;
-    IndxGetNode(&pFetched, pCursor, tId);
-    return pFetched;
-}
-
-void IndxEndReading(const uint8_t** ppNode, IndxCursor* pCursor)
-{
-    auto* pNode = const_cast<uint8_t*>(*ppNode); // not modified, so not written to
-    IndxReleaseNode(&pNode, pCursor, FALSE);
-    *ppNode = nullptr;
-}
-
-int32_t IndxNewNode(uint8_t** ppNode, IndxCursor* pCursor)
-{
-    INDX_TRACE(
-        INDX_DETAIL, "IndxNewNode(%p, %p)", static_cast<void*>(ppNode),
-        static_cast<void*>(pCursor));
-    void* oBlck = BlckOf(pCursor);
-    void* pData = nullptr;
-    const int32_t tId = BlckNewUnusedBlock(&pData, oBlck);
-    // An id whose block cannot be had (disk full, read failure) is no node.
-    if (tId == -1 || !pData)
-        return -1;
-    auto* pNode = static_cast<uint8_t*>(pData);
-    SetNodeWord(pNode, INDX_NODE_PARENT, INDX_NO_NODE);
-    SetNodeWord(pNode, INDX_NODE_NEXT, INDX_NO_NODE);
-    SetNodeWord(pNode, INDX_NODE_PREVIOUS, INDX_NO_NODE);
-    SetNodeWord(pNode, INDX_NODE_HEAP, HeapFlag(pCursor));
-    SetNodeEnd(pNode);
-    BlckModifiedBlock(pNode, oBlck);
-    *ppNode = pNode;
-    return tId;
-}
-
-void IndxReleaseNode(uint8_t** ppNode, IndxCursor* pCursor, NimBool bModified)
-{
-    IndxReleaseNodeFrom(ppNode, pCursor, bModified, 0);
-}
-
-void IndxReleaseNodeFrom(uint8_t** ppNode, IndxCursor* pCursor, NimBool bModified, int32_t position)
-{
-    INDX_TRACE(
-        INDX_DETAIL, "IndxReleaseNode(%p, %p, %s)", static_cast<void*>(ppNode),
-        static_cast<void*>(pCursor), IndxTruth(bModified));
-    if (bModified && *ppNode) {
-        assert(NodeIsSound(*ppNode, HeapFlag(pCursor)));
-        BlckModifiedStart(
-            *ppNode, BlckOf(pCursor), ChangedTo(*ppNode, position), HeapUsed(*ppNode));
-    }
-    *ppNode = nullptr;
-}
-
-void IndxDiscardNode(uint8_t** ppNode, IndxCursor* pCursor)
-{
-    INDX_TRACE(
-        INDX_DETAIL, "IndxDiscardNode(%p, %p)", static_cast<void*>(ppNode),
-        static_cast<void*>(pCursor));
-    BlckDiscardBlock(*ppNode, BlckOf(pCursor));
-}
+// ---- reading ------------------------------------------------------------------------------------
 
 uint32_t IndxHeapBefore(const uint8_t* pNode, int32_t position)
 {
@@ -222,6 +87,181 @@ bool IndxHasRoom(const uint8_t* pNode, uint32_t keyLength)
 {
     return static_cast<uint64_t>(IndxFreeSpace(pNode)) >=
            static_cast<uint64_t>(keyLength) + INDX_ENTRY_SIZE;
+}
+
+int32_t IndxFindChild(const uint8_t* pNode, uint32_t tChild)
+{
+    const int32_t count = NodeCount(pNode);
+    for (int32_t i = 0; i < count; ++i) {
+        if (EntryPointer(NodeEntry(pNode, i)) == tChild)
+            return i;
+    }
+    return -1;
+}
+
+uint32_t IndxChildAt(const uint8_t* pNode, int32_t position)
+{
+    const int32_t entry = position < 0 ? 0 : position;
+    return entry < NodeCount(pNode) ? EntryPointer(NodeEntry(pNode, entry)) : INDX_NO_NODE;
+}
+
+bool IndxHeapValue(
+    const uint8_t** ppBytes, uint32_t* pLength, const uint8_t* pNode, int32_t position)
+{
+    const uint8_t* pEntry = NodeEntry(pNode, position);
+    const uint32_t offset = EntryHeapOffset(pEntry);
+    const uint32_t length = EntryLength(pEntry);
+    if (length > offset || offset > IndxHeapBefore(pNode, NodeCount(pNode)))
+        return false;
+    *ppBytes = pNode + INDX_NODE_SIZE - offset;
+    *pLength = length;
+    return true;
+}
+
+bool IndxGetEntryValue(void** ppValue, int32_t keyType, const uint8_t* pNode, int32_t position)
+{
+    *ppValue = nullptr;
+    assert(position >= 0 && position < NodeCount(pNode));
+    IndxBytes value = {NodeEntry(pNode, position) + INDX_ENTRY_VALUE, 0};
+    if (keyType & INDX_KEY_HEAP_BIT && !IndxHeapValue(&value.p, &value.size, pNode, position))
+        return false;
+    return IndxMakeValue(ppValue, keyType, value);
+}
+
+bool IndxGetKeyInfoFromNode(IndxKeyInfo** ppKey, IndxCursor* pCursor, const uint8_t* pNode)
+{
+    *ppKey = nullptr;
+    HeldObject<IndxKeyInfo> key;
+    const int32_t keyType = pCursor->oField->keyType;
+    const bool bThere = NodeCount(pNode) > 0;
+    if (bThere && !IndxNewKeyInfo(key.Out(), keyType, EntryId(NodeEntry(pNode, 0))))
+        return false;
+    if (!bThere || !IndxGetEntryValue(&key->oValue, keyType, pNode, 0)) {
+        IndxReportDamage(pCursor, NodeId(pNode));
+        return false;
+    }
+    key->tChild = NodeId(pNode);
+    *ppKey = key.Take();
+    return true;
+}
+
+// ---- getting ------------------------------------------------------------------------------------
+
+namespace {
+
+// A node to be read; `ppNode` is the caller's variable, for the trace.
+const uint8_t* ReadNode(const void* ppNode, bool* pInMemory, IndxCursor* pCursor, uint32_t tId)
+{
+    INDX_TRACE(
+        INDX_DETAIL, "IndxGetNode(%p, %p, %ld)", const_cast<void*>(ppNode),
+        static_cast<void*>(pCursor), tId);
+    const uint8_t* pNode = BlckReadBlock(pInMemory, BlckOf(pCursor), static_cast<int32_t>(tId));
+    if (!pNode || NodeIsSound(pNode, HeapFlag(pCursor)))
+        return pNode;
+    INDX_TRACE(
+        INDX_ALWAYS, "Node %ld of field '%s' of table '%s' is damaged", tId, pCursor->oField->name,
+        TableOf(pCursor)->name);
+    return nullptr;
+}
+
+} // namespace
+
+const uint8_t* IndxReadNode(bool* pInMemory, IndxCursor* pCursor, uint32_t tId)
+{
+    return ReadNode(pInMemory, pInMemory, pCursor, tId);
+}
+
+// The free room stays behind, when it is worth it, but for some entries more: what is added beyond
+// them follows when it is declared.
+uint8_t* IndxNodeToChange(IndxCursor* pCursor, uint32_t tId, const uint8_t* pNode, bool bInMemory)
+{
+    constexpr uint32_t MORE = 8;
+    constexpr uint32_t WORTH_IT = 4096; // what is written in two parts costs a second call
+    if (bInMemory)
+        return const_cast<uint8_t*>(pNode); // the block store's own, handed out as such
+    const uint32_t entries = static_cast<uint32_t>(NodeCount(pNode)) + MORE;
+    uint32_t front = INDX_NODE_HEADER + INDX_ENTRY_SIZE * entries;
+    uint32_t back = HeapUsed(pNode);
+    if (front + back + WORTH_IT > INDX_NODE_SIZE) {
+        front = INDX_NODE_SIZE;
+        back = 0;
+    }
+    return BlckBringIn(BlckOf(pCursor), static_cast<int32_t>(tId), pNode, front, back);
+}
+
+void IndxGetNode(uint8_t** ppNode, IndxCursor* pCursor, uint32_t tId)
+{
+    bool bInMemory = false;
+    const uint8_t* pNode = ReadNode(ppNode, &bInMemory, pCursor, tId);
+    *ppNode = pNode ? IndxNodeToChange(pCursor, tId, pNode, bInMemory) : nullptr;
+}
+
+int32_t IndxNewNode(uint8_t** ppNode, IndxCursor* pCursor)
+{
+    INDX_TRACE(
+        INDX_DETAIL, "IndxNewNode(%p, %p)", static_cast<void*>(ppNode),
+        static_cast<void*>(pCursor));
+    void* pData = nullptr;
+    const int32_t tId = BlckNewUnusedBlock(&pData, BlckOf(pCursor));
+    // An id whose block cannot be had (disk full, read failure) is no node.
+    if (tId == -1 || !pData)
+        return -1;
+    auto* pNode = static_cast<uint8_t*>(pData);
+    PutU32(pNode + INDX_NODE_PARENT, INDX_NO_NODE);
+    PutU32(pNode + INDX_NODE_NEXT, INDX_NO_NODE);
+    PutU32(pNode + INDX_NODE_PREVIOUS, INDX_NO_NODE);
+    PutU32(pNode + INDX_NODE_HEAP, HeapFlag(pCursor));
+    *ppNode = pNode;
+    return tId;
+}
+
+namespace {
+
+void TraceRelease(const void* ppNode, IndxCursor* pCursor, bool bModified)
+{
+    INDX_TRACE(
+        INDX_DETAIL, "IndxReleaseNode(%p, %p, %s)", const_cast<void*>(ppNode),
+        static_cast<void*>(pCursor), IndxTruth(bModified));
+}
+
+} // namespace
+
+void IndxReleaseNode(uint8_t** ppNode, IndxCursor* pCursor, bool bModified)
+{
+    TraceRelease(ppNode, pCursor, bModified);
+    assert(!bModified || NodeIsSound(*ppNode, HeapFlag(pCursor)));
+    *ppNode = nullptr;
+}
+
+void IndxReleaseNode(const uint8_t** ppNode, IndxCursor* pCursor)
+{
+    TraceRelease(ppNode, pCursor, false);
+    *ppNode = nullptr;
+}
+
+void IndxDiscardNode(uint8_t** ppNode, IndxCursor* pCursor)
+{
+    INDX_TRACE(
+        INDX_DETAIL, "IndxDiscardNode(%p, %p)", static_cast<void*>(ppNode),
+        static_cast<void*>(pCursor));
+    BlckDiscardBlock(*ppNode, BlckOf(pCursor));
+}
+
+// ---- changing -----------------------------------------------------------------------------------
+
+bool IndxSetNodeWord(uint8_t* pNode, uint32_t offset, uint32_t value)
+{
+    if (!BlckWillChange(pNode, offset, sizeof value))
+        return false;
+    PutU32(pNode + offset, value);
+    return true;
+}
+
+bool IndxSetEntryPointer(uint8_t* pNode, int32_t position, uint32_t pointer)
+{
+    const uint32_t offset =
+        INDX_NODE_HEADER + INDX_ENTRY_SIZE * static_cast<uint32_t>(position) + INDX_ENTRY_POINTER;
+    return IndxSetNodeWord(pNode, offset, pointer);
 }
 
 namespace {
@@ -245,30 +285,26 @@ bool RunIsSound(const uint8_t* pNode, int32_t position, int32_t count)
 }
 
 // Makes a node the parent of one of its children.
-NimBool SetParent(IndxCursor* pCursor, uint32_t tChild, uint32_t tParent)
+bool SetParent(IndxCursor* pCursor, uint32_t tChild, uint32_t tParent)
 {
     uint8_t* pChild = nullptr;
     IndxGetNode(&pChild, pCursor, tChild);
-    if (!pChild)
-        return FALSE;
-    SetNodeWord(pChild, INDX_NODE_PARENT, tParent);
-    IndxReleaseNode(&pChild, pCursor, TRUE);
-    return TRUE;
+    if (!pChild || !IndxSetNodeWord(pChild, INDX_NODE_PARENT, tParent))
+        return false;
+    IndxReleaseNode(&pChild, pCursor, true);
+    return true;
 }
 
 // The same for a child that moves from one parent to another: a child that does not know the first
 // one belongs to somebody else, and stays as it is.
-NimBool ChangeParent(IndxCursor* pCursor, uint32_t tChild, uint32_t tFrom, uint32_t tTo)
+bool ChangeParent(IndxCursor* pCursor, uint32_t tChild, uint32_t tFrom, uint32_t tTo)
 {
-    uint8_t* pChild = nullptr;
-    IndxGetNode(&pChild, pCursor, tChild);
-    if (!pChild || NodeParent(pChild) != tFrom) {
-        IndxReportDamage(pCursor, tChild);
-        return FALSE;
-    }
-    SetNodeWord(pChild, INDX_NODE_PARENT, tTo);
-    IndxReleaseNode(&pChild, pCursor, TRUE);
-    return TRUE;
+    bool bInMemory = false;
+    const uint8_t* pChild = IndxReadNode(&bInMemory, pCursor, tChild);
+    if (pChild && NodeParent(pChild) == tFrom)
+        return SetParent(pCursor, tChild, tTo);
+    IndxReportDamage(pCursor, tChild);
+    return false;
 }
 
 void TraceFixups(const uint8_t* pEntries, int32_t count)
@@ -281,7 +317,7 @@ void TraceFixups(const uint8_t* pEntries, int32_t count)
 
 // Moves a sound run of entries whose values lie in the heap: the entries, their heap offsets, the
 // heap bytes.
-void MoveWithHeap(
+bool MoveWithHeap(
     uint8_t* pDest, int32_t destPosition, const uint8_t* pSource, int32_t sourcePosition,
     int32_t count, int32_t lOffsetCorrection)
 {
@@ -296,8 +332,11 @@ void MoveWithHeap(
         static_cast<void*>(const_cast<uint8_t*>(NodeEntry(pSource, sourcePosition))), size);
     const uint32_t total = lowest - IndxHeapBefore(pSource, sourcePosition);
     const uint8_t* pFrom = pSource + INDX_NODE_SIZE - lowest;
+    if (!EntriesWillChange(pDest, destPosition, count) ||
+        !HeapWillChange(pDest, lowest + static_cast<uint32_t>(correction), total))
+        return false;
     memmove(pSlots, NodeEntry(pSource, sourcePosition), size);
-    if (NIM_TRACES(INDX_DETAIL))
+    if (NIM_TRACES(INDX_DETAIL)) // a loop of nothing but traces
         TraceFixups(pSlots, count);
     for (uint8_t* pEntry = pSlots; pEntry < pSlots + size; pEntry += INDX_ENTRY_SIZE) {
         PutU32(
@@ -309,16 +348,17 @@ void MoveWithHeap(
         INDX_DETAIL, "Move the heap data %p, %p, %ld", static_cast<void*>(pTo),
         static_cast<void*>(const_cast<uint8_t*>(pFrom)), total);
     memmove(pTo, pFrom, total);
+    return true;
 }
 
 } // namespace
 
-NimBool IndxMoveEntries(
+bool IndxMoveEntries(
     IndxCursor* pCursor, uint8_t* pDest, int32_t destPosition, uint8_t* pSource,
     int32_t sourcePosition, int32_t count, int32_t lOffsetCorrection)
 {
     if (count <= 0)
-        return TRUE;
+        return true;
     INDX_TRACE(
         INDX_DETAIL, "IndxMoveEntries(%p, %p, %ld, %p, %ld, %ld, %ld)", static_cast<void*>(pCursor),
         static_cast<void*>(pDest), destPosition, static_cast<void*>(pSource), sourcePosition, count,
@@ -326,9 +366,10 @@ NimBool IndxMoveEntries(
     if (NodeHasHeap(pDest)) {
         if (!RunIsSound(pSource, sourcePosition, count)) {
             IndxReportDamage(pCursor, NodeId(pSource));
-            return FALSE;
+            return false;
         }
-        MoveWithHeap(pDest, destPosition, pSource, sourcePosition, count, lOffsetCorrection);
+        if (!MoveWithHeap(pDest, destPosition, pSource, sourcePosition, count, lOffsetCorrection))
+            return false;
     } else {
         const uint8_t* pFrom = NodeEntry(pSource, sourcePosition);
         const uint32_t size = INDX_ENTRY_SIZE * static_cast<uint32_t>(count);
@@ -336,65 +377,86 @@ NimBool IndxMoveEntries(
             INDX_DETAIL, "Just move entries %p, %p, %ld",
             static_cast<void*>(NodeEntry(pDest, destPosition)),
             static_cast<void*>(const_cast<uint8_t*>(pFrom)), size);
-        MemCopy(NodeEntry(pDest, destPosition), pFrom, size);
+        if (!EntriesWillChange(pDest, destPosition, count))
+            return false;
+        memmove(NodeEntry(pDest, destPosition), pFrom, size);
     }
     if (NodeIsLeaf(pDest) || pDest == pSource)
-        return TRUE;
+        return true;
     const uint32_t tSource = NodeId(pSource);
     const uint32_t tDest = NodeId(pDest);
     for (int32_t i = destPosition; i < destPosition + count; ++i) {
         if (!ChangeParent(pCursor, EntryPointer(NodeEntry(pDest, i)), tSource, tDest))
-            return FALSE;
+            return false;
     }
-    return TRUE;
+    return true;
 }
 
-NimBool
-IndxPutKeyIntoNode(IndxCursor* pCursor, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey)
+namespace {
+
+// The value of a key that lies in the heap: behind the values of the entries before it.
+bool PutHeapValue(uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey)
 {
+    const uint32_t length = KeySize(pKey);
+    const uint32_t heapOffset = IndxHeapBefore(pNode, position) + length;
+    uint8_t* pEntry = NodeEntry(pNode, position);
+    uint8_t* pTo = pNode + INDX_NODE_SIZE - heapOffset;
     INDX_TRACE(
-        INDX_DETAIL, "IndxPutKeyIntoNode(%p, %p, %ld, %p)", static_cast<void*>(pCursor),
-        static_cast<void*>(pNode), position, static_cast<void*>(const_cast<IndxKeyInfo*>(pKey)));
+        INDX_DETAIL, "Insert heap data %p, %p, %ld", static_cast<void*>(pTo),
+        static_cast<void*>(const_cast<char*>(KeyBytes(pKey))), length);
+    if (!HeapWillChange(pNode, heapOffset, length))
+        return false;
+    PutU32(pEntry + INDX_ENTRY_LENGTH, length);
+    PutU32(pEntry + INDX_ENTRY_HEAP_OFFSET, heapOffset);
+    memcpy(pTo, KeyBytes(pKey), length);
+    return true;
+}
+
+// The value of a key in an entry whose slot has been declared.
+bool PutValue(uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey)
+{
     uint8_t* pEntry = NodeEntry(pNode, position);
     switch (pKey->keyType) {
     case INDX_KEY_FORBIDDEN:
         INDX_TRACE(INDX_ALWAYS, "Unexpected field type");
         ProcCrash(0);
-        return FALSE;
+        return false;
     case INDX_KEY_INTEGER:
         PutI32(pEntry + INDX_ENTRY_VALUE, KeyInteger(pKey));
-        break;
+        return true;
     case INDX_KEY_INT64:
         PutI64(pEntry + INDX_ENTRY_VALUE, KeyInt64(pKey));
-        break;
+        return true;
     case INDX_KEY_TEXT:
     case INDX_KEY_TEXT_NO_CASE:
-    case INDX_KEY_UNIQUE_ID: {
-        const uint32_t length = KeySize(pKey);
-        const uint32_t offset = IndxHeapBefore(pNode, position) + length;
-        assert(offset <= INDX_NODE_ROOM);
-        PutU32(pEntry + INDX_ENTRY_LENGTH, length);
-        PutU32(pEntry + INDX_ENTRY_HEAP_OFFSET, offset);
-        uint8_t* pTo = pNode + INDX_NODE_SIZE - offset;
-        INDX_TRACE(
-            INDX_DETAIL, "Insert heap data %p, %p, %ld", static_cast<void*>(pTo),
-            static_cast<void*>(const_cast<char*>(KeyBytes(pKey))), length);
-        MemCopy(pTo, KeyBytes(pKey), length);
-        break;
-    }
+    case INDX_KEY_UNIQUE_ID:
+        return PutHeapValue(pNode, position, pKey);
     default:
-        break;
+        return true;
     }
+}
+
+} // namespace
+
+bool IndxPutKeyIntoNode(
+    IndxCursor* pCursor, uint8_t* pNode, int32_t position, const IndxKeyInfo* pKey)
+{
+    INDX_TRACE(
+        INDX_DETAIL, "IndxPutKeyIntoNode(%p, %p, %ld, %p)", static_cast<void*>(pCursor),
+        static_cast<void*>(pNode), position, static_cast<void*>(const_cast<IndxKeyInfo*>(pKey)));
+    if (!EntriesWillChange(pNode, position, 1) || !PutValue(pNode, position, pKey))
+        return false;
+    uint8_t* pEntry = NodeEntry(pNode, position);
     PutU32(pEntry + INDX_ENTRY_ID, pKey->recordId);
     if (NodeIsLeaf(pNode)) {
         PutU32(pEntry + INDX_ENTRY_POINTER, pKey->fileOffset);
-        return TRUE;
+        return true;
     }
     PutU32(pEntry + INDX_ENTRY_POINTER, pKey->tChild);
     return SetParent(pCursor, pKey->tChild, NodeId(pNode));
 }
 
-NimBool IndxRemoveEntry(IndxCursor* pCursor, uint8_t* pNode, int32_t position)
+bool IndxRemoveEntry(IndxCursor* pCursor, uint8_t* pNode, int32_t position)
 {
     const int32_t count = NodeCount(pNode);
     assert(position >= 0 && position < count);
@@ -402,22 +464,11 @@ NimBool IndxRemoveEntry(IndxCursor* pCursor, uint8_t* pNode, int32_t position)
     // the entry before says.
     if (NodeHasHeap(pNode) && !RunIsSound(pNode, position, 1)) {
         IndxReportDamage(pCursor, NodeId(pNode));
-        return FALSE;
+        return false;
     }
     const auto before = static_cast<int32_t>(IndxHeapBefore(pNode, position));
     if (!IndxMoveEntries(
             pCursor, pNode, position, pNode, position + 1, count - position - 1, before))
-        return FALSE;
-    SetNodeCount(pNode, count - 1);
-    return TRUE;
-}
-
-int32_t IndxFindChild(const uint8_t* pNode, uint32_t tChild)
-{
-    const int32_t count = NodeCount(pNode);
-    for (int32_t i = 0; i < count; ++i) {
-        if (EntryPointer(NodeEntry(pNode, i)) == tChild)
-            return i;
-    }
-    return -1;
+        return false;
+    return IndxSetNodeCount(pNode, count - 1);
 }

@@ -2,55 +2,41 @@
 // many, and most records stay where they are: taking such a key out and entering it again would
 // bring a node into memory, move half of it twice and write it, to leave it as it was.
 //
-// The short way is gone only where the long one provably ends in the same node with the same
-// entries: the key stands in its leaf behind another one, so that no parent learns of it, or the
-// leaf is the root and holds other keys. Everything else, damage and traced steps included, is left
-// to the long way, which has the messages.
+// The key is left where it is only if taking it out and entering it again provably ends in the same
+// node with the same entries:
+// - No parent learns of it: the key stands in its leaf behind another one, or the leaf is the root
+//   and holds other keys. Then no branch changes, and a descent that enters the key compares what
+//   the one that found it has compared, and ends in the same leaf.
+// - In the leaf the search for its place, among the others, ends where it stands. In a total order
+// that
+//   is always so; ids and integers more than 2^31 apart have none.
 
-#include "database/block/blockstore.h"
+#include "database/index/tree/repoint.h"
+
+#include "database/index/tree/descend.h"
 #include "database/index/tree/key.h"
 #include "database/index/tree/node.h"
-#include "nim/scope.h"
+#include "database/index/tree/nodesearch.h"
+#include "database/index/tree/position.h"
 
 namespace {
 
-// Where the key of a record stands.
-struct Place {
-    uint32_t tLeaf;
-    const uint8_t* pLeaf;
-    bool bInMemory;
-    int32_t position;
-};
-
 // Whether an entry comes back to its place when it is taken out and entered again.
-bool ReturnsToItsPlace(const IndxCursor* pCursor, const Place& place)
+bool ReturnsToItsPlace(const IndxCursor* pCursor, const IndxPlace& place, const IndxKeyInfo* pKey)
 {
-    const bool bRoot = place.tLeaf == pCursor->oField->roots.tRoot;
-    return bRoot ? NodeCount(place.pLeaf) > 1 : place.position > 0;
+    const bool bRoot = place.levels == 1;
+    return (bRoot ? NodeCount(place.pNode) > 1 : place.position > 0) &&
+           IndxReturnsToPosition(pCursor, place.pNode, place.position, pKey);
 }
 
-// From the root down to the key. A branch that holds the key itself leads to it as the first of its
-// leaf, or the tree is damaged: neither is for the short way.
-bool FindPlace(Place* pPlace, IndxCursor* pCursor, const IndxKeyInfo* pKey)
+// Finds the key where it may stay. A branch that holds the key itself leads to it as the first of
+// its leaf, or the tree is damaged: neither is for this room.
+bool FindPlace(IndxPlace* pPlace, IndxCursor* pCursor, const IndxKeyInfo* pKey)
 {
-    pPlace->tLeaf = pCursor->oField->roots.tRoot;
-    for (uint32_t left = BlckBlockLimit(pCursor->oField->oTable->oBlck); left > 0; --left) {
-        pPlace->pLeaf = IndxReadNode(&pPlace->bInMemory, pCursor, pPlace->tLeaf);
-        if (!pPlace->pLeaf)
-            return false;
-        const NimBool bFound = IndxSearchNode(&pPlace->position, pCursor, pPlace->pLeaf, pKey);
-        if (pPlace->position == INDX_POSITION_DAMAGED)
-            return false;
-        if (NodeIsLeaf(pPlace->pLeaf)) {
-            return bFound &&
-                   EntryId(NodeEntry(pPlace->pLeaf, pPlace->position)) == pKey->recordId &&
-                   ReturnsToItsPlace(pCursor, *pPlace);
-        }
-        if (bFound)
-            return false;
-        pPlace->tLeaf = IndxChildAt(pPlace->pLeaf, pPlace->position - 1);
-    }
-    return false;
+    return IndxDescend(pPlace, pCursor, pKey, IndxFor::Reading) && pPlace->bFound &&
+           !pPlace->bInBranch &&
+           EntryId(NodeEntry(pPlace->pNode, pPlace->position)) == pKey->recordId &&
+           ReturnsToItsPlace(pCursor, *pPlace, pKey);
 }
 
 } // namespace
@@ -58,19 +44,18 @@ bool FindPlace(Place* pPlace, IndxCursor* pCursor, const IndxKeyInfo* pKey)
 bool IndxRepointKey(
     IndxCursor* pCursor, const ObjData* pOld, const ObjData* pNew, uint32_t newOffset)
 {
-    IndxRecordKey key;
-    Place place = {};
-    if (NIM_TRACES(INDX_DETAIL) || pCursor->oField->roots.tRoot == INDX_NO_NODE ||
-        !IndxHaveSameKey(pCursor->oField, pOld, pNew) || !key.Take(pCursor, pOld) ||
-        !FindPlace(&place, pCursor, key.get()))
+    IndxKeyInfo key;
+    IndxPlace place;
+    if (pCursor->oField->roots.tRoot == INDX_NO_NODE ||
+        !IndxHaveSameKey(pCursor->oField, pOld, pNew) ||
+        !IndxGetKeyInfoFromRecord(&key, pCursor, pOld) || !FindPlace(&place, pCursor, &key))
         return false;
-    if (EntryPointer(NodeEntry(place.pLeaf, place.position)) != newOffset) {
-        uint8_t* pLeaf = IndxNodeToChange(pCursor, place.tLeaf, place.pLeaf, place.bInMemory);
-        if (!pLeaf)
+    if (EntryPointer(NodeEntry(place.pNode, place.position)) != newOffset) {
+        uint8_t* pLeaf = IndxNodeToChange(pCursor, place.tNode, place.pNode, place.bInMemory);
+        if (!pLeaf || !IndxSetEntryPointer(pLeaf, place.position, newOffset))
             return false;
-        PutU32(NodeEntry(pLeaf, place.position) + INDX_ENTRY_POINTER, newOffset);
-        IndxReleaseNodeFrom(&pLeaf, pCursor, TRUE, NodeCount(pLeaf));
+        IndxReleaseNode(&pLeaf, pCursor, true);
     }
-    IndxInvalidateCursors(pCursor); // as they are after the long way
+    IndxInvalidateCursors(pCursor); // as they are when a key has left and entered
     return true;
 }
