@@ -76,19 +76,19 @@ IndxDeleteObjectFromTable(void* oTable, const char* fieldName, uint32_t id, void
 
 NimBool IndxModifyObject(void* oTable, void* oObject)
 {
-    const IndxTable* pTable = IndxAsTable(oTable);
-    if (!pTable || (ObjGetMagic(oObject) & OBJ_MAGIC_MASK) != OBJ_MAGIC_VALID)
-        return FALSE;
     HeldObject<> record;
-    if (!DbConvertObjectToDbFormat(record.Out(), oObject))
+    if (!IndxAsTable(oTable) || (ObjGetMagic(oObject) & OBJ_MAGIC_MASK) != OBJ_MAGIC_VALID ||
+        !DbConvertObjectToDbFormat(record.Out(), oObject))
         return FALSE;
+    uint32_t id = 0;
     HeldCursor cursor(oTable, "Id");
-    const ObjData& data = static_cast<const DbBlob*>(record.get())->data;
-    if (!cursor || !BytesInside(pTable->idOffset, 4, data.size))
+    if (!cursor || !IndxGetRecordId(&id, oTable, record.get()))
         return FALSE;
-    const uint32_t id = GetU32(static_cast<const uint8_t*>(data.data) + pTable->idOffset);
-    if (!cursor.Find(id, nullptr) || cursor->status != INDX_ON_KEY || !cursor->oKey)
+    if (!cursor.Find(id, nullptr) || cursor->status != INDX_ON_KEY || !cursor->oKey) {
+        if (!cursor->bFailed) // else it is not known whether there is one
+            IndxReportNoRecord(oTable, id);
         return FALSE;
+    }
     return IndxModifyRecordInTable(oTable, cursor->oKey->fileOffset, record.get());
 }
 

@@ -290,16 +290,19 @@ TEST_F(Wrappers, AnObjectReplacesTheRecordOfItsId)
     ExpectHolds(table_, model_);
 }
 
-TEST_F(Wrappers, AnIdWithoutARecordGives0AndChangesNothing)
+TEST_F(Wrappers, AnIdWithoutARecordGives0SaysSoAndChangesNothing)
 {
     const std::string records = ReadFileBytes(RecordsPath());
     TraceRecorder trace(-1);
     for (const uint32_t id : {0u, 10u, 4711u, 0x80000000u, 0xffffffffu}) {
         Person person = MakePerson(50);
         person.id = id;
+        trace.clear();
         EXPECT_EQ(IndxModifyObject(table_, ObjectOf(person).get()), 0u) << id;
+        const std::string text = "No record " + std::to_string(static_cast<int32_t>(id)) +
+                                 " in table 'People' to modify";
+        EXPECT_EQ(trace.texts(), std::vector<std::string>{text});
     }
-    EXPECT_TRUE(trace.lines().empty()) << trace.dump();
     EXPECT_EQ(IndxError(), UNTOUCHED);
     EXPECT_EQ(ReadFileBytes(RecordsPath()), records);
     ExpectHolds(table_, model_);
@@ -312,7 +315,6 @@ TEST_F(Wrappers, WhatCannotBeModifiedGives0)
     const Held object = ObjectOf(person);
     const Instance foreign(0x11111111, "i;"); // no magic of an object
     const Instance unstorable(MAGIC, "i;p;");
-    const Instance tiny(MAGIC, "b;"); // its encoding has an id of 0
     TraceRecorder trace(-1);
     CrashRecorder crash;
     EXPECT_EQ(IndxModifyObject(nullptr, object.get()), 0u);
@@ -320,36 +322,63 @@ TEST_F(Wrappers, WhatCannotBeModifiedGives0)
     EXPECT_EQ(IndxModifyObject(table_, nullptr), 0u);
     EXPECT_EQ(IndxModifyObject(table_, foreign.get()), 0u);
     EXPECT_EQ(IndxModifyObject(table_, unstorable.get()), 0u);
-    EXPECT_EQ(IndxModifyObject(table_, tiny.get()), 0u);
     EXPECT_TRUE(trace.lines().empty()) << trace.dump();
     EXPECT_EQ(IndxError(), UNTOUCHED);
     EXPECT_EQ(crash.count(), 0u);
     ExpectHolds(table_, model_);
 }
 
-TEST_F(Wrappers, AnObjectOfAnotherTypeIsRefusedThoughItsIdFits)
+// The type comes first: neither its length nor the number in the place of the id says anything.
+TEST_F(Wrappers, AnObjectOfAnotherTypeIsRefusedAsSuchWhateverItHolds)
 {
+    TraceRecorder trace(-1);
     Instance other(MAGIC, FORMAT);
     other.at<int32_t>(0) = 4;
     other.setText(1, "name");
     other.setText(2, "town");
-    EXPECT_EQ(IndxModifyObject(table_, other.get()), 0u);
-    EXPECT_EQ(IndxError(), INDX_ERROR_RECORD_TYPE);
     Instance shorter(MAGIC, "i;b;");
     shorter.at<int32_t>(0) = 4;
-    IndxSetError(UNTOUCHED);
-    EXPECT_EQ(IndxModifyObject(table_, shorter.get()), 0u);
-    EXPECT_EQ(IndxError(), INDX_ERROR_ARGUMENT);
+    Instance unknown(MAGIC, "i;b;");
+    unknown.at<int32_t>(0) = 4711;
+    const Instance tiny(MAGIC, "b;");
+    for (const void* object : {other.get(), shorter.get(), unknown.get(), tiny.get()}) {
+        IndxSetError(UNTOUCHED);
+        trace.clear();
+        EXPECT_EQ(IndxModifyObject(table_, const_cast<void*>(object)), 0u);
+        EXPECT_EQ(IndxError(), INDX_ERROR_RECORD_TYPE);
+        EXPECT_EQ(
+            trace.texts(),
+            std::vector<std::string>(
+                {"Magic ca111111 does not match ca222222",
+                 "Record of type (magic 0xca111111) for table 'People', which holds type "
+                 "(magic 0xca222222)"}));
+    }
     ExpectHolds(table_, model_);
 }
 
-TEST_F(Wrappers, AnEncodingTooShortToHoldTheIdGives0)
+// An index that cannot be searched is not taken for one that has no such key.
+TEST_F(Wrappers, ADamagedIndexIsNotTakenForAMissingRecord)
+{
+    Reload();
+    Person person = MakePerson(50);
+    person.id = 4;
+    const Held object = ObjectOf(person);
+    TraceRecorder trace(-1);
+    Fail(FAULT_READ, 1, 0, "Indexes");
+    EXPECT_EQ(IndxModifyObject(table_, object.get()), 0u);
+    FaultDisarmAll();
+    EXPECT_EQ(IndxError(), INDX_ERROR_READ);
+    EXPECT_TRUE(trace.hasPart("Cannot use node ")) << trace.dump();
+    EXPECT_FALSE(trace.hasPart("No record ")) << trace.dump();
+}
+
+TEST_F(Wrappers, AnEncodingTooShortToHoldTheIdIsNoRecordOfTheTable)
 {
     void* oTable = OpenTable("Deep", MAGIC, "u;u;i;", "Key,Other,Id"); // the id lies at 68
     ASSERT_NE(oTable, nullptr);
     const Instance tiny(MAGIC, "b;");
     EXPECT_EQ(IndxModifyObject(oTable, tiny.get()), 0u);
-    EXPECT_EQ(IndxError(), UNTOUCHED);
+    EXPECT_EQ(IndxError(), INDX_ERROR_ARGUMENT);
 }
 
 // Every allocation and every reference of each call in turn.

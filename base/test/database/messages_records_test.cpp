@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "database/indexwrappers.h"
 #include "message_book.h"
 #include "people_scene.h"
 #include "support/armed_fault.h"
@@ -262,6 +263,28 @@ TEST(RecordMessages, PartialReads)
 TEST(RecordMessages, ModifyingRecords)
 {
     const std::vector<BookLine<S>> lines = {
+        {"No record %ld in table '%s' to modify", With(5, "People"), 0, -1,
+         [](S& s) {
+             Person person = MakePerson(1);
+             person.id = 5;
+             EXPECT_EQ(IndxModifyObject(s.table_, s.ObjectOf(person).get()), 0u);
+         }},
+        {"Failed to modify record %ld at %ld in table '%s'", With(1, 0, "People"), 0, -1,
+         [](S& s) { // a cursor whose record has been deleted
+             s.MustAdd(1);
+             const S::Cursor cursor(s.table_, "Id");
+             EXPECT_EQ(IndxFindKey(cursor.get(), 1, nullptr), 6);
+             EXPECT_EQ(IndxDeleteObjectFromTable(s.table_, "Id", 1, nullptr), 1u);
+             Person person = MakePerson(1);
+             person.id = 1;
+             EXPECT_EQ(IndxModifyObjectAtCursor(cursor.get(), s.ObjectOf(person).get()), 0u);
+         }},
+        {"Record of type (%s) for table '%s', which holds type (%s)",
+         With("magic 0xca333333", "People", "magic 0xca222222"), 0, -1,
+         [](S& s) {
+             const Held record = MakeBlob(0xca333333, "i;", std::string(80, '\0'));
+             EXPECT_EQ(IndxModifyRecordInTable(s.table_, 0, record.get()), 0u);
+         }},
         {"Old Id %ld does not match new Id %ld", With(1, 5), 0, -1,
          [](S& s) {
              s.MustAdd(1);

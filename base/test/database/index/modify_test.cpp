@@ -541,9 +541,14 @@ TEST_F(ModifyRecord, WhatIsNoRecordOfTheTableIsRefused)
     ExpectRefused(
         [&] { return IndxModifyRecordInTable(table_, 0, cut.get()); }, {line}, INDX_ERROR_ARGUMENT);
     static_cast<DbBlob*>(blob.get())->magic = MAGIC;
-    ExpectRefused(
-        [&] { return IndxModifyRecordInTable(table_, 0, blob.get()); },
-        {"Magic ca111111 does not match ca222222"}, INDX_ERROR_RECORD_TYPE);
+    static_cast<DbBlob*>(cut.get())->magic = MAGIC; // the type comes first
+    const char* types =
+        "Record of type (magic 0xca111111) for table 'People', which holds type (magic 0xca222222)";
+    for (const Held* pRecord : {&blob, &cut}) {
+        ExpectRefused(
+            [&] { return IndxModifyRecordInTable(table_, 0, pRecord->get()); },
+            {"Magic ca111111 does not match ca222222", types}, INDX_ERROR_RECORD_TYPE);
+    }
 }
 
 // ---- what is read and written ----------------------------------------------------------------

@@ -5,8 +5,9 @@
 
 #include <cstdio>
 
-#include "database/index/rows/rows.h"
-#include "database/index/schema/schema.h"
+#include "database/index.h"
+#include "database/index/ground/runtime.h"
+#include "database/index/ground/shapes.h"
 #include "nim/scope.h"
 
 namespace {
@@ -125,7 +126,7 @@ NimBool IndxGetFilePathAtCursor(char** ppPath, void* oCursor)
         return TRUE;
     uint32_t id = 0;
     IndxCursorGetId(&id, oCursor);
-    return IndxGetFilePath(ppPath, pCursor->oField ? pCursor->oField->oTable : nullptr, id);
+    return IndxGetFilePath(ppPath, pCursor->oField->oTable, id);
 }
 
 NimBool IndxGetFileList(void** ppList, void* oTable)
@@ -139,5 +140,5 @@ NimBool IndxGetFileList(void** ppList, void* oTable)
     HeldMemory<char> directory(TableDirectory(pTable));
     DirScanDirect(directory.get(), IndxFindFiles, &scan);
     *ppList = scan.oList;
-    return FALSE; // kept: callers look at *ppList
+    return FALSE; // deliberate: callers look at *ppList
 }

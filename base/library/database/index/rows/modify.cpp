@@ -5,8 +5,10 @@
 // keys out; its bytes stay where they are. Bytes left behind are never used again. A failure backs
 // the key changes out; bytes already written to the records file stay.
 
+#include "database/index/rows/modify.h"
+
 #include "database/dbrecord.h"
-#include "database/index/rows/rows.h"
+#include "database/index/rows/record.h"
 #include "database/index/schema/schema.h"
 #include "database/index/tree/keycursor.h"
 #include "database/logids.h"
@@ -50,8 +52,8 @@ NimBool MoveKey(IndxCursor* pCursor, const KeyChange* pChange)
     return TRUE;
 }
 
-// Moves one field's key from the old record to the new one. A field counts as indexed when its
-// flag is not 0; deletion tests for exactly 1. Kept: tables with other flags exist.
+// Moves one field's key from the old record to the new one. Kept: a field counts as indexed when
+// its flag is not 0, as it does for an add, while deletion tests for exactly 1.
 NimBool IndxModifyKey(void* context, void* oField)
 {
     auto* pField = static_cast<IndxField*>(oField);
@@ -107,8 +109,9 @@ bool SeekToWritePosition(
     return false;
 }
 
-// Writes the new record where the file stands. Counts as failed only when the write fails and says
-// that it moved everything. Kept: the rest goes unnoticed, and hosts have come to rely on it.
+// Writes the new record where the file stands. Kept: it counts as failed only when the write fails
+// and says that it moved everything. Any other failure goes unnoticed here: the keys then lead to a
+// record that is lost, and reading it says so.
 bool WriteNewRecord(IndxTable* pTable, const ObjData* pNew)
 {
     uint32_t moved = 0;
@@ -149,26 +152,53 @@ bool TakeOverId(const IndxTable* pTable, const ObjData* pOld, ObjData* pNew)
     return true;
 }
 
+// The type comes first: how long a record of another type is says nothing.
+bool CanReplace(const IndxTable* pTable, const DbBlob* pBlob)
+{
+    if (pTable && pBlob && pBlob->magic != pTable->recordMagic) {
+        INDX_TRACE(INDX_ALWAYS, "Magic %lx does not match %lx", pBlob->magic, pTable->recordMagic);
+        IndxReportType(pTable, pBlob->magic);
+        return false;
+    }
+    if (pTable && pBlob && IndxIsRecordOf(pTable, &pBlob->data))
+        return true;
+    INDX_TRACE(INDX_ALWAYS, "Not a record of this table");
+    IndxSetError(INDX_ERROR_ARGUMENT);
+    return false;
+}
+
 } // namespace
+
+bool IndxGetRecordId(uint32_t* pId, void* oTable, void* oRecord)
+{
+    const IndxTable* pTable = IndxAsTable(oTable);
+    const DbBlob* pBlob = IndxAs<DbBlob>(oRecord, DB_BLOB_MAGIC);
+    if (!CanReplace(pTable, pBlob))
+        return false;
+    *pId = GetU32(static_cast<const uint8_t*>(pBlob->data.data) + pTable->idOffset);
+    return true;
+}
+
+void IndxReportNoRecord(void* oTable, uint32_t id)
+{
+    INDX_TRACE(INDX_ALWAYS, "No record %ld in table '%s' to modify", id, IndxAsTable(oTable)->name);
+}
 
 NimBool IndxModifyRecordInTable(void* oTable, uint32_t offset, void* oRecord)
 {
     IndxTable* pTable = IndxAsTable(oTable);
     DbBlob* pBlob = IndxAs<DbBlob>(oRecord, DB_BLOB_MAGIC);
-    if (!pTable || !pBlob || !IndxIsRecordOf(pTable, &pBlob->data)) {
-        INDX_TRACE(INDX_ALWAYS, "Not a record of this table");
-        IndxSetError(INDX_ERROR_ARGUMENT);
+    if (!CanReplace(pTable, pBlob))
         return FALSE;
-    }
-    if (pBlob->magic != pTable->recordMagic) {
-        INDX_TRACE(INDX_ALWAYS, "Magic %lx does not match %lx", pBlob->magic, pTable->recordMagic);
-        IndxSetError(INDX_ERROR_RECORD_TYPE);
-        return FALSE;
-    }
     HeldRecord old;
     if (!ReadOldRecord(&old, pTable, offset) || !TakeOverId(pTable, &old.data, &pBlob->data))
         return FALSE;
     if (!ReplaceRecord(pTable, offset, &old.data, &pBlob->data)) {
+        // Without this a cursor whose record has been deleted would only be told of a lost key.
+        INDX_TRACE(
+            INDX_ALWAYS, "Failed to modify record %ld at %ld in table '%s'",
+            GetU32(static_cast<const uint8_t*>(old.data.data) + pTable->idOffset), offset,
+            pTable->name);
         IndxBackout(pTable);
         return FALSE;
     }

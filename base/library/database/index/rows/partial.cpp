@@ -1,14 +1,15 @@
-// partial.cpp: reading a record's fixed part and then, field by field, its variable data; the
-// selections that ask for it; and fields by number and type.
+// partial.cpp: reading a record's fixed part and then, field by field, its variable data.
 //
 // A record's variable data follows its fixed part in the order of the fields, so that it is read,
 // or skipped, in one pass. A selection has one flag a field, but whether a field is read is decided
-// by there being a selection at all: every variable field is read whatever its flag. Kept: hosts
-// ask for a field and use others.
+// by there being a selection at all: every variable field is read whatever its flag. So a record
+// that was read with a selection is a whole one, and any key can be taken from it.
 
+#include "database/index/rows/partial.h"
 #include "database/dbrecord_internal.h"
-#include "database/index/rows/rows.h"
-#include "database/index/schema/schema.h"
+#include "database/index/ground/layout.h"
+#include "database/index/ground/runtime.h"
+#include "database/index/rows/record.h"
 #include "database/logids.h"
 #include "nim/bytes.h"
 #include "nim/scope.h"
@@ -123,7 +124,7 @@ NimBool IndxReadPartialField(void* context, void* oField)
 namespace {
 
 // The fixed part of the record at an offset, in a new buffer; null: not there.
-uint8_t* ReadFixedPart(IndxTable* pTable, uint32_t offset)
+uint8_t* ReadFixedPart(const IndxTable* pTable, uint32_t offset)
 {
     if (!FileSysSeek(pTable->hRecords, static_cast<int32_t>(offset))) {
         INDX_TRACE(INDX_ALWAYS, "Failed to seek to record");
@@ -155,7 +156,8 @@ bool FitsRecord(const IndxTable* pTable, uint32_t offset, const uint8_t* pFixed,
 // Behind the fixed part, all variable data. Takes the fixed part over and gives it back assembled,
 // or null.
 uint8_t* ReadVariablePart(
-    uint32_t* pSize, IndxTable* pTable, uint32_t offset, uint8_t* pFixed, const uint32_t* pSelected)
+    uint32_t* pSize, const IndxTable* pTable, uint32_t offset, uint8_t* pFixed,
+    const uint32_t* pSelected)
 {
     HeldMemory<uint8_t> fixed(pFixed);
     IndxPartialRead read = {pTable, pSelected, pFixed, pTable->fixedSize, pTable->fixedSize, 0};
@@ -198,7 +200,7 @@ IndxRetrivePartialRecord(void* pData, void* oTable, uint32_t offset, const uint3
         INDX_DETAIL, "IndxRetrivePartialRecord(%p, %p, %ld, %p)", pData, oTable, offset,
         static_cast<void*>(const_cast<uint32_t*>(pSelected)));
     NimBool bRead = FALSE;
-    IndxTable* pTable = IndxAsTable(oTable);
+    const IndxTable* pTable = IndxAsTable(oTable);
     uint8_t* pBytes = pTable && pData ? ReadFixedPart(pTable, offset) : nullptr;
     uint32_t size = 0;
     if (pBytes)
@@ -220,13 +222,13 @@ IndxGetPartialRecord(void** ppRecord, void* oTable, uint32_t offset, const uint3
 {
     if (ppRecord)
         *ppRecord = nullptr;
-    IndxTable* pTable = IndxAsTable(oTable);
+    const IndxTable* pTable = IndxAsTable(oTable);
     if (!ppRecord || !pTable) {
         IndxSetError(INDX_ERROR_ARGUMENT);
         return FALSE;
     }
     HeldObject<DbBlob> blob(DbNewBlob(pTable->recordMagic, pTable->format));
-    if (!blob || !IndxRetrivePartialRecord(&blob->data, pTable, offset, pSelected))
+    if (!blob || !IndxRetrivePartialRecord(&blob->data, oTable, offset, pSelected))
         return FALSE;
     *ppRecord = blob.Take();
     return TRUE;
@@ -273,106 +275,10 @@ NimBool IndxGetPartialObjectAtCursor(void** ppObject, void* oCursor, const uint3
     auto* pBlob = static_cast<DbBlob*>(record.get());
     if (!pSelected) {
         // The slots point past the bytes that were read: the fields come out absent.
-        IndxTable* pTable = static_cast<IndxCursor*>(oCursor)->oField->oTable;
+        const IndxTable* pTable = static_cast<IndxCursor*>(oCursor)->oField->oTable;
         IndxPartialRead read = {pTable,           nullptr, static_cast<uint8_t*>(pBlob->data.data),
                                 pBlob->data.size, 0,       0};
         ListWalk(pTable->oFields, BlankField, &read);
     }
     return DbConvertObjectFromDbFormat(ppObject, pBlob);
-}
-
-namespace {
-
-// Comparison for ListSearch: a string object against a field's name.
-NimBool MatchName(const void* pName, const void* oItem)
-{
-    const char* item = ObjGetString(oItem);
-    return item && StrCompareNoCase(static_cast<const char*>(pName), item) == 0 ? TRUE : FALSE;
-}
-
-struct Selecting {
-    void* oNames;
-    uint32_t* pNext;
-};
-
-NimBool SelectField(void* context, void* oField)
-{
-    auto* pSelecting = static_cast<Selecting*>(context);
-    *pSelecting->pNext++ = ListSearch(
-        pSelecting->oNames, MatchName, static_cast<const IndxField*>(oField)->name, nullptr);
-    return TRUE;
-}
-
-} // namespace
-
-NimBool IndxGetSelected(uint32_t** ppSelected, void* oTable, void* oNames)
-{
-    if (!ppSelected)
-        return FALSE;
-    *ppSelected = nullptr;
-    IndxTable* pTable = IndxAsTable(oTable);
-    if (!pTable || ObjGetMagic(oNames) != OBJ_MAGIC_LIST || ListGetCount(oNames) == 0)
-        return FALSE;
-    const uint32_t size = ListGetCount(pTable->oFields) * static_cast<uint32_t>(sizeof(uint32_t));
-    auto* pFlags = static_cast<uint32_t*>(MemAllocateFromPool(size, IndxPool()));
-    if (!pFlags)
-        return FALSE;
-    Selecting selecting = {oNames, pFlags};
-    ListWalk(pTable->oFields, SelectField, &selecting);
-    *ppSelected = pFlags;
-    return TRUE;
-}
-
-NimBool
-IndxGetSelectedByName(uint32_t** ppSelected, void* oDatabase, const char* tableName, void* oNames)
-{
-    if (ppSelected)
-        *ppSelected = nullptr;
-    const IndxDatabase* pDatabase = IndxAsDatabase(oDatabase);
-    void* oTable = nullptr;
-    if (!ppSelected || !pDatabase || !tableName ||
-        !ListSearch(pDatabase->oTables, IndxMatchTable, tableName, &oTable))
-        return FALSE;
-    return IndxGetSelected(ppSelected, oTable, oNames);
-}
-
-namespace {
-
-struct FieldPosition {
-    const char* name;
-    uint32_t position;
-};
-
-// Goes on, and counts, until the name matches.
-NimBool PassOtherField(void* context, void* oField)
-{
-    auto* pPosition = static_cast<FieldPosition*>(context);
-    if (StrCompareNoCase(static_cast<const IndxField*>(oField)->name, pPosition->name) == 0)
-        return FALSE;
-    ++pPosition->position;
-    return TRUE;
-}
-
-} // namespace
-
-NimBool IndxGetFieldNumber(uint32_t* pNumber, void* oTable, const char* fieldName)
-{
-    IndxTable* pTable = IndxAsTable(oTable);
-    if (!pNumber || !pTable || StrIsEmpty(fieldName))
-        return FALSE;
-    FieldPosition position = {fieldName, 0};
-    if (ListWalk(pTable->oFields, PassOtherField, &position))
-        return FALSE;
-    *pNumber = position.position;
-    return TRUE;
-}
-
-NimBool IndxGetFieldTypeByNumber(int32_t* pType, void* oTable, uint32_t position)
-{
-    IndxTable* pTable = IndxAsTable(oTable);
-    void* oField = nullptr;
-    if (!pType || !pTable || ListGetNthItem(&oField, pTable->oFields, position) != 1)
-        return FALSE;
-    *pType = static_cast<const IndxField*>(oField)->type;
-    return TRUE;
 }

@@ -10,9 +10,8 @@
 #include <span>
 
 #include "database/block.h"
-#include "database/dbrecord.h"
 #include "database/dbrecord_internal.h"
-#include "database/index/rows/rows.h"
+#include "database/index/rows/record.h"
 #include "database/index/schema/schema.h"
 #include "database/index/tree/keycursor.h"
 #include "database/logids.h"
@@ -82,6 +81,14 @@ bool IndxIsRecordOf(const IndxTable* pTable, const ObjData* pData)
 {
     return pData && pData->data && pData->size >= INDX_RECORD_HEADER &&
            pData->size >= pTable->fixedSize && BytesInside(pTable->idOffset, 4, pData->size);
+}
+
+void IndxReportType(const IndxTable* pTable, uint32_t recordMagic)
+{
+    INDX_TRACE(
+        INDX_ALWAYS, "Record of type (%s) for table '%s', which holds type (%s)",
+        ObjNameFromMagic(recordMagic), pTable->name, ObjNameFromMagic(pTable->recordMagic));
+    IndxSetError(INDX_ERROR_RECORD_TYPE);
 }
 
 NimBool IndxAddRecordInternal(uint32_t id, void* oTable, void* pData, NimBool bCreateFile)
@@ -158,9 +165,9 @@ NimBool IndxAddRecordToTable(uint32_t* pId, void* oTable, void* oRecord)
         if (pBlob->magic == pTable->recordMagic) {
             bAdded = AddUnderNextId(pId, pTable, &pBlob->data);
         } else {
-            IndxSetError(INDX_ERROR_RECORD_TYPE);
             INDX_TRACE(
                 INDX_ALWAYS, "Magic %lx does not match %lx", pBlob->magic, pTable->recordMagic);
+            IndxReportType(pTable, pBlob->magic);
         }
     }
     INDX_TRACE(
@@ -195,10 +202,10 @@ NimBool IndxSetRecordInTable(uint32_t id, void* oTable, void* oRecord)
         if (pBlob->magic == pTable->recordMagic) {
             bSet = AddUnderGivenId(id, pTable, &pBlob->data);
         } else {
-            IndxSetError(INDX_ERROR_RECORD_TYPE);
             INDX_TRACE(
                 INDX_ALWAYS, "Magic %lx for record to set does not match %lx", pBlob->magic,
                 pTable->recordMagic);
+            IndxReportType(pTable, pBlob->magic);
         }
     }
     INDX_TRACE(
