@@ -190,7 +190,7 @@ TEST(FailureMessages, OfTrees)
              EXPECT_EQ(IndxFindKey(s.Integers({1}).cursor(), 0, text.get()), 12);
          }},
         {"Key object of type %lx for field '%s' of table '%s', which wants %lx",
-         With(0, "F0", "Fixture", OBJ_MAGIC_STRING), 1, -1,
+         With(0xffffffff, "F0", "Fixture", OBJ_MAGIC_STRING), 1, -1,
          [](S& s) { EXPECT_EQ(IndxFindKey(s.Texts({"a"}).cursor(), 0, nullptr), 12); }},
         {"Text of %ld bytes at %ld passes the end of a record of %ld bytes", 0, -1,
          [](S& s) {
