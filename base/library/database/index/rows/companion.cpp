@@ -6,7 +6,6 @@
 #include <cstdio>
 
 #include "database/index/rows/rows.h"
-#include "database/index/schema/schema.h"
 #include "nim/scope.h"
 
 namespace {

@@ -7,8 +7,11 @@
 
 #include "database/dbrecord.h"
 #include "database/index/rows/rows.h"
-#include "database/index/schema/schema.h"
+#include "database/index/schema/store.h"
+#include "database/index/tree/delete.h"
+#include "database/index/tree/insert.h"
 #include "database/index/tree/keycursor.h"
+#include "database/index/tree/repoint.h"
 #include "database/logids.h"
 #include "nim/bytes.h"
 #include "nim/scope.h"

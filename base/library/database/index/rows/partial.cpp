@@ -8,7 +8,8 @@
 
 #include "database/dbrecord_internal.h"
 #include "database/index/rows/rows.h"
-#include "database/index/schema/schema.h"
+#include "database/index/schema/definition.h"
+#include "database/index/schema/open.h"
 #include "database/logids.h"
 #include "nim/bytes.h"
 #include "nim/scope.h"
