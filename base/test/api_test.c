@@ -157,7 +157,7 @@ static void RefuseDuplicate(void* oTable)
     uint32_t id = 77;
     Item* item = NewItem(1);
     CHECK(IndxAddObjectToTable(&id, oTable, item) == FALSE);
-    CHECK(IndxError() == 14);
+    CHECK(IndxError() == INDX_ERROR_UPDATE);
     CHECK(id == 77);
     CHECK(strcmp(gLastFailure, "Failed to update indices") == 0);
     CHECK(IndxNextId(oTable) == RECORDS + 2);
@@ -213,9 +213,9 @@ static void FindNothing(void* oTable)
     CHECK(IndxFindKey(NULL, 0, NULL) == INDX_RESULT_CURSOR);
     CHECK(IndxReleaseCursor(&oCursor) == TRUE);
     CHECK(IndxGetFieldCursor(&oCursor, oTable, "Even") == FALSE);
-    CHECK(IndxError() == 6);
+    CHECK(IndxError() == INDX_ERROR_NOT_INDEXED);
     CHECK(IndxGetFieldCursor(&oCursor, oTable, "Colour") == FALSE);
-    CHECK(IndxError() == 5);
+    CHECK(IndxError() == INDX_ERROR_NO_FIELD);
 }
 
 /* Forwards through every index in order, and backwards through one. */
@@ -270,11 +270,15 @@ static void WalkAll(void* oTable)
 /* A record as it is stored, without decoding. */
 static void ReadEncoded(void* oTable)
 {
+    uint32_t offset = 0;
     void* oCursor = NULL;
     void* oBlob = NULL;
     void* object = NULL;
     CHECK(IndxGetFieldCursor(&oCursor, oTable, "Id") == TRUE);
     CHECK(IndxFindKey(oCursor, 42, NULL) == INDX_RESULT_FOUND);
+    CHECK(IndxCursorGetOffset(&offset, oCursor) == TRUE);
+    CHECK(IndxGetRecord(&oBlob, oTable, offset) == TRUE);
+    ObjReleaseInternal(&oBlob);
     CHECK(IndxGetRecordAtCursor(&oBlob, oCursor) == TRUE);
     CHECK(ObjGetMagic(oBlob) == DB_BLOB_MAGIC);
     if (oBlob != NULL) {
@@ -309,7 +313,7 @@ static void CheckVersion(void* oDatabase)
         IndxOpenTableInternal(
             &oTable, oDatabase, "items", "items", ITEM_MAGIC, "i;s;", "Id,Name", FALSE, 3) ==
         FALSE);
-    CHECK(IndxError() == 25);
+    CHECK(IndxError() == INDX_ERROR_SHAPE);
     CHECK(strcmp(gLastFailure, "Shape of table has changed") == 0);
     CHECK(oTable == NULL);
     text = IndxTableVersionString(INDX_VERSION_ANY);

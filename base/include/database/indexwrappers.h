@@ -44,10 +44,11 @@ IndxDeleteObjectFromTable(void* oTable, const char* fieldName, uint32_t id, void
 NIMDB_API NimBool IndxModifyObject(void* oTable, void* oObject);
 
 /* Walks every record in ascending order of a field's index. A record that cannot be read or decoded
- * is skipped.
+ * is skipped. One whose value the callback raises in this field is met again at its new place: a
+ * callback that raises every value it meets never comes to the end.
  *   context  in: handed to the callback.
  * 1 when the end was reached (also of an empty table), the callback's value when it stopped the
- * walk, 0 for an unusable argument or field, and 0 with last error 13 and a failure trace when a
+ * walk, 0 for an unusable argument or field, and 0 with last error INDX_ERROR_READ and a failure trace when a
  * damaged index ended the walk. */
 NIMDB_API uint32_t
 IndxWalkTable(void* oTable, const char* fieldName, IndxWalkCallback callback, void* context);

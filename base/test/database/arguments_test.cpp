@@ -269,7 +269,7 @@ TEST(Arguments, OfWrappers)
          [](S& s) { return IndxGetObjectFromTable(nullptr, s.table_, "Id", 1, nullptr); }},
         {"IndxGetObjectFromTable: no table", 0, SAME, SILENT,
          [](S& s) { return IndxGetObjectFromTable(&s.out, s.wrong.get(), "Id", 1, nullptr); }},
-        {"IndxGetObjectFromTable: no key object", 0, SAME, SILENT,
+        {"IndxGetObjectFromTable: no key object", 0, SAME, TOLD,
          [](S& s) { return IndxGetObjectFromTable(&s.out, s.table_, "Name", 1, nullptr); }},
         {"IndxDeleteObjectFromTable: no table", 0, SAME, TOLD,
          [](S&) { return IndxDeleteObjectFromTable(nullptr, "Id", 1, nullptr); }},

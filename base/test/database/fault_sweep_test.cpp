@@ -216,6 +216,30 @@ TEST_F(FaultSweepAdd, LoadingATableThatWasLeftOut)
     });
 }
 
+// Whatever cannot be read or told, a table of another version is not opened, and keeps its own.
+TEST_F(FaultSweepTest, OpeningATableOfAnotherVersion)
+{
+    PrepareTwoTables();
+    const std::string version = ReadFileBytes(PathOf("Attributes", TABLE));
+    const Held none(ListNewFromPool(0, MemGetDefaultPoolId()));
+    for (void* oNames : {static_cast<void*>(nullptr), none.get()}) {
+        ForEveryFault([&](const FaultRule& rule, bool* pHit) {
+            Restore();
+            const LiveCounts before;
+            ASSERT_TRUE(Open(DATABASE, oNames));
+            const uint32_t armed = FaultArm(&rule);
+            void* oTable = OpenTable(TABLE, PERSON_MAGIC, FORMAT, FIELDS, 0, 6);
+            *pHit = FaultHits(armed) > 0;
+            FaultDisarmAll();
+            ASSERT_EQ(oTable, nullptr);
+            ASSERT_EQ(ReadFileBytes(PathOf("Attributes", TABLE)), version);
+            ASSERT_NO_FATAL_FAILURE(ExpectBothHold());
+            Close();
+            ASSERT_EQ(LiveCounts(), before);
+        });
+    }
+}
+
 // Refused half-way, a table can be created again at once, and after reopening; what it is then is
 // what was asked for.
 TEST_F(FaultSweepAdd, CreatingATable)

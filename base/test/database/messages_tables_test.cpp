@@ -371,4 +371,75 @@ TEST(TableMessages, FieldsAndCursors)
     ReadBook(INDX, lines);
 }
 
+// What a refusal names: the item, the value, and the table or the file.
+TEST(TableMessages, NamingWhatIsRefused)
+{
+    const std::vector<BookLine<S>> lines = {
+        {"'%s' is no directory and cannot be made one", 1, -1,
+         [](S& s) {
+             s.Close();
+             WriteFileBytes(s.HomePath() + "/File", "a file");
+             EXPECT_EQ(IndxOpenDatabase(&s.variable, "File", nullptr, nullptr), 0u);
+             return With(S::Native(s.HomePath() + "/File"));
+         }},
+        {"Cannot tell the home directory of databases", 1, -1,
+         [](S& s) {
+             WriteFileBytes(s.directory().path("configure.cfg"), "[Directories]\n");
+             s.Fail(FAULT_READ, 1, 1, "configure.cfg");
+             EXPECT_EQ(IndxOpenDatabase(&s.variable, "Data", nullptr, nullptr), 0u);
+         }},
+        {"'%s' is no name of a database below its home", With("../Evil"), 1, -1,
+         [](S& s) { EXPECT_EQ(IndxOpenDatabase(&s.variable, "../Evil", nullptr, nullptr), 0u); }},
+        {"'%s' cannot be the name of a table or of its files", With("../evil"), 1, -1,
+         [](S& s) { EXPECT_EQ(s.OpenSmall("../evil"), 0u); }},
+        {"Cannot tell whether '%s' exists", 1, -1,
+         [](S& s) {
+             s.Fail(FAULT_EXISTS, 1, 0, "Indexes");
+             EXPECT_EQ(s.OpenSmall("T"), 0u);
+             return With(s.PathOf("Indexes", "T"));
+         }},
+        {"Magic 0x%08lx of table '%s' is outside 0xc8000000 to 0xcfffffff", With(0xd0001234u, "T"),
+         1, -1,
+         [](S& s) {
+             EXPECT_EQ(s.OpenSmall("T", INDX_VERSION_NONE, "i;i;", "Id,A", 0xd0001234), 0u);
+         }},
+        {"Item %ld '%s' of format '%s' of table '%s' is of no kind",
+         With(2, "n0", "i;n0;", "Refused"), 1, -1, [](S& s) { s.Refuse("i;n0;", "Id,A"); }},
+        {"No record can be made of format '%s' of table '%s'",
+         With("i;n2147483647;n2147483647;", "Refused"), 1, -1,
+         [](S& s) { s.Refuse("i;n2147483647;n2147483647;", "Id,A,B"); }},
+        {"Fields '%s' of table '%s' name more than the %ld items of format '%s'",
+         With("Id,A", "Refused", 1, "i;"), 1, -1, [](S& s) { s.Refuse("i;", "Id,A"); }},
+        {"Fields '%s' of table '%s' name %ld of the %ld items of format '%s'",
+         With("Id,A", "Refused", 2, 3, "i;i;i;"), 1, -1, [](S& s) { s.Refuse("i;i;i;", "Id,A"); }},
+        {"Fields '%s' of table '%s' name no field '%s'", With("A", "Refused", "Id"), 1, -1,
+         [](S& s) { s.Refuse("i;", "A"); }},
+        {"A flag of field '%s' of table '%s' is empty", With("A", "Refused"), 1, -1,
+         [](S& s) { s.Refuse("i;i;", "Id,A;"); }},
+        {"Flag '%s' of field '%s' of table '%s' is unknown", With("Sorted", "A", "Refused"), 1, -1,
+         [](S& s) { s.Refuse("i;i;", "Id,A;Sorted"); }},
+        {"Field '%s' of table '%s' is of kind %ld, which is kept in memory only",
+         With("A", "Refused", 12), 1, -1, [](S& s) { s.Refuse("i;sl;", "Id,A"); }},
+        {"'Unique' has no effect on field '%s' of table '%s', which is not indexed", With("A", "T"),
+         0, -1,
+         [](S& s) { EXPECT_EQ(s.OpenSmall("T", INDX_VERSION_NONE, "i;i;", "Id,A;Unique"), 1u); }},
+        {"Field '%s' of table '%s' keeps its stored flags: indexed %s unique %s case sensitive "
+         "%s",
+         With("A", "T", "TRUE", "FALSE", "FALSE"), 0, -1,
+         [](S& s) {
+             EXPECT_EQ(s.OpenSmall("T"), 1u);
+             EXPECT_EQ(s.OpenSmall("T", INDX_VERSION_NONE, "i;i;", "Id,A"), 1u);
+         }},
+        {"Records file '%s' is made anew, though table '%s' has keys of records", 1, -1,
+         [](S& s) {
+             s.MustAdd(1);
+             s.Close();
+             std::filesystem::remove(s.RecordsPath());
+             EXPECT_TRUE(s.Open());
+             return With(s.RecordsPath(), "People");
+         }},
+    };
+    ReadBook(INDX, lines);
+}
+
 } // namespace

@@ -39,6 +39,7 @@ class PeopleScene : public PeopleTest {
     using PeopleTest::ObjectOf;
     using PeopleTest::OffsetOf;
     using PeopleTest::Open;
+    using PeopleTest::Native;
     using PeopleTest::OpenPeople;
     using PeopleTest::OpenTable;
     using PeopleTest::PathOf;

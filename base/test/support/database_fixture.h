@@ -149,7 +149,14 @@ class DatabaseTest : public testing::Test {
         std::replace(path.begin(), path.end(), '/', separator);
         return path;
     }
-    std::string HomePath() const { return directory_.path("db"); }
+    std::string HomePath() const { return directory_.path(home_); }
+    // From here on databases lie in another directory, which the configuration names.
+    void ConfigureHome(const std::string& home)
+    {
+        home_ = home;
+        WriteFileBytes(
+            directory_.path("configure.cfg"), "[Directories]\ndatabase = " + HomePath() + "\n");
+    }
     std::string DatabasePath() const { return Native(HomePath() + "/" + name_); }
     // The path of a table's file in "Indexes", "Records", "Files" or "Attributes".
     std::string PathOf(const std::string& kind, const std::string& fileName) const
@@ -170,6 +177,7 @@ class DatabaseTest : public testing::Test {
 
   private:
     TemporaryDirectory directory_;
+    std::string home_ = "db";
     std::string name_ = DATABASE;
     void* oDatabase_ = nullptr;
     std::vector<void*> tables_;

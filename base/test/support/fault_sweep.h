@@ -48,6 +48,18 @@ constexpr SweptFault SWEPT_FAULTS[] = {
 
 class FaultSweep : public PersonTest {
   protected:
+    // A configuration that cannot be read must not lead to the default home.
+    void SetUp() override
+    {
+        PersonTest::SetUp();
+        ConfigureHome("configured");
+    }
+    void TearDown() override
+    {
+        EXPECT_FALSE(std::filesystem::exists(directory().path("db")));
+        PersonTest::TearDown();
+    }
+
     static constexpr size_t HALF = 8000; // two names of this length fill a node
 
     // What the sweep starts from: made once, brought back for each fault.

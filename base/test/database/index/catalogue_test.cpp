@@ -1,9 +1,10 @@
 // catalogue_test.cpp: opening and closing databases, their directories and their lists of tables,
 // closing and releasing tables, and clustered mode.
 #include <cstring>
+#include <thread>
 
-#include "database/index/schema/schema.h"
 #include "support/database_fixture.h"
+#include "support/effort.h"
 
 namespace {
 
@@ -244,17 +245,23 @@ TEST_F(Catalogue, WhatCannotBeLoadedIsSkippedWithoutAMessageOfItsOwn)
     EXPECT_FALSE(std::filesystem::exists(PathOf("Indexes", "Inner")));
 }
 
-TEST_F(Catalogue, DirectoryThatCannotBeScannedLeavesTheTablesToBeOpenedByName)
+// Tables would be missing from the list without a word.
+TEST_F(Catalogue, DirectoryThatCannotBeScannedFailsTheOpen)
 {
     ASSERT_TRUE(Open());
     ASSERT_TRUE(Add(Create("T"), "kept"));
     Close();
     Fail(FAULT_SCAN);
+    const LiveCounts before;
     TraceRecorder trace;
-    ASSERT_TRUE(Open());
+    EXPECT_FALSE(Open());
+    EXPECT_EQ(database(), nullptr);
+    EXPECT_EQ(IndxError(), INDX_ERROR_SUBDIRECTORY);
     EXPECT_TRUE(trace.has(TAG, 0, -1, "Failed to scan '" + Native(DatabasePath() + "/Indexes'")))
         << trace.dump();
-    EXPECT_EQ(TableCount(), 0u);
+    EXPECT_EQ(before, LiveCounts());
+    ASSERT_TRUE(Open());
+    EXPECT_EQ(Listed(), std::vector<std::string>{"T"});
     EXPECT_TRUE(Finds(Create("T"), "kept"));
 }
 
@@ -268,6 +275,28 @@ TEST_F(Catalogue, TwoDatabasesAreApart)
     EXPECT_EQ(TableCount(), 1u);
     IndxCloseDatabase(&oOther);
     EXPECT_TRUE(Add(ListedTable("T"), "still open"));
+}
+
+// Each thread has its own database, as the guide allows; what they share must bear it.
+TEST_F(Catalogue, TwoThreadsOpenAndCloseTwoDatabasesAtOnce)
+{
+    const auto openAndClose = [](const char* name, uint32_t* pRight) {
+        for (uint32_t i = 0; i < FileEffort(4000u); ++i) {
+            void* oDatabase = nullptr;
+            if (!IndxOpenDatabase(&oDatabase, name, nullptr, nullptr))
+                continue;
+            const auto* pDatabase = static_cast<IndxDatabase*>(oDatabase);
+            *pRight += std::string(pDatabase->indexesPath).find(name) != std::string::npos;
+            IndxCloseDatabase(&oDatabase);
+        }
+    };
+    uint32_t right[2] = {0, 0};
+    std::thread first(openAndClose, "One", &right[0]);
+    std::thread second(openAndClose, "Two", &right[1]);
+    first.join();
+    second.join();
+    EXPECT_EQ(right[0], FileEffort(4000u));
+    EXPECT_EQ(right[1], FileEffort(4000u));
 }
 
 // ---- directories that cannot be had -----------------------------------------------------------
@@ -364,6 +393,51 @@ TEST_F(Catalogue, NameMayLieDeeperWhenItsParentExists)
     std::filesystem::create_directories(HomePath() + "/group");
     ASSERT_TRUE(Open("group/Data"));
     EXPECT_TRUE(IsDirectory(HomePath() + "/group/Data/Indexes"));
+}
+
+TEST_F(Catalogue, DirectoryThatCannotBeMadeIsNamed)
+{
+    WriteFileBytes(HomePath(), "a file");
+    {
+        TraceRecorder trace;
+        EXPECT_FALSE(Open());
+        EXPECT_TRUE(
+            trace.has(TAG, 1, -1, "'" + HomePath() + "' is no directory and cannot be made one"))
+            << trace.dump();
+    }
+    std::filesystem::remove_all(HomePath());
+    std::filesystem::create_directories(DatabasePath());
+    WriteFileBytes(DatabasePath() + "/Records", "a file");
+    TraceRecorder trace;
+    EXPECT_FALSE(Open());
+    EXPECT_TRUE(trace.has(
+        TAG, 1, -1,
+        "'" + Native(DatabasePath() + "/Records") + "' is no directory and cannot be made one"))
+        << trace.dump();
+}
+
+TEST_F(Catalogue, NameThatLeadsOutOfTheHomeIsError15)
+{
+    for (const char* name :
+         {"", "..", "../Evil", "group/../../Evil", "group\\..\\..\\Evil", "Data/..", "/Evil",
+          "\\Evil", "//host/Evil", "C:Evil", "c:\\Evil", ".. /Evil", "..."}) {
+        SCOPED_TRACE(name);
+        IndxSetError(UNCHANGED);
+        TraceRecorder trace;
+        EXPECT_FALSE(Open(name));
+        EXPECT_EQ(database(), nullptr);
+        EXPECT_EQ(IndxError(), INDX_ERROR_ARGUMENT);
+        EXPECT_TRUE(trace.has(
+            TAG, 1, -1, "'" + std::string(name) + "' is no name of a database below its home"))
+            << trace.dump();
+        EXPECT_FALSE(std::filesystem::exists(HomePath())) << "nothing is made";
+        EXPECT_FALSE(std::filesystem::exists(directory().path("Evil")));
+    }
+    for (const char* name : {".hidden", "a..b", "Data.2", "D"}) {
+        SCOPED_TRACE(name);
+        EXPECT_TRUE(Open(name));
+        Close();
+    }
 }
 
 // ---- closing ----------------------------------------------------------------------------------
@@ -706,7 +780,7 @@ TEST_F(Catalogue, MemoryThatIsGoneForGoodFailsTheOpenCleanly)
     Fail(FAULT_ALLOC, 1, 0);
     EXPECT_FALSE(Open());
     FaultDisarmAll();
-    EXPECT_EQ(IndxError(), UNCHANGED);
+    EXPECT_EQ(IndxError(), INDX_ERROR_HOME) << "which home it is cannot be told";
     EXPECT_EQ(before, LiveCounts());
     EXPECT_TRUE(Open());
 }

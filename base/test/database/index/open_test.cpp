@@ -2,8 +2,8 @@
 // belong to others, and what a failure at any step may leave behind.
 #include <utility>
 
-#include "database/index/schema/schema.h"
 #include "row_fixture.h"
+#include "support/same_files.h"
 
 namespace {
 
@@ -74,6 +74,68 @@ TEST_F(Opening, BadArgumentsAreError15)
     }
     EXPECT_EQ(TableCount(), 0u);
     ObjReleaseInternal(&oOther);
+}
+
+// A name is that of a file: with a separator in it two tables could meet in one file, and block
+// file and records file could be the same one.
+TEST_F(Opening, NamesThatAreNoFileNamesAreError15)
+{
+    for (const char* bad :
+         {"", ".", "..", "../evil", "a/b", "a\\b", "/evil", "\\", "a/", ".. ", "..."}) {
+        for (const bool bFile : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "'" << bad << "' as a file " << bFile);
+            const char* name = bFile ? "T" : bad;
+            const char* fileName = bFile ? bad : "T";
+            const std::map<std::string, std::string> before = FilesBelow(HomePath());
+            IndxSetError(UNCHANGED);
+            TraceRecorder trace;
+            void* oTable = &oTable;
+            EXPECT_EQ(
+                IndxOpenTableInternal(
+                    &oTable, database(), name, fileName, MAGIC, FORMAT, FIELDS, 0, 5),
+                0u);
+            EXPECT_EQ(oTable, nullptr);
+            EXPECT_EQ(IndxError(), INDX_ERROR_ARGUMENT);
+            EXPECT_TRUE(trace.has(
+                TAG, 1, -1,
+                "'" + std::string(bad) + "' cannot be the name of a table or of its files"))
+                << trace.dump();
+            EXPECT_TRUE(before == FilesBelow(HomePath()));
+        }
+        uint32_t version = 123;
+        void* oTable = nullptr;
+        EXPECT_EQ(IndxGetTableVersion(&version, bad, database()), 0u);
+        EXPECT_EQ(version, 123u);
+        EXPECT_EQ(IndxLoadTable(&oTable, database(), bad, "T"), 0u);
+        EXPECT_EQ(IndxRecordsOpen(Create("Sound"), bad), 0u);
+    }
+    for (const char* good : {"a.b", ".a", "a..b", "a b", "a.new"})
+        EXPECT_NE(Create(good), nullptr) << good;
+}
+
+// Records of such a magic could be made, but not added: objects are known by their magic.
+TEST_F(Opening, MagicOutsideItsRangeIsError15)
+{
+    for (const uint32_t bad : {0u, 7u, 0x12345678u, 0xC7FFFFFFu, 0xD0000000u, 0xFFFFFFFFu}) {
+        SCOPED_TRACE(bad);
+        IndxSetError(UNCHANGED);
+        TraceRecorder trace;
+        EXPECT_EQ(OpenTable("T", bad, FORMAT, FIELDS, 0, 5), nullptr);
+        EXPECT_EQ(IndxError(), INDX_ERROR_ARGUMENT);
+        char text[100];
+        std::snprintf(
+            text, sizeof text, "Magic 0x%08x of table 'T' is outside 0xc8000000 to 0xcfffffff",
+            bad);
+        EXPECT_TRUE(trace.has(TAG, 1, -1, text)) << trace.dump();
+        EXPECT_FALSE(std::filesystem::exists(PathOf("Indexes", "T"))) << "nothing is made";
+        EXPECT_FALSE(std::filesystem::exists(VersionFile("T")));
+    }
+    EXPECT_NE(OpenTable("Lowest", 0xC8000000u, "i;", "Id"), nullptr);
+    EXPECT_NE(OpenTable("Highest", 0xCFFFFFFFu, "i;", "Id"), nullptr);
+    // Of a table that exists the magic is compared, as ever.
+    Create("T");
+    EXPECT_EQ(OpenTable("T", 7, FORMAT, FIELDS), nullptr);
+    EXPECT_EQ(IndxError(), INDX_ERROR_SHAPE);
 }
 
 TEST_F(Opening, FailedCreationHandsOutNothingAndListsNothing)
@@ -210,6 +272,75 @@ TEST_F(Opening, AnotherFieldsTextKeepsTheStoredFlags)
     ASSERT_NE(oTable, nullptr);
     EXPECT_EQ(Field(oTable, 1)->bIndexed, 1u);
     EXPECT_EQ(Field(oTable, 2)->bUnique, 1u);
+}
+
+TEST_F(Opening, FlagsThatDifferAreTold)
+{
+    const auto line = [](const char* name, const char* flags) {
+        return std::string("Field '") + name + "' of table 'T' keeps its stored flags: " + flags;
+    };
+    Create("T");
+    for (const bool reopened : {false, true}) {
+        SCOPED_TRACE(reopened);
+        if (reopened) {
+            ASSERT_TRUE(Reopen());
+        }
+        TraceRecorder trace;
+        EXPECT_NE(OpenTable("T", MAGIC, FORMAT, "Id,Name,Size;Indexed;Unique;Case"), nullptr);
+        EXPECT_EQ(IndxError(), UNCHANGED);
+        EXPECT_TRUE(
+            trace.has(TAG, 0, -1, line("Name", "indexed TRUE unique FALSE case sensitive FALSE")))
+            << trace.dump();
+        EXPECT_TRUE(
+            trace.has(TAG, 0, -1, line("Size", "indexed TRUE unique TRUE case sensitive FALSE")));
+        EXPECT_EQ(trace.countLevel(-1), 2u) << "nothing of the field that is as it was";
+    }
+    // The same flags in other words, flags that the field never had, and texts that are no fields.
+    TraceRecorder trace;
+    for (const char* fields :
+         {"Id;Unique,NAME;ind, Size;unique;INDEXED", "Id;Bad,,", "Id,Name;;,Size", "Other", ""})
+        EXPECT_NE(OpenTable("T", MAGIC, FORMAT, fields), nullptr);
+    EXPECT_EQ(trace.countLevel(-1), 1u) << trace.dump();
+    EXPECT_TRUE(
+        trace.has(TAG, 0, -1, line("Size", "indexed TRUE unique TRUE case sensitive FALSE")));
+}
+
+TEST_F(Opening, FlagsThatAKindDropsAreNotToldAgain)
+{
+    ASSERT_NE(OpenTable("T", MAGIC, "i;b;d;", "Id,Lent;Indexed,Data"), nullptr);
+    TraceRecorder trace;
+    EXPECT_NE(OpenTable("T", MAGIC, "i;b;d;", "Id,Lent,Data;Indexed"), nullptr);
+    EXPECT_EQ(trace.countLevel(-1), 0u) << trace.dump();
+}
+
+// ---- the records file -------------------------------------------------------------------------
+
+TEST_F(Opening, RecordsFileThatIsMissingIsMadeAnewAndTold)
+{
+    AddMany(Create("T"), 3);
+    Close();
+    std::filesystem::remove(PathOf("Records", "T"));
+    TraceRecorder trace;
+    ASSERT_TRUE(Open());
+    EXPECT_TRUE(trace.has(
+        TAG, 1, -1,
+        "Records file '" + PathOf("Records", "T") +
+            "' is made anew, though table 'T' has keys of records"))
+        << trace.dump();
+    void* oTable = Create("T");
+    ASSERT_NE(oTable, nullptr);
+    EXPECT_TRUE(std::filesystem::exists(PathOf("Records", "T")));
+    EXPECT_TRUE(Add(oTable, "after", 9));
+}
+
+TEST_F(Opening, MissingRecordsFileOfATableWithoutKeysIsNoWord)
+{
+    Create("T");
+    Close();
+    std::filesystem::remove(PathOf("Records", "T"));
+    TraceRecorder trace;
+    ASSERT_TRUE(Open());
+    EXPECT_EQ(trace.countLevel(-1), 0u) << trace.dump();
 }
 
 TEST_F(Opening, ReopenedTableIsWhatItWas)
@@ -432,11 +563,11 @@ TEST_F(Opening, BlockFileThatAppearsDuringACreationIsNotCreatedOver)
     ASSERT_TRUE(Reopen(oNames));
     ObjReleaseInternal(&oNames);
     const std::string blocks = ReadFileBytes(PathOf("Indexes", "T"));
-    Fail(FAULT_EXISTS, 1, 0); // as if it were not there when it is asked for
-    TraceRecorder trace;
-    EXPECT_EQ(Create("T"), nullptr);
-    FaultDisarmAll();
-    EXPECT_TRUE(trace.has(TAG, 0, -1, "'T' holds a table already")) << trace.dump();
+    {
+        const ReturningFile file(PathOf("Indexes", "T"));
+        EXPECT_EQ(Create("T"), nullptr);
+        EXPECT_TRUE(file.told("'T' holds a table already"));
+    }
     EXPECT_TRUE(ReadFileBytes(PathOf("Indexes", "T")) == blocks);
     ExpectRecords(Create("T"), 10);
 }

@@ -2,6 +2,8 @@
 #include <utility>
 
 #include "row_fixture.h"
+#include "support/directory_image.h"
+#include "support/quiet_trace.h"
 
 namespace {
 
@@ -189,7 +191,6 @@ TEST_F(OpeningVersions, VersionThatCannotBeWrittenFailsTheCreation)
     EXPECT_TRUE(
         trace.has(TAG, 0, 4, "FALSE = IndxSetTableVersion('T', " + Hex(database()) + ", 5)"));
     EXPECT_EQ(IndxError(), UNCHANGED);
-    EXPECT_FALSE(std::filesystem::exists(PathOf("Indexes", "T")));
     FaultDisarmAll();
     std::filesystem::remove_all(DatabasePath() + "/Attributes");
     EXPECT_EQ(Create("T", 5), nullptr);
@@ -241,6 +242,129 @@ TEST_F(OpeningVersions, VersionCallsRefuseBadArguments)
     EXPECT_EQ(IndxSetTableVersion("T", nullptr, 1), 0u);
     EXPECT_EQ(IndxError(), UNCHANGED);
     ObjReleaseInternal(&oOther);
+}
+
+// ---- what cannot be told is not taken for absent ----------------------------------------------
+
+class WrongVersion : public Versions {
+  protected:
+    void SetUp() override
+    {
+        Versions::SetUp();
+        AddMany(Create("T", 5), 3);
+        Close();
+        versionBytes_ = ReadFileBytes(VersionFile("T"));
+        pristine_.Take(DatabasePath());
+    }
+    // Opens the database with table T in its list or, `listed` false, left out of it.
+    void OpenAgain(bool listed)
+    {
+        Close();
+        pristine_.Restore();
+        void* oNames = listed ? nullptr : ListNewFromPool(0, 1);
+        ASSERT_TRUE(Open(DATABASE, oNames));
+        ObjReleaseInternal(&oNames);
+    }
+
+    std::string versionBytes_;
+    DirectoryImage pristine_;
+};
+
+TEST_F(WrongVersion, StoredVersionStaysWhenIndexesCannotBeRead)
+{
+    for (const bool listed : {true, false}) {
+        OpenAgain(listed);
+        Fail(FAULT_EXISTS, 1, 0, "Indexes");
+        Fail(FAULT_OPEN, 1, 0, "Indexes");
+        TraceRecorder trace;
+        EXPECT_EQ(Create("T", 6), nullptr);
+        FaultDisarmAll();
+        EXPECT_EQ(ReadFileBytes(VersionFile("T")), versionBytes_);
+        EXPECT_TRUE(
+            trace.has(TAG, 1, -1, "Cannot tell whether '" + PathOf("Indexes", "T") + "' exists"))
+            << trace.dump();
+        EXPECT_TRUE(trace.has(TAG, 0, -1, "Failed when discovering table version"));
+    }
+}
+
+TEST_F(WrongVersion, StoredVersionStaysWhenItsFileCannotBeLookedFor)
+{
+    OpenAgain(true);
+    Fail(FAULT_EXISTS, 1, 0, "Attributes");
+    uint32_t version = 123;
+    TraceRecorder trace;
+    EXPECT_EQ(IndxGetTableVersion(&version, "T", database()), 0u);
+    EXPECT_EQ(version, 123u);
+    EXPECT_TRUE(
+        trace.has(TAG, 1, -1, "Cannot tell whether '" + PathOf("Attributes", "T") + "' exists"))
+        << trace.dump();
+}
+
+// T has the version 5, N none.
+TEST_F(WrongVersion, IsNeverOpenedAndNeverStoredWhateverFails)
+{
+    ASSERT_TRUE(Open());
+    AddMany(Create("N"), 3);
+    Close();
+    pristine_.Take(DatabasePath());
+    const QuietTrace quiet;
+    for (const uint32_t point :
+         {FAULT_ALLOC, FAULT_EXISTS, FAULT_OPEN, FAULT_READ, FAULT_SEEKSTART, FAULT_STNZ_LOAD}) {
+        for (const bool listed : {true, false}) {
+            for (const uint32_t times : {1u, 0u}) {
+                bool hit = true;
+                for (uint32_t n = 1; hit; ++n) {
+                    SCOPED_TRACE(testing::Message() << "point " << point << ", call " << n);
+                    ASSERT_NO_FATAL_FAILURE(OpenAgain(listed));
+                    const uint32_t armed = Fail(point, n, times);
+                    void* oOther = Create("T", 6);
+                    void* oNone = Create("N", 6);
+                    hit = FaultHits(armed) > 0;
+                    FaultDisarmAll();
+                    ASSERT_EQ(oOther, nullptr);
+                    ASSERT_EQ(oNone, nullptr);
+                    ASSERT_EQ(ReadFileBytes(VersionFile("T")), versionBytes_);
+                    ASSERT_FALSE(std::filesystem::exists(VersionFile("N")));
+                    ASSERT_NO_FATAL_FAILURE(ExpectRecords(Create("T", 5), 3));
+                    ASSERT_NO_FATAL_FAILURE(ExpectRecords(Create("N"), 3));
+                }
+            }
+        }
+    }
+}
+
+// The files of another table are known for what they are only when the block file is open.
+TEST_F(WrongVersion, VersionOfATableWhoseFileAppearsMeanwhileStays)
+{
+    OpenAgain(false);
+    {
+        const ReturningFile file(PathOf("Indexes", "T"));
+        EXPECT_EQ(Create("T", 6), nullptr);
+        EXPECT_TRUE(file.told("'T' holds a table already"));
+    }
+    EXPECT_EQ(ReadFileBytes(VersionFile("T")), versionBytes_);
+    ExpectRecords(Create("T", 5), 3);
+}
+
+// A creation that came no further than its block file left no table, and is no obstacle to the
+// next.
+TEST_F(Versions, BlankBlockFileWithoutAVersionIsNoTableOfVersionNone)
+{
+    Fail(FAULT_STNZ_SAVE);
+    EXPECT_EQ(Create("T", 5), nullptr);
+    FaultDisarmAll();
+    ASSERT_TRUE(std::filesystem::exists(PathOf("Indexes", "T")));
+    ASSERT_FALSE(std::filesystem::exists(VersionFile("T")));
+    EXPECT_NE(Create("T", 5), nullptr);
+    EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = 5\n");
+}
+
+TEST_F(Versions, RefusedDefinitionKeepsTheVersionItWasGiven)
+{
+    EXPECT_EQ(OpenTable("T", MAGIC, "i;s;", "Id", 0, 5), nullptr);
+    EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = 5\n");
+    EXPECT_EQ(Create("T", 6), nullptr);
+    EXPECT_NE(Create("T", 5), nullptr);
 }
 
 } // namespace

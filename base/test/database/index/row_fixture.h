@@ -84,3 +84,34 @@ class RowTest : public DatabaseTest {
 
     std::string VersionFile(const std::string& name) const { return PathOf("Attributes", name); }
 };
+
+// Lets a table's block file come back between the look for it and the making of a new one, as on a
+// file system that forgets for a moment. Lives around the call that creates; nothing else is traced
+// meanwhile.
+class ReturningFile {
+  public:
+    explicit ReturningFile(const std::string& path) : path_(path)
+    {
+        std::filesystem::rename(path_, path_ + ".aside");
+        TraceSetSink(Take, this, 3);
+    }
+    ~ReturningFile() { TraceSetSink(nullptr, nullptr, 0); }
+    ReturningFile(const ReturningFile&) = delete;
+    ReturningFile& operator=(const ReturningFile&) = delete;
+
+    bool told(const std::string& text) const
+    {
+        return told_.find(text + "\n") != std::string::npos;
+    }
+
+  private:
+    static void Take(void* context, const TraceLine* line)
+    {
+        auto* self = static_cast<ReturningFile*>(context);
+        self->told_ += std::string(line->text) + "\n";
+        if (std::string(line->text) == "Create a new table")
+            std::filesystem::rename(self->path_ + ".aside", self->path_);
+    }
+    std::string path_;
+    std::string told_;
+};

@@ -1,13 +1,15 @@
-// runtime.cpp: the process-wide state of the index module: the object templates of the table
-// layer, the default pool and the last error. Set on first use; the templates are never released.
+// runtime.cpp: the process-wide state of the index module: the object templates of the table layer,
+// the default pool and the last error. Set on first use; the templates are never released.
 //
-// The field template is made larger than its format asks for: behind its items lie the committed
-// roots (see IndxField), which are no part of the stored description.
+// The templates of tables, fields, cursors and keys are larger than their formats ask for: behind
+// the items lies what is no part of the stored form (see shapes.h).
+
+#include "database/index/ground/runtime.h"
 
 #include <atomic>
+#include <mutex>
 
 #include "database/index.h"
-#include "database/index/ground/runtime.h"
 #include "database/index/ground/shapes.h"
 
 IndxTemplates gIndxTemplates = {};
@@ -24,13 +26,17 @@ struct Wanted {
     const char* format;
 };
 
+// Two threads may open their first databases at once.
+std::mutex sMaking;
+
 } // namespace
 
 bool IndxEnsureTemplates()
 {
-    static bool sMade = false;
-    if (sMade)
+    static std::atomic<bool> sMade{false};
+    if (sMade.load(std::memory_order_acquire)) // every record that is read asks
         return true;
+    const std::lock_guard<std::mutex> guard(sMaking);
     const Wanted wanted[] = {
         {&gIndxTemplates.database, sizeof(IndxDatabase), INDX_DATABASE_MAGIC, "s;sl;sl;sl;sl;ol;"},
         {&gIndxTemplates.table, sizeof(IndxTable), INDX_TABLE_MAGIC,
@@ -44,7 +50,7 @@ bool IndxEnsureTemplates()
         if (!ObjTemplateCreateInternal(w.ppTemplate, w.size, w.magic, w.format, nullptr))
             return false;
     }
-    sMade = true;
+    sMade.store(true, std::memory_order_release);
     return true;
 }
 

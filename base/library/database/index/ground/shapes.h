@@ -42,14 +42,17 @@ struct IndxTable {
     uint32_t bTextIndex; // an indexed field has a text kind
     uint32_t bChanged;   // the description must be stored by the next IndxUpdateTable
     uint32_t bCompanionFiles;
-    // Not stored: see store.cpp.
-    uint16_t idPlace;        // where the stored description has the highest id; 0: not known
-    uint16_t bOnlyIdChanged; // and nothing else, since the description was stored
-    void* oFields;           // list of fields; field and table hold each other
+    uint32_t padding;
+    void* oFields; // list of fields; field and table hold each other
+    // Behind the template's items, and so not stored: see store.cpp.
+    uint32_t idPlace;        // where the stored description has the highest id; 0: not known
+    uint32_t bOnlyIdChanged; // and nothing else, since the description was stored
 };
+constexpr uint32_t INDX_TABLE_STORED = offsetof(IndxTable, idPlace);
 static_assert(offsetof(IndxTable, format) == 32 && offsetof(IndxTable, recordMagic) == 48);
 static_assert(offsetof(IndxTable, indexedFlags) == 64 && offsetof(IndxTable, bTextIndex) == 80);
-static_assert(offsetof(IndxTable, oFields) == 96 && sizeof(IndxTable) == 104);
+static_assert(offsetof(IndxTable, oFields) == 96 && INDX_TABLE_STORED == 104);
+static_assert(sizeof(IndxTable) == 112);
 
 // Where the tree of an index hangs.
 struct IndxRoots {

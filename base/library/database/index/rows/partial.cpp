@@ -7,9 +7,13 @@
 
 #include "database/index/rows/partial.h"
 #include "database/dbrecord_internal.h"
+#include "database/index.h"
 #include "database/index/ground/layout.h"
 #include "database/index/ground/runtime.h"
+#include "database/index/ground/shapes.h"
 #include "database/index/rows/record.h"
+#include "database/index/schema/definition.h"
+#include "database/index/schema/open.h"
 #include "database/logids.h"
 #include "nim/bytes.h"
 #include "nim/scope.h"

@@ -4,7 +4,8 @@
 #include "database/index.h"
 #include "database/index/ground/runtime.h"
 #include "database/index/ground/shapes.h"
-#include "database/index/schema/schema.h"
+#include "database/index/schema/definition.h"
+#include "database/index/schema/open.h"
 
 namespace {
 

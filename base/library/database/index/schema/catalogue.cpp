@@ -7,16 +7,18 @@
 
 #include "database/block/blockstore.h"
 #include "database/dbconfig.h"
-#include "database/index/schema/schema.h"
+#include "database/index.h"
+#include "database/index/ground/runtime.h"
+#include "database/index/ground/shapes.h"
+#include "database/index/schema/definition.h"
+#include "database/index/schema/names.h"
+#include "database/index/schema/open.h"
 #include "nim/scope.h"
 
 namespace {
 
 // A file whose name contains this is a table in the making, left by whoever makes it.
 constexpr const char* UNFINISHED = ".new";
-
-// The home directory during an open; null in between.
-char* gHomeDirectory = nullptr;
 
 bool IsClustered()
 {
@@ -25,37 +27,44 @@ bool IsClustered()
 
 // ---- directories -----------------------------------------------------------------------------
 
-// Makes a directory where it is missing. False: it is no directory afterwards.
+// Makes a directory where it is missing. False, with a failure trace that names it: it is no
+// directory afterwards, or that cannot be told.
 bool EnsureDirectory(const char* path)
 {
     PathCreateDirectory(path);
-    return PathIsADirectory(path) == TRUE;
+    if (PathIsADirectory(path) == TRUE)
+        return true;
+    INDX_TRACE_ERROR(INDX_ALWAYS, "'%s' is no directory and cannot be made one", path);
+    return false;
 }
 
-// Takes the home directory: the caller's in clustered mode, else the configured one. False: there
-// is no memory for it.
-bool TakeHomeDirectory(const char* homeDir)
+// The home directory: the caller's in clustered mode, else the configured one. Null: it cannot be
+// told, or there is no memory for it.
+char* HomeDirectory(const char* homeDir)
 {
-    if (IsClustered() && homeDir) {
-        MemFree(gHomeDirectory);
-        gHomeDirectory = StrDuplicateIntoPool(homeDir, IndxPool());
-    } else if (!gHomeDirectory) {
-        DbGetHomeDir(&gHomeDirectory);
-    }
-    return gHomeDirectory != nullptr;
+    if (IsClustered() && homeDir)
+        return StrDuplicateIntoPool(homeDir, IndxPool());
+    char* home = nullptr;
+    DbGetHomeDir(&home);
+    if (!home)
+        INDX_TRACE_ERROR(INDX_ALWAYS, "Cannot tell the home directory of databases");
+    return home;
 }
 
 // The path of the database's directory, which exists then; null with the error code set, or without
 // memory.
 char* MakeDatabaseDirectory(const char* name, const char* homeDir)
 {
-    if (!TakeHomeDirectory(homeDir))
+    if (!IndxCheckDatabaseName(name)) {
+        IndxSetError(INDX_ERROR_ARGUMENT);
         return nullptr;
-    if (!EnsureDirectory(gHomeDirectory)) {
+    }
+    HeldMemory<char> home(HomeDirectory(homeDir));
+    if (!home || !EnsureDirectory(home.get())) {
         IndxSetError(INDX_ERROR_HOME);
         return nullptr;
     }
-    HeldMemory<char> path(PathBuild(gHomeDirectory, name, 0));
+    HeldMemory<char> path(PathBuild(home.get(), name, 0));
     if (path && !EnsureDirectory(path.get())) {
         IndxSetError(INDX_ERROR_HOME);
         return nullptr;
@@ -120,18 +129,35 @@ IndxDatabase* MakeDatabase(const char* name, const char* directory)
     return database.Take();
 }
 
+// Closes one table of a database that is being closed, and takes it out of the list.
+NimBool CloseItem(void* oTables, void* oTable)
+{
+    void* oHeld = ObjIncRefCount(oTable);
+    IndxCloseTable(&oHeld);
+    ListNode* pNode = nullptr;
+    if (ListFindNode(&pNode, oTables, oTable))
+        ListRemoveItem(pNode);
+    return TRUE;
+}
+
 IndxDatabase* OpenDatabase(const char* name, void* oTableNames, const char* homeDir)
 {
     HeldMemory<char> directory(MakeDatabaseDirectory(name, homeDir));
     if (!directory || !IndxEnsureTemplates())
         return nullptr;
-    IndxDatabase* pDatabase = MakeDatabase(name, directory.get());
-    if (!pDatabase)
+    HeldObject<IndxDatabase> database(MakeDatabase(name, directory.get()));
+    if (!database)
         return nullptr;
-    Loading loading = {pDatabase, oTableNames};
-    if (!DirScan(pDatabase->indexesPath, LoadEntry, &loading))
-        INDX_TRACE(INDX_ALWAYS, "Failed to scan '%s'", pDatabase->indexesPath);
-    return pDatabase;
+    // A database without tables and one whose tables cannot be seen must not be taken for each
+    // other: the host would fill the one, and miss everything in the other.
+    Loading loading = {database.get(), oTableNames};
+    if (DirScan(database->indexesPath, LoadEntry, &loading) != TRUE) {
+        INDX_TRACE(INDX_ALWAYS, "Failed to scan '%s'", database->indexesPath);
+        IndxSetError(INDX_ERROR_SUBDIRECTORY);
+        ListWalk(database->oTables, CloseItem, database->oTables);
+        return nullptr;
+    }
+    return database.Take();
 }
 
 // A list whose items are strings, as far as the list itself tells.
@@ -141,19 +167,6 @@ bool IsListOfNames(const void* oList)
         return false;
     const uint32_t type = ListGetItemType(oList);
     return type == 0 || type == OBJ_MAGIC_STRING;
-}
-
-// Closes one table of a database that is being closed, and takes it out of the list.
-NimBool CloseItem(void* oTables, void* oTable)
-{
-    // Counted by hand: holding on is no step that may fail, or the table would stay open for ever.
-    ++OBJ_HEADER(oTable)->refCount;
-    void* oHeld = oTable;
-    IndxCloseTable(&oHeld);
-    ListNode* pNode = nullptr;
-    if (ListFindNode(&pNode, oTables, oTable))
-        ListRemoveItem(pNode);
-    return TRUE;
 }
 
 } // namespace
@@ -170,7 +183,6 @@ NimBool IndxOpenDatabase(void** ppDatabase, const char* name, void* tableNames, 
         *ppDatabase = OpenDatabase(name, tableNames, homeDir);
         bOpened = *ppDatabase != nullptr;
     }
-    MemFree(gHomeDirectory);
     INDX_TRACE(
         INDX_OPENED, "%s = IndxOpenDatabase(0x%p, %s, %p)", IndxTruth(bOpened),
         static_cast<void*>(ppDatabase), name, tableNames);

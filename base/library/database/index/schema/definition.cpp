@@ -5,11 +5,14 @@
 // Table and fields hold each other: the list in the table holds its fields, each field the table.
 // Whoever gives a table up breaks that ring first (IndxUnhookFields).
 
+#include "database/index/schema/definition.h"
+
 #include <cassert>
 
 #include "database/block.h"
 #include "database/dbrecord_internal.h"
-#include "database/index/schema/schema.h"
+#include "database/index.h"
+#include "database/index/ground/runtime.h"
 #include "nim/scope.h"
 
 namespace {
@@ -56,8 +59,14 @@ bool SetFlag(IndxField* pField, const char* word, uint32_t length)
     return true;
 }
 
-// Reads flag words separated by ";". The error code, 0 for none.
-uint32_t ReadFlags(IndxField* pField, const char* flags)
+// The first flag of a text that was refused, where it stands in the text.
+struct BadFlag {
+    const char* start;
+    uint32_t length;
+};
+
+// Reads flag words separated by ";". The error code; INDX_ERROR_NONE when every word is a flag.
+uint32_t ReadFlags(IndxField* pField, const char* flags, BadFlag* pBad)
 {
     for (;;) {
         const char* pSeparator = StrNextCharMatch(flags, ';');
@@ -66,17 +75,123 @@ uint32_t ReadFlags(IndxField* pField, const char* flags)
             ++flags;
         while (pEnd > flags && IsBlank(pEnd[-1]))
             --pEnd;
+        *pBad = {flags, static_cast<uint32_t>(pEnd - flags)};
         if (flags == pEnd)
             return INDX_ERROR_NO_FLAG;
-        if (!SetFlag(pField, flags, static_cast<uint32_t>(pEnd - flags)))
+        if (!SetFlag(pField, flags, pBad->length))
             return INDX_ERROR_UNKNOWN_FLAG;
         if (!pSeparator)
-            return 0;
+            return INDX_ERROR_NONE;
         flags = pSeparator + 1;
     }
 }
 
+// ---- the format text -------------------------------------------------------------------------
+
+constexpr const char* DIGITS = "0123456789";
+
+// Whether an item of a format text is one that the object services know.
+bool IsItem(const char* item, uint32_t length)
+{
+    if (length == 0)
+        return false;
+    if (*item != 'n') {
+        const bool bTransient = length == 2 && (*item == 'o' || *item == 's') && item[1] == 'l';
+        return bTransient ||
+               (length == 1 && StrNextCharMatch("bisopdqu", static_cast<uint8_t>(*item)));
+    }
+    uint64_t size = 0;
+    for (uint32_t i = 1; i < length; ++i) {
+        if (!StrNextCharMatch(DIGITS, static_cast<uint8_t>(item[i])))
+            return false;
+        size = size * 10 + static_cast<uint32_t>(item[i] - '0');
+        if (size > INT32_MAX)
+            return false;
+    }
+    return size != 0;
+}
+
+// Says what is wrong with a format of which no template can be made.
+void TellBadFormat(const IndxTable* pTable, const char* format)
+{
+    uint32_t number = 0;
+    for (const char* item = format; *item || number == 0;) {
+        ++number;
+        const char* pEnd = StrNextCharMatch(item, ';');
+        if (!pEnd)
+            pEnd = StrNextCharMatch(item, 0);
+        const auto length = static_cast<uint32_t>(pEnd - item);
+        if (!IsItem(item, length)) {
+            HeldMemory<char> text(StrDuplicateRangeIntoPool(item, IndxPool(), length));
+            INDX_TRACE_ERROR(
+                INDX_ALWAYS, "Item %ld '%s' of format '%s' of table '%s' is of no kind", number,
+                text.get(), format, pTable->name);
+            return;
+        }
+        item = *pEnd ? pEnd + 1 : pEnd;
+    }
+    // Its items are sound: it is too long for an object, or there is no memory.
+    INDX_TRACE_ERROR(
+        INDX_ALWAYS, "No record can be made of format '%s' of table '%s'", format, pTable->name);
+}
+
 // ---- the fields text -------------------------------------------------------------------------
+
+// One word of the fields text: a name with its flags, blanks around it cut off.
+struct Word {
+    const char* start;
+    uint32_t length; // 0: there is nothing between two separators
+    bool bLast;      // it ends with the text
+};
+
+// Takes the word at *ppNext, which ends at "," or at the end of the text, and leaves *ppNext behind
+// it. Blanks before and behind a word do not count, blanks inside it do.
+Word NextWord(const char** ppNext)
+{
+    const char* pStart = *ppNext;
+    const char* pEnd = pStart;
+    bool bAtStart = true;
+    for (;;) {
+        const uint32_t c = StrGetChar(ppNext);
+        if (c == ',' || c == 0)
+            return {pStart, pEnd > pStart ? static_cast<uint32_t>(pEnd - pStart) : 0, c == 0};
+        if (c != ' ' && c != '\t') {
+            pEnd = *ppNext;
+            bAtStart = false;
+        } else if (bAtStart) {
+            pStart = *ppNext;
+        }
+    }
+}
+
+// A field, of the word's name and with the flags that it has.
+struct NamedField {
+    HeldObject<IndxField> field; // null: no memory
+    HeldMemory<char> text;       // what `bad` points into
+    uint32_t error;              // of the flags
+    BadFlag bad;
+};
+
+// Splits "name;flags". False: no memory.
+bool NameField(NamedField* pNamed, const Word& word)
+{
+    pNamed->text.Set(StrDuplicateRangeIntoPool(word.start, IndxPool(), word.length));
+    ObjTemplateCreateInstanceFromPool(pNamed->field.OutVoid(), gIndxTemplates.field, IndxPool());
+    const char* text = pNamed->text.get();
+    if (!text || !pNamed->field)
+        return false;
+    const char* pSeparator = StrNextCharMatch(text, ';');
+    const char* pEnd = pSeparator ? pSeparator : text + word.length;
+    pNamed->field->name =
+        StrDuplicateRangeIntoPool(text, IndxPool(), static_cast<uint32_t>(pEnd - text));
+    if (!pNamed->field->name)
+        return false;
+    pNamed->error = pSeparator ? ReadFlags(pNamed->field.get(), pSeparator + 1, &pNamed->bad)
+                               : static_cast<uint32_t>(INDX_ERROR_NONE);
+    return true;
+}
+
+// ---- from words to fields --------------------------------------------------------------------
 
 struct Definition {
     IndxTable* pTable;
@@ -93,21 +208,20 @@ void Refuse(Definition* pDefinition, uint32_t error)
     pDefinition->bFailed = true;
 }
 
-// Splits "name;flags" into the field. False: no memory.
-bool NameField(Definition* pDefinition, IndxField* pField, const char* word)
+void RefuseFlag(Definition* pDefinition, const NamedField& named)
 {
-    const char* pSeparator = StrNextCharMatch(word, ';');
-    pField->name =
-        pSeparator
-            ? StrDuplicateRangeIntoPool(word, IndxPool(), static_cast<uint32_t>(pSeparator - word))
-            : StrDuplicateIntoPool(word, IndxPool());
-    if (!pField->name)
-        return false;
-    if (pSeparator) {
-        if (const uint32_t error = ReadFlags(pField, pSeparator + 1))
-            Refuse(pDefinition, error);
+    const char* tableName = pDefinition->pTable->name;
+    const char* fieldName = named.field->name;
+    HeldMemory<char> flag(StrDuplicateRangeIntoPool(named.bad.start, IndxPool(), named.bad.length));
+    if (named.error == INDX_ERROR_NO_FLAG) {
+        INDX_TRACE_ERROR(
+            INDX_ALWAYS, "A flag of field '%s' of table '%s' is empty", fieldName, tableName);
+    } else {
+        INDX_TRACE_ERROR(
+            INDX_ALWAYS, "Flag '%s' of field '%s' of table '%s' is unknown", flag.get(), fieldName,
+            tableName);
     }
-    return true;
+    Refuse(pDefinition, named.error);
 }
 
 // Fills a named field from the item of the template that it stands for.
@@ -131,78 +245,141 @@ void DescribeField(Definition* pDefinition, IndxField* pField, const ObjDbField*
         pTable->idOffset = static_cast<uint32_t>(pItem->fixedOffset);
         pDefinition->bIdSeen = true;
     } else if (!IndxApplyKind(pField, pItem->kind)) {
+        INDX_TRACE_ERROR(
+            INDX_ALWAYS, "Field '%s' of table '%s' is of kind %ld, which is kept in memory only",
+            pField->name, pTable->name, pItem->kind);
         Refuse(pDefinition, INDX_ERROR_FIELD_KIND);
+    } else if (pField->bUnique && !pField->bIndexed) {
+        INDX_TRACE(
+            INDX_ALWAYS, "'Unique' has no effect on field '%s' of table '%s', which is not indexed",
+            pField->name, pTable->name);
     }
     if (pField->bIndexed && HasTextKind(pItem->kind))
         pTable->bTextIndex = TRUE;
 }
 
+// Whether a field of this name was accepted before, as far as it matters.
+bool IsRepeated(const Definition* pDefinition, const IndxField* pField)
+{
+    return static_cast<uint32_t>(pDefinition->accepted) < INDX_MOST_FIELDS &&
+           ListSearch(pDefinition->pTable->oFields, IndxMatchField, pField->name, nullptr);
+}
+
 // Makes a field of one word of the fields text, for the template's next item. The last error that
 // is met is the one that is reported: a repeated name outranks a bad flag.
-void TakeWord(Definition* pDefinition, const char* start, uint32_t length)
+void TakeWord(Definition* pDefinition, const Word& word)
 {
     IndxTable* pTable = pDefinition->pTable;
-    HeldMemory<char> word(StrDuplicateRangeIntoPool(start, IndxPool(), length));
-    HeldObject<IndxField> field;
-    ObjTemplateCreateInstanceFromPool(field.OutVoid(), gIndxTemplates.field, IndxPool());
-    if (!word || !field || !NameField(pDefinition, field.get(), word.get())) {
+    NamedField named = {};
+    if (!NameField(&named, word)) {
         pDefinition->bFailed = true;
         return;
     }
-    INDX_TRACE(INDX_DETAIL, "Process '%s'", field->name);
-    if (ListSearch(pTable->oFields, IndxMatchField, field->name, nullptr)) {
+    IndxField* pField = named.field.get();
+    if (named.error != INDX_ERROR_NONE)
+        RefuseFlag(pDefinition, named);
+    INDX_TRACE(INDX_DETAIL, "Process '%s'", pField->name);
+    if (IsRepeated(pDefinition, pField)) {
         INDX_TRACE(INDX_ALWAYS, "duplicate field name");
         Refuse(pDefinition, INDX_ERROR_DUPLICATE_FIELD);
     }
     if (!pDefinition->bFailed)
-        DescribeField(pDefinition, field.get(), &pDefinition->pData->fields[pDefinition->accepted]);
-    static_cast<uint32_t*>(pTable->indexedFlags.data)[pDefinition->accepted] = field->bIndexed;
+        DescribeField(pDefinition, pField, &pDefinition->pData->fields[pDefinition->accepted]);
+    static_cast<uint32_t*>(pTable->indexedFlags.data)[pDefinition->accepted] = pField->bIndexed;
     if (pDefinition->bFailed)
         return;
-    void* oField = field.get();
+    void* oField = pField;
     if (!ListPushLastItemInternal(pTable->oFields, &oField)) {
         pDefinition->bFailed = true;
         return;
     }
-    field.Take();
+    named.field.Take();
     ++pDefinition->accepted;
 }
 
-// Scans the fields text. A word ends at "," or at the end of the text; blanks before and behind it
-// do not count, blanks inside it do. The scan stops at the template's last item: what is left of
-// the text then shows in bEndSeen.
+// Reads the fields text. The reading stops at the template's last item: what is left of the text
+// then shows in bEndSeen.
 void ScanFields(Definition* pDefinition, const char* fields)
 {
     const char* pNext = fields;
-    const char* pStart = fields;
-    const char* pEnd = fields;
-    bool bAtStart = true;
     while (pDefinition->accepted < pDefinition->pData->fieldCount && !pDefinition->bFailed &&
            !pDefinition->bEndSeen) {
-        const uint32_t c = StrGetChar(&pNext);
-        if (c == ' ' || c == '\t') {
-            if (bAtStart)
-                pStart = pNext;
-            continue;
-        }
-        if (c != ',' && c != 0) {
-            pEnd = pNext;
-            bAtStart = false;
-            continue;
-        }
-        if (c == 0) {
+        const Word word = NextWord(&pNext);
+        if (word.bLast) {
             INDX_TRACE(INDX_DETAIL, "End of format string");
             pDefinition->bEndSeen = true;
         }
-        if (pEnd <= pStart) {
+        if (word.length == 0) {
             INDX_TRACE(INDX_ALWAYS, "Null field name");
             Refuse(pDefinition, INDX_ERROR_NO_FIELD_NAME);
             return;
         }
-        TakeWord(pDefinition, pStart, static_cast<uint32_t>(pEnd - pStart));
-        bAtStart = true;
-        pStart = pNext;
+        TakeWord(pDefinition, word);
     }
+}
+
+// Whether the names are those of the items, one each, and one of them is that of the record id.
+// Kept: false sets no error code.
+bool IsComplete(const Definition& definition)
+{
+    const IndxTable* pTable = definition.pTable;
+    const int32_t items = definition.pData->fieldCount;
+    if (!definition.bEndSeen) {
+        INDX_TRACE_ERROR(
+            INDX_ALWAYS, "Fields '%s' of table '%s' name more than the %ld items of format '%s'",
+            pTable->fields, pTable->name, items, pTable->format);
+        return false;
+    }
+    if (definition.accepted != items) {
+        INDX_TRACE_ERROR(
+            INDX_ALWAYS, "Fields '%s' of table '%s' name %ld of the %ld items of format '%s'",
+            pTable->fields, pTable->name, definition.accepted, items, pTable->format);
+        return false;
+    }
+    if (!definition.bIdSeen) {
+        INDX_TRACE_ERROR(
+            INDX_ALWAYS, "Fields '%s' of table '%s' name no field '%s'", pTable->fields,
+            pTable->name, INDX_ID_FIELD);
+        return false;
+    }
+    return true;
+}
+
+// ---- a table that exists ---------------------------------------------------------------------
+
+// Whether fields of this type can have an index at all.
+bool HasOrder(int32_t fieldType)
+{
+    return fieldType != INDX_FIELD_BOOLEAN && fieldType != INDX_FIELD_OBJECT &&
+           fieldType != INDX_FIELD_POINTER && fieldType != INDX_FIELD_DATA;
+}
+
+// Whether flags as they are written are those that the field has.
+bool HasFlags(const IndxField* pStored, const IndxField* pWritten)
+{
+    if (pStored->type == INDX_FIELD_RECORD_ID)
+        return true; // it takes none
+    const bool bIndexed = pWritten->bIndexed && HasOrder(pStored->type);
+    return (pStored->bIndexed != 0) == bIndexed &&
+           (pStored->bUnique != 0) == (pWritten->bUnique != 0) &&
+           (pStored->bCaseSensitive != 0) == (pWritten->bCaseSensitive != 0);
+}
+
+void TellKeptFlags(const IndxTable* pTable, const Word& word)
+{
+    NamedField named = {};
+    void* oField = nullptr;
+    if (!NameField(&named, word) || named.error != INDX_ERROR_NONE ||
+        !ListSearch(pTable->oFields, IndxMatchField, named.field->name, &oField))
+        return;
+    const auto* pField = static_cast<IndxField*>(oField);
+    if (!HasFlags(pField, named.field.get()))
+        INDX_TRACE(
+            INDX_ALWAYS,
+            "Field '%s' of table '%s' keeps its stored flags: indexed %s unique %s case sensitive "
+            "%s",
+            pField->name, pTable->name, IndxTruth(pField->bIndexed), IndxTruth(pField->bUnique),
+            IndxTruth(pField->bCaseSensitive));
 }
 
 // ---- the table -------------------------------------------------------------------------------
@@ -253,8 +430,6 @@ NimBool HookField(void* context, void* item)
 {
     auto* pField = static_cast<IndxField*>(item);
     auto* pTable = static_cast<IndxTable*>(ObjIncRefCount(context));
-    if (!pTable)
-        return FALSE;
     // A rebuilt field comes with a counted reference already; overwritten, it would never go.
     ObjRelease(pField->oTable);
     pField->oTable = pTable;
@@ -267,6 +442,11 @@ NimBool HookField(void* context, void* item)
 }
 
 } // namespace
+
+bool IndxIsRecordMagic(uint32_t magic)
+{
+    return (magic & OBJ_MAGIC_MASK) == OBJ_MAGIC_VALID;
+}
 
 bool IndxApplyKind(IndxField* pField, int32_t kind)
 {
@@ -324,45 +504,41 @@ bool IndxApplyIdKind(IndxField* pField, int32_t kind)
     return true;
 }
 
-NimBool IndxMatchTable(const void* name, const void* item)
-{
-    const char* itemName = static_cast<const IndxTable*>(item)->name;
-    return StrCompareNoCase(static_cast<const char*>(name), itemName) == 0;
-}
-
 NimBool IndxMatchField(const void* name, const void* item)
 {
     const char* itemName = static_cast<const IndxField*>(item)->name;
     return StrCompareNoCase(static_cast<const char*>(name), itemName) == 0;
 }
 
-NimBool
-IndxCreateTable(IndxTable* pTable, uint32_t recordMagic, const char* format, const char* fields)
+bool IndxCreateTable(
+    IndxTable* pTable, uint32_t recordMagic, const char* format, const char* fields)
 {
     INDX_TRACE(INDX_DETAIL, "IndxCreateTable()");
     if (!HasTexts(format, fields))
-        return FALSE;
+        return false;
     const ObjDbData* pData = DbRecordLayout(format);
-    if (!pData || !PrepareTable(pTable, format, fields, pData))
-        return FALSE;
+    if (!pData) {
+        TellBadFormat(pTable, format);
+        return false;
+    }
+    if (!PrepareTable(pTable, format, fields, pData))
+        return false;
     INDX_TRACE(INDX_DETAIL, "Format '%s'", pTable->format);
     INDX_TRACE(INDX_DETAIL, "Fields '%s'", pTable->fields);
 
     Definition definition = {pTable, pData, 0, false, false, false};
     ScanFields(&definition, pTable->fields);
-    // A missing "Id", and more or fewer names than items, fail without a code of their own.
-    if (definition.bFailed || !definition.bEndSeen || !definition.bIdSeen ||
-        definition.accepted != pData->fieldCount)
-        return FALSE;
+    if (definition.bFailed || !IsComplete(definition))
+        return false;
     pTable->recordMagic = recordMagic;
     pTable->highestId = 0;
     pTable->fixedSize = pData->fixedSize;
     return IndxHookFields(pTable) && FitsUserData(pTable);
 }
 
-NimBool IndxHookFields(IndxTable* pTable)
+bool IndxHookFields(IndxTable* pTable)
 {
-    return ListWalk(pTable->oFields, HookField, pTable);
+    return ListWalk(pTable->oFields, HookField, pTable) == TRUE;
 }
 
 void IndxUnhookFields(IndxTable* pTable)
@@ -376,5 +552,18 @@ void IndxUnhookFields(IndxTable* pTable)
         ListNode* pNode = nullptr;
         bRemoved = ListFindNode(&pNode, pTable->oFields, oField) && ListRemoveItem(pNode);
         assert(bRemoved);
+    }
+}
+
+void IndxTellKeptFlags(const IndxTable* pTable, const char* fields)
+{
+    // Hosts open their tables with the same text again and again.
+    if (StrCompare(pTable->fields, fields) == 0)
+        return;
+    const char* pNext = fields;
+    for (Word word = {}; !word.bLast;) {
+        word = NextWord(&pNext);
+        if (word.length != 0)
+            TellKeptFlags(pTable, word);
     }
 }

@@ -6,12 +6,16 @@
 // Nothing is attached here (block file, database, cursors), and nothing is left behind by a
 // description that is refused.
 
+#include "database/index/schema/description.h"
+
 #include <algorithm>
 #include <cstring>
 
 #include "database/block/blockstore.h"
 #include "database/dbrecord_internal.h"
-#include "database/index/schema/schema.h"
+#include "database/index/ground/layout.h"
+#include "database/index/ground/runtime.h"
+#include "database/index/schema/definition.h"
 #include "nim/scope.h"
 
 namespace {
@@ -26,11 +30,12 @@ constexpr uint32_t GRAPH_DEPTH = 80;
 void* TakeFromList(void* oList)
 {
     void* oItem = nullptr;
-    while (ListGetNthItem(&oItem, oList, 0)) {
-        void* oHeld = ObjIncRefCount(oItem);
-        ListNode* pNode = nullptr;
-        if (!ListFindNode(&pNode, oList, oItem) || !ListRemoveItem(pNode) || oHeld)
-            return oHeld;
+    ListNode* pNode = nullptr;
+    while (ListGetNthItem(&oItem, oList, 0) && ListFindNode(&pNode, oList, oItem)) {
+        ObjIncRefCount(oItem);
+        ListRemoveItem(pNode);
+        if (oItem)
+            return oItem;
     }
     return nullptr;
 }
@@ -235,9 +240,7 @@ bool MoveField(void* oList, IndxField* pFrom)
     return true;
 }
 
-} // namespace
-
-bool IndxAdoptFields(IndxTable* pTable)
+bool AdoptFields(IndxTable* pTable)
 {
     if (ListWalk(pTable->oFields, IsOwnField, nullptr))
         return true;
@@ -252,6 +255,37 @@ bool IndxAdoptFields(IndxTable* pTable)
     ObjRelease(pTable->oFields);
     pTable->oFields = list.Take();
     return true;
+}
+
+NimBool LetGoOfTable(void*, void* item)
+{
+    ObjRelease(static_cast<IndxField*>(item)->oTable);
+    return TRUE;
+}
+
+// Moves everything that a table of another template holds into one of our own.
+bool AdoptTable(IndxTable** ppTable)
+{
+    IndxTable* pFrom = *ppTable;
+    if (HasTemplate(pFrom, gIndxTemplates.table))
+        return true;
+    IndxTable* pTable = nullptr;
+    if (!ObjTemplateCreateInstance(&pTable, gIndxTemplates.table, IndxPool()))
+        return false;
+    // The fields hold the table that goes; attaching makes them hold the one that comes.
+    ListWalk(pFrom->oFields, LetGoOfTable, nullptr);
+    MemCopy(pTable, pFrom, INDX_TABLE_STORED);
+    std::memset(static_cast<void*>(pFrom), 0, INDX_TABLE_STORED);
+    ObjRelease(*ppTable);
+    *ppTable = pTable;
+    return true;
+}
+
+} // namespace
+
+bool IndxAdoptTable(IndxTable** ppTable)
+{
+    return AdoptFields(*ppTable) && AdoptTable(ppTable);
 }
 
 void IndxDiscardGraph(void** ppRoot)
@@ -290,7 +324,7 @@ const char* IndxTableFault(const IndxTable* pTable, void* oBlck)
 }
 
 IndxStored
-IndxRebuildTable(IndxTable** ppTable, void* oBlck, const char* name, const char* fileName)
+IndxReadDescription(IndxTable** ppTable, void* oBlck, const char* name, const char* fileName)
 {
     *ppTable = nullptr;
     void* oRebuilt = nullptr;
@@ -310,7 +344,7 @@ IndxRebuildTable(IndxTable** ppTable, void* oBlck, const char* name, const char*
         IndxDiscardGraph(&oRebuilt);
         return IndxStored::Refused;
     }
-    if (!IndxAdoptFields(pTable)) {
+    if (!IndxAdoptTable(&pTable)) {
         IndxDiscardGraph(&oRebuilt);
         return IndxStored::Refused;
     }

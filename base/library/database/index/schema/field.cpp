@@ -5,7 +5,11 @@
 // The list holds one reference on a cursor and the caller another; the cursor holds its field, and
 // the field its table. A cursor that is given up leaves the list first.
 
-#include "database/index/schema/schema.h"
+#include "database/index.h"
+#include "database/index/ground/runtime.h"
+#include "database/index/ground/shapes.h"
+#include "database/index/schema/definition.h"
+#include "database/index/tree/position.h"
 #include "nim/scope.h"
 
 namespace {
@@ -25,7 +29,7 @@ IndxCursor* OpenCursor(IndxField* pField)
         return nullptr;
     cursor->oField = static_cast<IndxField*>(ObjIncRefCount(pField));
     cursor->status = 0;
-    if (!cursor->oField || !ListAddLastItem(pField->oCursors, cursor.get()))
+    if (!ListAddLastItem(pField->oCursors, cursor.get()))
         return nullptr;
     INDX_TRACE(
         INDX_DETAIL, "Got cursor to field     '%s' of '%s'", pField->name, TableName(pField));

@@ -1,19 +1,25 @@
 // open.cpp: one table at a time: finding it in its database, loading it from its block file,
-// creating it, its version and its records file. The definition of a new table and the judgement on
-// a stored one have rooms of their own.
+// creating it, and its records file. The definition of a new table, the judgement on a stored one
+// and the version have rooms of their own.
 //
 // A table on disk is never created over: only a block file in which no description was ever stored
-// gets a new one. A block file that was read and refused is not written.
+// gets a new one, and what cannot be told is no permission to create. A block file that was read
+// and refused is not written. The version file comes after the block file: before that file is open
+// and found blank, the version on disk may be another table's.
+
+#include "database/index/schema/open.h"
 
 #include "database/block/blockstore.h"
 #include "database/dbconfig.h"
-#include "database/index/schema/schema.h"
+#include "database/index.h"
+#include "database/index/ground/runtime.h"
+#include "database/index/schema/definition.h"
+#include "database/index/schema/description.h"
+#include "database/index/schema/names.h"
+#include "database/index/schema/version.h"
 #include "nim/scope.h"
 
 namespace {
-
-constexpr const char* VERSION_STANZA = "Versioning";
-constexpr const char* VERSION_KEY = "Version";
 
 // What the caller of IndxOpenTableInternal wants.
 struct Request {
@@ -27,63 +33,6 @@ struct Request {
     uint32_t version;
 };
 
-// ---- versions --------------------------------------------------------------------------------
-
-// Guards of what the stanza services hand out.
-struct HeldStanza {
-    Stnz* p = nullptr;
-    HeldStanza() = default;
-    ~HeldStanza() { StnzRelease(&p); }
-    HeldStanza(const HeldStanza&) = delete;
-    HeldStanza& operator=(const HeldStanza&) = delete;
-};
-
-struct HeldKey {
-    StnzKey* p = nullptr;
-    HeldKey() = default;
-    ~HeldKey() { StnzReleaseKey(&p); }
-    HeldKey(const HeldKey&) = delete;
-    HeldKey& operator=(const HeldKey&) = delete;
-};
-
-bool ExistsIn(const char* directory, const char* fileName)
-{
-    HeldMemory<char> path(PathBuild(directory, fileName, 0));
-    return FileExists(path.get()) != 0;
-}
-
-// Makes the stanza and puts it into the file. False: not stored.
-bool StoreVersion(const char* name, const IndxDatabase* pDatabase, uint32_t version)
-{
-    HeldStanza stanza;
-    HeldKey key;
-    if (!StnzCreate(&stanza.p, 0, VERSION_STANZA, 1) ||
-        !StnzCreateKeyFromInteger(&key.p, VERSION_KEY, static_cast<int32_t>(version)) ||
-        !StnzAddKeyToStanza(stanza.p, key.p))
-        return false;
-    key.p = nullptr; // the stanza's now
-    HeldMemory<char> path(PathBuild(pDatabase->attributesPath, name, 0));
-    return StnzReplaceStanzaViaParent(stanza.p, path.get()) != 0;
-}
-
-// Whether the stored version lets the open go on.
-bool VersionFits(const Request& request)
-{
-    uint32_t current = 0;
-    if (!IndxGetTableVersion(&current, request.fileName, request.pDatabase)) {
-        INDX_TRACE(INDX_ALWAYS, "Failed when discovering table version");
-        return false;
-    }
-    if (current == INDX_VERSION_ABSENT || request.version == INDX_VERSION_ANY ||
-        current == request.version)
-        return true;
-    HeldMemory<char> wanted(IndxTableVersionString(request.version));
-    HeldMemory<char> stored(IndxTableVersionString(current));
-    INDX_TRACE(
-        INDX_ALWAYS, "Wrong table version - wanted '%s', is '%s'", wanted.get(), stored.get());
-    return false;
-}
-
 // ---- loading ---------------------------------------------------------------------------------
 
 // IndxIndexOpen reaches the directory through a table; at loading there is none yet.
@@ -94,7 +43,7 @@ bool OpenBlockFile(void** ppBlck, IndxDatabase* pDatabase, const char* fileName)
     if (!stand)
         return false;
     stand->oDatabase = static_cast<IndxDatabase*>(ObjIncRefCount(pDatabase));
-    return stand->oDatabase && IndxIndexOpen(ppBlck, stand.get(), fileName);
+    return IndxIndexOpen(ppBlck, stand.get(), fileName) == TRUE;
 }
 
 // Gives a rebuilt table what is not stored with it. False: no memory; the ring may be half made.
@@ -106,7 +55,7 @@ bool AttachTable(IndxTable* pTable, void* oBlck, IndxDatabase* pDatabase, const 
     pTable->hRecords = FILE_NONE;
     pTable->oBlck = ObjIncRefCount(oBlck);
     pTable->oDatabase = static_cast<IndxDatabase*>(ObjIncRefCount(pDatabase));
-    if (!pTable->oBlck || !pTable->oDatabase || !IndxHookFields(pTable))
+    if (!IndxHookFields(pTable))
         return false;
     IndxRecordsOpen(pTable, fileName); // TRUE for any table of a database
     return true;
@@ -122,7 +71,7 @@ LoadFromFile(IndxTable** ppTable, IndxDatabase* pDatabase, const char* fileName,
         return IndxStored::Refused;
     }
     IndxTable* pTable = nullptr;
-    IndxStored stored = IndxRebuildTable(&pTable, blck.get(), name, fileName);
+    IndxStored stored = IndxReadDescription(&pTable, blck.get(), name, fileName);
     if (stored == IndxStored::Sound && !AttachTable(pTable, blck.get(), pDatabase, fileName)) {
         IndxDropTable(&pTable);
         stored = IndxStored::Refused;
@@ -166,8 +115,14 @@ bool HasShapeOf(const IndxTable* pTable, const Request& request)
 IndxStored LoadIntoDatabase(IndxTable** ppTable, const Request& request)
 {
     // The file is asked for here, not the version: a version file may hold any number.
-    if (!ExistsIn(request.pDatabase->indexesPath, request.fileName))
+    switch (IndxLookFor(request.pDatabase->indexesPath, request.fileName)) {
+    case IndxPresence::Absent:
         return IndxStored::Blank;
+    case IndxPresence::Unknown:
+        return IndxStored::Refused;
+    case IndxPresence::Present:
+        break;
+    }
     IndxStored stored = LoadFromFile(ppTable, request.pDatabase, request.fileName, request.name);
     if (stored == IndxStored::Blank)
         return stored;
@@ -185,6 +140,18 @@ IndxStored LoadIntoDatabase(IndxTable** ppTable, const Request& request)
     return IndxStored::Refused;
 }
 
+// Stores the version that a new table is to have, if any. Kept: a definition that is refused
+// afterwards leaves it, as it leaves the files that were made.
+bool GiveVersion(const Request& request)
+{
+    if (request.version == INDX_VERSION_NONE || request.version == INDX_VERSION_ANY ||
+        IndxSetTableVersion(request.name, request.pDatabase, request.version))
+        return true;
+    INDX_TRACE(
+        INDX_ALWAYS, "Failed to set table version when creating new table '%s'", request.name);
+    return false;
+}
+
 // The new table with its block file and its fields. False: `pTable` is to be dropped.
 bool DefineTable(IndxTable* pTable, const Request& request)
 {
@@ -193,13 +160,17 @@ bool DefineTable(IndxTable* pTable, const Request& request)
     pTable->hRecords = FILE_NONE;
     pTable->bChanged = TRUE;
     pTable->bCompanionFiles = request.flag;
-    if (!pTable->name || !pTable->oDatabase)
+    if (!pTable->name)
         return false;
     IndxIndexOpen(&pTable->oBlck, pTable, request.fileName);
-    // Seen before, unless the file appeared or could not be asked for in between.
+    // Seen before, unless the file appeared in between.
     if (pTable->oBlck && !IndxIsBlank(pTable->oBlck)) {
         INDX_TRACE(INDX_ALWAYS, "'%s' holds a table already", request.fileName);
         BlckForgetChanges(pTable->oBlck);
+        return false;
+    }
+    if (pTable->oBlck && !GiveVersion(request)) {
+        BlckForgetChanges(pTable->oBlck); // stays empty: the next attempt starts from there
         return false;
     }
     // Without a block file there is no room for the description, and this fails.
@@ -211,30 +182,30 @@ bool DefineTable(IndxTable* pTable, const Request& request)
     return true;
 }
 
-NimBool CreateNewTable(void** ppTable, const Request& request)
+bool CreateNewTable(void** ppTable, const Request& request)
 {
     INDX_TRACE(INDX_OPENED, "Create a new table");
-    if (request.version != INDX_VERSION_NONE && request.version != INDX_VERSION_ANY &&
-        !IndxSetTableVersion(request.name, request.pDatabase, request.version)) {
-        INDX_TRACE(
-            INDX_ALWAYS, "Failed to set table version when creating new table '%s'", request.name);
-        return FALSE;
+    if (!IndxIsRecordMagic(request.magic)) {
+        INDX_TRACE_ERROR(
+            INDX_ALWAYS, "Magic 0x%08lx of table '%s' is outside 0xc8000000 to 0xcfffffff",
+            request.magic, request.name);
+        IndxSetError(INDX_ERROR_ARGUMENT);
+        return false;
     }
     HeldObject<IndxTable> table;
     ObjTemplateCreateInstanceFromPool(table.OutVoid(), gIndxTemplates.table, IndxPool());
     if (!table)
-        return FALSE;
+        return false;
     if (!DefineTable(table.get(), request) ||
         !ListAddLastItem(request.pDatabase->oTables, table.get())) {
         IndxTable* pTable = table.Take();
         IndxDropTable(&pTable);
-        return FALSE;
+        return false;
     }
     if (ppTable)
         *ppTable = ObjIncRefCount(table.get());
     // The table is listed and handed out from here on, even when its description is not stored.
-    const NimBool bStored = IndxUpdateTable(table.get());
-    return bStored && (!ppTable || *ppTable);
+    return IndxUpdateTable(table.get()) == TRUE;
 }
 
 // A table that was closed while its database is open is still in the list, without fields and block
@@ -249,7 +220,7 @@ void ForgetClosedTable(const Request& request)
         ListRemoveItem(pNode);
 }
 
-NimBool OpenOrCreate(void** ppTable, const Request& request)
+bool OpenOrCreate(void** ppTable, const Request& request)
 {
     ForgetClosedTable(request);
     HeldObject<IndxTable> table;
@@ -260,23 +231,80 @@ NimBool OpenOrCreate(void** ppTable, const Request& request)
         case IndxStored::Blank:
             return CreateNewTable(ppTable, request);
         case IndxStored::Refused:
-            return FALSE;
+            return false;
         }
     }
     if (!HasShapeOf(table.get(), request)) {
         INDX_TRACE_ERROR(INDX_ALWAYS, "Shape of table has changed");
         IndxSetError(INDX_ERROR_SHAPE);
-        return FALSE;
+        return false;
     }
+    IndxTellKeptFlags(table.get(), request.fields);
     if (ppTable)
         *ppTable = table.Take();
-    return TRUE;
+    return true;
 }
+
+// ---- what the table is asked for -------------------------------------------------------------
 
 void RefuseArgument()
 {
     INDX_TRACE(INDX_ALWAYS, "Invalid argument");
     IndxSetError(INDX_ERROR_ARGUMENT);
+}
+
+bool HasSoundNames(const Request& request)
+{
+    if (IndxCheckFileName(request.name) && IndxCheckFileName(request.fileName))
+        return true;
+    IndxSetError(INDX_ERROR_ARGUMENT);
+    return false;
+}
+
+// Whether a table that is in no list has a block file in which nothing was ever stored.
+bool IsBlankOnDisk(const Request& request)
+{
+    if (ListSearch(request.pDatabase->oTables, IndxMatchTable, request.name, nullptr))
+        return false;
+    HeldObject<> blck;
+    if (!OpenBlockFile(blck.Out(), request.pDatabase, request.fileName))
+        return false;
+    BlckForgetChanges(blck.get());
+    return IndxIsBlank(blck.get());
+}
+
+// Whether the stored version lets the open go on.
+bool HasWantedVersion(const Request& request)
+{
+    uint32_t stored = 0;
+    if (!IndxGetTableVersion(&stored, request.fileName, request.pDatabase)) {
+        INDX_TRACE(INDX_ALWAYS, "Failed when discovering table version");
+        return false;
+    }
+    // A creation that came no further than its block file has not left a table without a version,
+    // but none: refused for its version, it could not be created any more.
+    if (stored == INDX_VERSION_NONE && request.version != INDX_VERSION_NONE &&
+        request.version != INDX_VERSION_ANY && IsBlankOnDisk(request))
+        stored = INDX_VERSION_ABSENT;
+    return IndxVersionFits(stored, request.version);
+}
+
+// ---- the records file ------------------------------------------------------------------------
+
+NimBool IsEmptyIndex(void*, void* oField)
+{
+    return static_cast<IndxField*>(oField)->roots.tRoot == INDX_NO_NODE;
+}
+
+// A records file that has gone is made anew like that of a new table: keys then lead to nothing, or
+// into records that were added later.
+void TellMissingRecords(const IndxTable* pTable, const char* path)
+{
+    if (ListWalk(pTable->oFields, IsEmptyIndex, nullptr) || PathKind(path) != PATH_ABSENT)
+        return;
+    INDX_TRACE_ERROR(
+        INDX_ALWAYS, "Records file '%s' is made anew, though table '%s' has keys of records", path,
+        pTable->name);
 }
 
 } // namespace
@@ -307,10 +335,10 @@ NimBool IndxOpenTableInternal(
         *ppTable = nullptr;
     const Request request = {
         IndxAsDatabase(oDatabase), name, fileName, magic, format, fields, flag, version};
-    NimBool bOpened = FALSE;
+    bool bOpened = false;
     if (!request.pDatabase || !name || !fileName || !format || !fields)
         RefuseArgument();
-    else if (VersionFits(request))
+    else if (HasSoundNames(request) && HasWantedVersion(request))
         bOpened = OpenOrCreate(ppTable, request);
     INDX_TRACE(
         INDX_OPENED, "%s = IndxOpenTableInternal(%p, %p, %s, %s, ...)", IndxTruth(bOpened),
@@ -318,7 +346,13 @@ NimBool IndxOpenTableInternal(
     return bOpened;
 }
 
-NimBool IndxOpenExistingTable(void** ppTable, void* oDatabase, const char* name, uint32_t version)
+NimBool IndxMatchTable(const void* name, const void* item)
+{
+    const char* itemName = static_cast<const IndxTable*>(item)->name;
+    return StrCompareNoCase(static_cast<const char*>(name), itemName) == 0;
+}
+
+bool IndxOpenExistingTable(void** ppTable, void* oDatabase, const char* name, uint32_t version)
 {
     INDX_TRACE(
         INDX_DETAIL, "IndxOpenExistingTable(%p, %p, %s, %ld)", static_cast<void*>(ppTable),
@@ -327,17 +361,15 @@ NimBool IndxOpenExistingTable(void** ppTable, void* oDatabase, const char* name,
         *ppTable = nullptr;
     const IndxDatabase* pDatabase = IndxAsDatabase(oDatabase);
     void* oTable = nullptr;
-    NimBool bFound = FALSE;
+    bool bFound = false;
     if (!pDatabase || !name) {
         RefuseArgument();
     } else if (!ListSearch(pDatabase->oTables, IndxMatchTable, name, &oTable)) {
         INDX_TRACE(INDX_DETAIL, "Table does not exist yet");
     } else {
-        bFound = TRUE;
-        if (ppTable) {
+        bFound = true;
+        if (ppTable)
             *ppTable = ObjIncRefCount(oTable);
-            bFound = *ppTable != nullptr;
-        }
     }
     INDX_TRACE(
         INDX_OPENED, "%s = IndxOpenExistingTable(%p, %p, %s, %ld)", IndxTruth(bFound),
@@ -357,6 +389,8 @@ NimBool IndxLoadTable(void** ppTable, void* oDatabase, const char* fileName, con
         INDX_TRACE(INDX_ALWAYS, "Invalid argument");
         return FALSE;
     }
+    if (!IndxCheckFileName(fileName))
+        return FALSE;
     if (ListSearch(pDatabase->oTables, IndxMatchTable, name, nullptr))
         return FALSE;
     IndxTable* pTable = nullptr;
@@ -376,72 +410,16 @@ NimBool IndxRecordsOpen(void* oTable, const char* fileName)
         INDX_TRACE(INDX_ALWAYS, "Invalid argument");
         return FALSE;
     }
+    if (!IndxCheckFileName(fileName))
+        return FALSE;
     HeldMemory<char> path(PathBuild(pTable->oDatabase->recordsPath, fileName, 0));
+    if (path)
+        TellMissingRecords(pTable, path.get());
     FileSysClose(&pTable->hRecords); // of an earlier open, or nothing
     FileSysOpen(&pTable->hRecords, path.get(), FILE_MODE_UPDATE);
     // TRUE whether or not the file opened: the operations on records meet a closed file.
     INDX_TRACE(INDX_DETAIL, "%s = IndxRecordsOpen(%p) %s", IndxTruth(TRUE), oTable, path.get());
     return TRUE;
-}
-
-NimBool IndxGetTableVersion(uint32_t* pVersion, const char* fileName, void* oDatabase)
-{
-    const IndxDatabase* pDatabase = IndxAsDatabase(oDatabase);
-    if (!pVersion || !fileName || !pDatabase) {
-        INDX_TRACE(INDX_ALWAYS, "Invalid argument");
-        return FALSE;
-    }
-    if (!ExistsIn(pDatabase->indexesPath, fileName)) {
-        INDX_TRACE(INDX_DETAIL, "Return table '%s' version of 'does not exist'", fileName);
-        *pVersion = INDX_VERSION_ABSENT;
-        return TRUE;
-    }
-    if (!ExistsIn(pDatabase->attributesPath, fileName)) {
-        INDX_TRACE(INDX_DETAIL, "Return table '%s' version of 'none'", fileName);
-        *pVersion = INDX_VERSION_NONE;
-        return TRUE;
-    }
-    HeldStanza stanza;
-    HeldMemory<char> path(PathBuild(pDatabase->attributesPath, fileName, 0));
-    if (!StnzLoadStanzaFromFile(&stanza.p, path.get(), 0, VERSION_STANZA)) {
-        INDX_TRACE_ERROR(INDX_ALWAYS, "Failed to load version stanza for table '%s'", fileName);
-        return FALSE;
-    }
-    constexpr auto NONE = static_cast<int32_t>(INDX_VERSION_NONE);
-    int32_t version = NONE;
-    if (!StnzGetInteger(stanza.p, VERSION_KEY, NONE, &version) || version == NONE) {
-        INDX_TRACE(INDX_ALWAYS, "Failed to get version integer from stnz for '%s'", fileName);
-        return FALSE;
-    }
-    INDX_TRACE(INDX_DETAIL, "Got version of %ld for table '%s'", version, fileName);
-    *pVersion = static_cast<uint32_t>(version);
-    return TRUE;
-}
-
-NimBool IndxSetTableVersion(const char* name, void* oDatabase, uint32_t version)
-{
-    const IndxDatabase* pDatabase = IndxAsDatabase(oDatabase);
-    const NimBool bSet = pDatabase && name && StoreVersion(name, pDatabase, version);
-    if (bSet)
-        INDX_TRACE(INDX_DETAIL, "Succesfully set table '%s' version to %ld", name, version);
-    INDX_TRACE(
-        INDX_DETAIL, "%s = IndxSetTableVersion('%s', %p, %ld)", IndxTruth(bSet), name, oDatabase,
-        version);
-    return bSet;
-}
-
-char* IndxTableVersionString(uint32_t version)
-{
-    switch (version) {
-    case INDX_VERSION_ABSENT:
-        return StrDuplicateIntoPool("Does not exist", IndxPool());
-    case INDX_VERSION_NONE:
-        return StrDuplicateIntoPool("None", IndxPool());
-    case INDX_VERSION_ANY:
-        return StrDuplicateIntoPool("Any", IndxPool());
-    default:
-        return StrFromInteger(version, IndxPool());
-    }
 }
 
 void IndxDropTable(IndxTable** ppTable)

@@ -4,8 +4,11 @@
 // Most operations change one number of the description, the highest id, or none. The form has every
 // number in a place of its own, of a fixed width: so it is made anew only when more has changed.
 
+#include "database/index/schema/store.h"
+
 #include "database/block/blockstore.h"
-#include "database/index/schema/schema.h"
+#include "database/index.h"
+#include "database/index/ground/runtime.h"
 
 namespace {
 
@@ -47,7 +50,7 @@ bool StoreDescription(IndxTable* pTable)
         return false;
     BlckUserDataWillChange(pTable->oBlck, form.size);
     MemCopy(pStored, form.bytes, form.size);
-    pTable->idPlace = static_cast<uint16_t>(form.idPlace);
+    pTable->idPlace = form.idPlace;
     return true;
 }
 
