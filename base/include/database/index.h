@@ -227,6 +227,13 @@ NIMDB_API NimBool IndxCursorEOI(void* oCursor);
 /* *pId = the record id of the cursor's key, if it holds one; otherwise untouched. Always 0. */
 NIMDB_API uint32_t IndxCursorGetId(uint32_t* pId, void* oCursor);
 
+/* The place of a cursor's record in the records file, for the operations that ask for an offset.
+ *   pOffset  out: the offset in the cursor's key, which may be one that the index has changed under
+ *            (IndxCurrentKey finds it again); untouched on failure. A modification that lengthens a
+ *            record moves it: the offset is then that of bytes nobody reads any more.
+ * TRUE when the cursor holds a key, else FALSE. Sets no error code. */
+NIMDB_API NimBool IndxCursorGetOffset(uint32_t* pOffset, void* oCursor);
+
 /* ---- records ------------------------------------------------------------------------------- */
 
 /* Encodes an object and adds it under the next record id.

@@ -354,3 +354,12 @@ uint32_t IndxCursorGetId(uint32_t* pId, void* oCursor)
         *pId = pCursor->oKey->recordId;
     return 0;
 }
+
+NimBool IndxCursorGetOffset(uint32_t* pOffset, void* oCursor)
+{
+    const IndxCursor* pCursor = IndxAsCursor(oCursor);
+    if (!pOffset || !pCursor || !pCursor->oKey)
+        return FALSE;
+    *pOffset = pCursor->oKey->fileOffset;
+    return TRUE;
+}
