@@ -3,12 +3,11 @@
 
 #include "database/indexwrappers.h"
 
-#include "database/block/blockstore.h"
 #include "database/dbrecord.h"
 #include "database/index.h"
-#include "database/indexinternal.h"
+#include "database/index/limit.h"
+#include "database/index/rows/modify.h"
 #include "database/trace.h"
-#include "nim/bytes.h"
 #include "nim/scope.h"
 
 namespace {
@@ -26,7 +25,6 @@ class HeldCursor {
 
     explicit operator bool() const { return oCursor_ != nullptr; }
     void* get() const { return oCursor_; }
-    IndxCursor* operator->() const { return static_cast<IndxCursor*>(oCursor_); }
     bool Find(uint32_t id, void* oKeyObject)
     {
         return IndxFindKey(oCursor_, id, oKeyObject) == INDX_RESULT_FOUND;
@@ -77,19 +75,19 @@ IndxDeleteObjectFromTable(void* oTable, const char* fieldName, uint32_t id, void
 NimBool IndxModifyObject(void* oTable, void* oObject)
 {
     HeldObject<> record;
-    if (!IndxAsTable(oTable) || (ObjGetMagic(oObject) & OBJ_MAGIC_MASK) != OBJ_MAGIC_VALID ||
+    if (!IndxIsTable(oTable) || (ObjGetMagic(oObject) & OBJ_MAGIC_MASK) != OBJ_MAGIC_VALID ||
         !DbConvertObjectToDbFormat(record.Out(), oObject))
         return FALSE;
     uint32_t id = 0;
+    uint32_t offset = 0;
     HeldCursor cursor(oTable, "Id");
     if (!cursor || !IndxGetRecordId(&id, oTable, record.get()))
         return FALSE;
-    if (!cursor.Find(id, nullptr) || cursor->status != INDX_ON_KEY || !cursor->oKey) {
-        if (!cursor->bFailed) // else it is not known whether there is one
-            IndxReportNoRecord(oTable, id);
+    if (!cursor.Find(id, nullptr) || !IndxCursorGetOffset(&offset, cursor.get())) {
+        IndxReportNoRecord(cursor.get(), id);
         return FALSE;
     }
-    return IndxModifyRecordInTable(oTable, cursor->oKey->fileOffset, record.get());
+    return IndxModifyRecordInTable(oTable, offset, record.get());
 }
 
 namespace {
@@ -126,35 +124,18 @@ uint32_t VisitRecord(const Walk& walk, const HeldCursor& cursor)
     return walk.idCallback(object.get(), walk.context, id);
 }
 
-// How many keys an index can have in the blocks of its file. A walk that takes more steps without
-// the index changing under it runs in a ring of leaves.
-uint64_t StepLimit(const HeldCursor& cursor)
-{
-    const IndxTable* pTable = cursor->oField->oTable;
-    const uint64_t blocks = pTable ? BlckBlockLimit(pTable->oBlck) : 0;
-    return (blocks + 1) * static_cast<uint64_t>(INDX_NODE_MAX_ENTRIES);
-}
-
-uint32_t WalkField(const Walk& walk, HeldCursor& cursor)
+uint32_t WalkField(const Walk& walk, const HeldCursor& cursor)
 {
     IndxCursorBOI(cursor.get());
-    uint64_t left = StepLimit(cursor);
-    uint32_t result = 1;
-    while (result == 1) {
-        // A callback may put records in front of the walk for as long as it likes.
-        if (cursor->status == INDX_UNTRUSTED)
-            left = StepLimit(cursor);
-        const bool bOnKey = IndxNextKey(cursor.get()) == INDX_RESULT_FOUND;
-        if (bOnKey && left-- > 0) {
-            result = VisitRecord(walk, cursor);
-            continue;
-        }
-        if (bOnKey)
-            IndxReportDamage(static_cast<IndxCursor*>(cursor.get()), cursor->tNode);
-        // The end of the index, or a node that cannot be used: not to be taken for the end.
-        return cursor->bFailed ? 0 : 1;
+    uint64_t left = 0;
+    for (;;) {
+        const IndxWalkStep step = IndxNextOfWalk(cursor.get(), &left);
+        if (step != IndxWalkStep::OnKey)
+            return step == IndxWalkStep::End ? 1 : 0; // damage is not to be taken for the end
+        const uint32_t result = VisitRecord(walk, cursor);
+        if (result != 1)
+            return result;
     }
-    return result;
 }
 
 } // namespace
@@ -162,7 +143,7 @@ uint32_t WalkField(const Walk& walk, HeldCursor& cursor)
 uint32_t
 IndxWalkTable(void* oTable, const char* fieldName, IndxWalkCallback callback, void* context)
 {
-    if (!IndxAsTable(oTable) || !fieldName || !callback)
+    if (!IndxIsTable(oTable) || !fieldName || !callback)
         return 0;
     HeldCursor cursor(oTable, fieldName);
     return cursor ? WalkField({callback, nullptr, context, false, nullptr}, cursor) : 0;
@@ -171,7 +152,7 @@ IndxWalkTable(void* oTable, const char* fieldName, IndxWalkCallback callback, vo
 uint32_t IndxWalkTableWithRecordId(
     void* oTable, const char* fieldName, IndxWalkIdCallback callback, void* context)
 {
-    if (!IndxAsTable(oTable) || !fieldName || !callback) {
+    if (!IndxIsTable(oTable) || !fieldName || !callback) {
         // Names the form with a callback, not this operation: operators know the text.
         WRAP_TRACE(TraceLevel::ALWAYS, "Munged args to IndxWalkCallbackWithRecordId");
         return 0;
@@ -188,7 +169,7 @@ uint32_t IndxWalkTableWithPartialRecords(
     void* oTable, const uint32_t* pSelected, const char* fieldName, IndxWalkCallback callback,
     void* context)
 {
-    if (!IndxAsTable(oTable) || !fieldName || !callback)
+    if (!IndxIsTable(oTable) || !fieldName || !callback)
         return 0;
     HeldCursor cursor(oTable, fieldName);
     return cursor ? WalkField({callback, nullptr, context, true, pSelected}, cursor) : 0;

@@ -452,6 +452,26 @@ TEST_F(Cursor, GetIdReturns0WhetherItStoresAnIdOrCannot)
     EXPECT_EQ(id, 42u);
 }
 
+TEST_F(Cursor, GetOffsetTellsWhetherThereIsAKey)
+{
+    IndexFixture index(path(), {{INDX_KEY_INTEGER}});
+    index.Add(42, NumberKey(1), 4711);
+    uint32_t offset = 77;
+    IndxCursorBOI(index.cursor());
+    EXPECT_EQ(IndxCursorGetOffset(&offset, index.cursor()), 0u);
+    EXPECT_EQ(IndxCursorGetOffset(&offset, nullptr), 0u);
+    EXPECT_EQ(IndxCursorGetOffset(&offset, index.table()), 0u);
+    EXPECT_EQ(offset, 77u);
+    IndxFirstKey(index.cursor());
+    EXPECT_EQ(IndxCursorGetOffset(nullptr, index.cursor()), 0u);
+    EXPECT_EQ(IndxCursorGetOffset(&offset, index.cursor()), 1u);
+    EXPECT_EQ(offset, 4711u);
+    offset = 77;
+    index.Add(43, NumberKey(2)); // an untrusted cursor still holds its key
+    EXPECT_EQ(IndxCursorGetOffset(&offset, index.cursor()), 1u);
+    EXPECT_EQ(offset, 4711u);
+}
+
 // ---- messages ----------------------------------------------------------------------------------
 
 // ---- nodes that cannot be had ------------------------------------------------------------------

@@ -186,9 +186,13 @@ bool IndxGetRecordId(uint32_t* pId, void* oTable, void* oRecord)
     return true;
 }
 
-void IndxReportNoRecord(void* oTable, uint32_t id)
+void IndxReportNoRecord(void* oCursor, uint32_t id)
 {
-    INDX_TRACE(INDX_ALWAYS, "No record %ld in table '%s' to modify", id, IndxAsTable(oTable)->name);
+    const auto* pCursor = static_cast<const IndxCursor*>(oCursor);
+    if (!pCursor->bFailed)
+        INDX_TRACE(
+            INDX_ALWAYS, "No record %ld in table '%s' to modify", id,
+            pCursor->oField->oTable->name);
 }
 
 NimBool IndxModifyRecordInTable(void* oTable, uint32_t offset, void* oRecord)

@@ -7,5 +7,6 @@
 // 15 and a failure trace, when it is of another type than the table's, or no record of it.
 [[nodiscard]] bool IndxGetRecordId(uint32_t* pId, void* oTable, void* oRecord);
 
-// Says that a table has no record of this id to be modified.
-void IndxReportNoRecord(void* oTable, uint32_t id);
+// Says, after a find with this cursor, that its table has no record of this id to be modified; but
+// not when damage ended the find, since then nobody knows.
+void IndxReportNoRecord(void* oCursor, uint32_t id);
