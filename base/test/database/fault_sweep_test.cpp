@@ -217,7 +217,7 @@ TEST_F(FaultSweepAdd, LoadingATableThatWasLeftOut)
 }
 
 // Whatever cannot be read or told, a table of another version is not opened, and keeps its own.
-TEST_F(FaultSweepTest, OpeningATableOfAnotherVersion)
+TEST_F(FaultSweepAdd, OpeningATableOfAnotherVersion)
 {
     PrepareTwoTables();
     const std::string version = ReadFileBytes(PathOf("Attributes", TABLE));

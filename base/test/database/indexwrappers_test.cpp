@@ -145,19 +145,32 @@ TEST_F(Wrappers, WhatIsNotThereIsAnsweredInSilence)
 {
     const Held nobody = Text("Nobody");
     const Held empty = Text("");
-    const Held number(ObjIntegerNew(1));
-    const Held name = Text(*model_[4].name);
     TraceRecorder trace(-1);
     const std::tuple<const char*, uint32_t, void*> searches[] = {
-        {"Name", 0, nobody.get()}, {"Name", 0, empty.get()}, {"Name", 0, number.get()},
-        {"Name", 0, nullptr},      {"Id", 10, nullptr},      {"Id", 0, nullptr},
-        {"Age", 0, name.get()},    {nullptr, 0, nullptr},
+        {"Name", 0, nobody.get()}, {"Name", 0, empty.get()}, {"Id", 10, nullptr},
+        {"Id", 0, nullptr},        {nullptr, 0, nullptr},
     };
     for (const auto& [field, id, oKey] : searches) {
         EXPECT_FALSE(GetObject(field, id, oKey));
         EXPECT_FALSE(GetRecord(field, id, oKey));
     }
     EXPECT_TRUE(trace.lines().empty()) << trace.dump();
+    EXPECT_EQ(IndxError(), UNTOUCHED);
+}
+
+TEST_F(Wrappers, AKeyObjectOfAnotherTypeIsToldByTheFind)
+{
+    const Held number(ObjIntegerNew(1));
+    const Held name = Text(*model_[4].name);
+    const std::pair<const char*, void*> searches[] = {
+        {"Name", number.get()}, {"Name", nullptr}, {"Age", name.get()}};
+    for (const auto& [field, oKey] : searches) {
+        TraceRecorder trace(-1);
+        EXPECT_FALSE(GetObject(field, 0, oKey));
+        EXPECT_FALSE(GetRecord(field, 0, oKey));
+        EXPECT_EQ(trace.lines().size(), 2u) << trace.dump();
+        EXPECT_TRUE(trace.hasPart("Key object of type ")) << trace.dump();
+    }
     EXPECT_EQ(IndxError(), UNTOUCHED);
 }
 
@@ -226,11 +239,8 @@ TEST_F(Wrappers, ARecordIsDeletedByTheKeyOfAnyIndex)
 TEST_F(Wrappers, AKeyThatIsNotPresentIsTracedAndNothingIsDeleted)
 {
     const Held nobody = Text("Nobody");
-    const Held number(ObjIntegerNew(1));
     const std::tuple<const char*, uint32_t, void*> searches[] = {
-        {"Name", 0, nobody.get()}, {"Name", 0, number.get()}, {"Name", 0, nullptr},
-        {"Id", 10, nullptr},       {"Id", 0, nullptr},
-    };
+        {"Name", 0, nobody.get()}, {"Id", 10, nullptr}, {"Id", 0, nullptr}};
     for (const auto& [field, id, oKey] : searches) {
         TraceRecorder trace(-1);
         EXPECT_EQ(IndxDeleteObjectFromTable(table_, field, id, oKey), 0u);

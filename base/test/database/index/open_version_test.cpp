@@ -246,11 +246,11 @@ TEST_F(OpeningVersions, VersionCallsRefuseBadArguments)
 
 // ---- what cannot be told is not taken for absent ----------------------------------------------
 
-class WrongVersion : public Versions {
+class WrongVersion : public OpeningVersions {
   protected:
     void SetUp() override
     {
-        Versions::SetUp();
+        OpeningVersions::SetUp();
         AddMany(Create("T", 5), 3);
         Close();
         versionBytes_ = ReadFileBytes(VersionFile("T"));
@@ -348,7 +348,7 @@ TEST_F(WrongVersion, VersionOfATableWhoseFileAppearsMeanwhileStays)
 
 // A creation that came no further than its block file left no table, and is no obstacle to the
 // next.
-TEST_F(Versions, BlankBlockFileWithoutAVersionIsNoTableOfVersionNone)
+TEST_F(OpeningVersions, BlankBlockFileWithoutAVersionIsNoTableOfVersionNone)
 {
     Fail(FAULT_STNZ_SAVE);
     EXPECT_EQ(Create("T", 5), nullptr);
@@ -359,7 +359,7 @@ TEST_F(Versions, BlankBlockFileWithoutAVersionIsNoTableOfVersionNone)
     EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = 5\n");
 }
 
-TEST_F(Versions, RefusedDefinitionKeepsTheVersionItWasGiven)
+TEST_F(OpeningVersions, RefusedDefinitionKeepsTheVersionItWasGiven)
 {
     EXPECT_EQ(OpenTable("T", MAGIC, "i;s;", "Id", 0, 5), nullptr);
     EXPECT_EQ(ReadFileBytes(VersionFile("T")), "[Versioning]\nVersion = 5\n");
