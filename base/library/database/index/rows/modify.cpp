@@ -31,7 +31,7 @@ struct HeldRecord {
 };
 
 // The old record: its fixed part, and its variable data where keys lie in it.
-NimBool ReadOldRecord(HeldRecord* pOld, IndxTable* pTable, uint32_t offset)
+bool ReadOldRecord(HeldRecord* pOld, IndxTable* pTable, uint32_t offset)
 {
     const auto* pFlags = static_cast<const uint32_t*>(pTable->indexedFlags.data);
     return IndxRetrivePartialRecord(
@@ -44,19 +44,19 @@ struct KeyChange {
     uint32_t newOffset;
 };
 
-NimBool MoveKey(IndxCursor* pCursor, const KeyChange* pChange)
+bool MoveKey(IndxCursor* pCursor, const KeyChange* pChange)
 {
     if (IndxRepointKey(pCursor, pChange->pOld, pChange->pNew, pChange->newOffset))
-        return TRUE;
+        return true;
     if (!IndxDeleteKey(pCursor, pChange->pOld)) {
         INDX_TRACE(INDX_ALWAYS, "Error failed to delete old key");
-        return FALSE;
+        return false;
     }
     if (!IndxInsertKey(pCursor, pChange->newOffset, pChange->pNew)) {
         INDX_TRACE(INDX_ALWAYS, "Error failed to insert new key");
-        return FALSE;
+        return false;
     }
-    return TRUE;
+    return true;
 }
 
 // Moves one field's key from the old record to the new one. Kept: a field counts as indexed when
@@ -67,7 +67,7 @@ NimBool IndxModifyKey(void* context, void* oField)
     if (!pField->bIndexed)
         return TRUE;
     IndxKeyCursor cursor(pField);
-    return cursor.get() ? MoveKey(cursor.get(), static_cast<const KeyChange*>(context)) : FALSE;
+    return MoveKey(cursor.get(), static_cast<const KeyChange*>(context));
 }
 
 NimBool IndxDeleteOldKey(void* context, void* oField)
@@ -76,8 +76,7 @@ NimBool IndxDeleteOldKey(void* context, void* oField)
     if (pField->bIndexed != 1)
         return TRUE;
     IndxKeyCursor cursor(pField);
-    const NimBool bDeleted =
-        cursor.get() && IndxDeleteKey(cursor.get(), static_cast<const ObjData*>(context));
+    const NimBool bDeleted = IndxDeleteKey(cursor.get(), static_cast<const ObjData*>(context));
     if (!bDeleted)
         INDX_TRACE(INDX_ALWAYS, "Failed to delete key");
     return bDeleted;
@@ -130,7 +129,7 @@ bool WriteNewRecord(IndxTable* pTable, const ObjData* pNew)
     return false;
 }
 
-// Steps 6 to 8 of a modification: place, keys, bytes.
+// First the place, then the keys, then the bytes: a refused key leaves the records file as it was.
 bool ReplaceRecord(IndxTable* pTable, uint32_t offset, const ObjData* pOld, ObjData* pNew)
 {
     auto* pBytes = static_cast<uint8_t*>(pNew->data);
@@ -252,19 +251,19 @@ bool IsOfKey(const IndxTable* pTable, const ObjData* pRecord, const IndxKeyInfo*
            GetU32(static_cast<const uint8_t*>(pRecord->data) + pTable->idOffset) == pKey->recordId;
 }
 
-NimBool DeleteAtKey(const IndxCursor* pCursor)
+bool DeleteAtKey(const IndxCursor* pCursor)
 {
     IndxTable* pTable = IndxAsTable(pCursor->oField->oTable);
     HeldRecord old;
     if (!pTable || !ReadOldRecord(&old, pTable, pCursor->oKey->fileOffset) ||
         !IsOfKey(pTable, &old.data, pCursor->oKey)) {
         INDX_TRACE_ERROR(INDX_ALWAYS, "Lost record");
-        return FALSE;
+        return false;
     }
     if (!ListWalk(pTable->oFields, IndxDeleteOldKey, &old.data)) {
         INDX_TRACE(INDX_ALWAYS, "Could not delete keys for record");
         IndxBackout(pTable);
-        return FALSE;
+        return false;
     }
     return IndxUpdateTable(pTable);
 }

@@ -42,8 +42,7 @@ NimBool IndxUpdateIndex(void* context, void* oField)
     if (!pField->bIndexed)
         return TRUE;
     IndxKeyCursor cursor(pField);
-    const NimBool bInserted =
-        cursor.get() && IndxInsertKey(cursor.get(), pUpdate->offset, pUpdate->pRecord);
+    const NimBool bInserted = IndxInsertKey(cursor.get(), pUpdate->offset, pUpdate->pRecord);
     if (!bInserted)
         INDX_TRACE(INDX_ALWAYS, "Failed to insert key");
     return bInserted;
