@@ -125,7 +125,7 @@ class ObjMap : public testing::TestWithParam<bool> {
     Ref map_;
 };
 
-using Keys_ = std::vector<int32_t>;
+using KeyList = std::vector<int32_t>;
 
 } // namespace
 
@@ -265,7 +265,7 @@ TEST_P(ObjMap, InsertSurvivesEveryFault)
         }
         ASSERT_EQ(Find(key).get(), entry.get());
     }
-    Keys_ keys = Keys();
+    KeyList keys = Keys();
     EXPECT_EQ(keys.size(), 6000u);
     EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end()));
     map_ = Ref();
@@ -278,7 +278,7 @@ TEST_P(ObjMap, IsWalkedInAscendingOrderWhateverTheOrderOfInsertion)
 {
     for (int32_t key : {3, -1, INT32_MAX, 0, INT32_MIN, 7, 2})
         ASSERT_EQ(Insert(key), 1u);
-    EXPECT_EQ(Keys(), (Keys_{INT32_MIN, -1, 0, 2, 3, 7, INT32_MAX}));
+    EXPECT_EQ(Keys(), (KeyList{INT32_MIN, -1, 0, 2, 3, 7, INT32_MAX}));
 }
 
 TEST_P(ObjMap, AWalkGoesOnAtExactlyOne)
@@ -308,7 +308,7 @@ TEST_P(ObjMap, AWalkMeetsWhatIsInsertedBehindItsCurrentEntry)
 {
     for (int32_t key = 0; key < 1000; key += 10)
         ASSERT_EQ(Insert(key), 1u);
-    Keys_ seen;
+    KeyList seen;
     EXPECT_EQ(
         Walk([&](Entry* entry) {
             seen.push_back(entry->key);
@@ -321,7 +321,7 @@ TEST_P(ObjMap, AWalkMeetsWhatIsInsertedBehindItsCurrentEntry)
             return 1u;
         }),
         1u);
-    Keys_ expected;
+    KeyList expected;
     for (int32_t key = 0; key < 1000; ++key)
         expected.push_back(key);
     EXPECT_EQ(seen, expected);
@@ -343,7 +343,7 @@ TEST_P(ObjMap, AWalkEndsWhenTheMapIsEmptiedUnderIt)
         }),
         1u);
     EXPECT_EQ(seen, 1);
-    EXPECT_EQ(Keys(), (Keys_{5, 6, 7, 8}));
+    EXPECT_EQ(Keys(), (KeyList{5, 6, 7, 8}));
 }
 
 TEST_P(ObjMap, AWalkSurvivesTheLastReleaseOfItsMap)
@@ -366,7 +366,7 @@ TEST_P(ObjMap, ReleasingDropsEveryReferenceInAscendingOrder)
 {
     Ref kept = NewEntry(500);
     ASSERT_EQ(ObjMapInsert(map(), kept.get()), 1u);
-    Keys_ expected;
+    KeyList expected;
     for (int32_t i = 0; i < 1500; ++i) {
         if (i != 500)
             expected.push_back(i);
@@ -381,7 +381,7 @@ TEST_P(ObjMap, ReleasingDropsEveryReferenceInAscendingOrder)
     EXPECT_EQ(ObjMapCount(map()), 0u);
     EXPECT_EQ(Find(1).get(), nullptr);
     ASSERT_EQ(Insert(1), 1u) << "the map stays usable";
-    EXPECT_EQ(Keys(), (Keys_{1}));
+    EXPECT_EQ(Keys(), (KeyList{1}));
     ObjMapReleaseEntries(map());
     ObjMapReleaseEntries(map());
 }
@@ -400,7 +400,7 @@ TEST_P(ObjMap, ADestructorFindsTheMapEmptyAndMayInsertIntoIt)
     ObjMapReleaseEntries(map());
     EXPECT_EQ(gDied.size(), 700u);
     EXPECT_EQ(ObjMapCount(map()), 700u);
-    Keys_ keys = Keys();
+    KeyList keys = Keys();
     EXPECT_EQ(keys.front(), 10000);
     EXPECT_EQ(keys.back(), 10699);
 }
@@ -411,7 +411,7 @@ TEST_P(ObjMap, ADestructorMayReleaseTheMapThatIsBeingEmptied)
         ASSERT_EQ(Insert(key), 1u);
     gOnDeath = [&](Entry*) { map_ = Ref(); };
     ObjMapReleaseEntries(map());
-    EXPECT_EQ(gDied, (Keys_{0, 1, 2, 3, 4}));
+    EXPECT_EQ(gDied, (KeyList{0, 1, 2, 3, 4}));
 }
 
 TEST_P(ObjMap, ADyingMapIsEmptyForItsEntriesDestructors)
@@ -481,7 +481,7 @@ TEST_P(ObjMap, AHundredThousandEntriesInEveryOrderOfInsertion)
         }
         EXPECT_EQ(Insert(order), 0u);
         EXPECT_EQ(ObjMapCount(map()), static_cast<uint32_t>(COUNT));
-        Keys_ keys = Keys();
+        KeyList keys = Keys();
         ASSERT_EQ(keys.size(), static_cast<size_t>(COUNT));
         for (int32_t i = 0; i < COUNT; ++i)
             ASSERT_EQ(keys[i], i);
@@ -544,7 +544,7 @@ TEST_P(ObjMap, AnyMagicIsTakenByAMapWithoutOne)
     EXPECT_EQ(ObjMapInsert(map(), other.get()), 1u);
     EXPECT_EQ(Insert(4), 0u);
     EXPECT_EQ(Insert(3), 1u);
-    EXPECT_EQ(Keys(), (Keys_{3, 4}));
+    EXPECT_EQ(Keys(), (KeyList{3, 4}));
 }
 
 TEST(ObjMapKey, AnIntegerKeyIsSetOnAnEmptyMapOnly)
