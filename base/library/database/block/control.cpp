@@ -84,7 +84,7 @@ BlckControl* ReadControl(void* hFile)
         BLCK_TRACE(DETAIL, "Read '%ld' of '%ld' byte header", count, BLCK_CONTROL_SIZE);
         bSound = AdoptHeader(control.get(), count) && (count > 0 || ReserveControl(hFile));
     }
-    control->changedTo = BLCK_CONTROL_SIZE;
+    control->dirtyTo = BLCK_CONTROL_SIZE;
     const uint32_t bModified = control->bModified;
     DisarmControl(control.get());
     if (!bSound || !ObjMapCreateInternal(
@@ -145,7 +145,7 @@ void BlckUserDataWillChange(void* oBlck, uint32_t size)
         pControl->bModified = TRUE;
         const uint32_t end = static_cast<uint32_t>(offsetof(BlckControl, userData)) +
                              std::min(size, BLCK_USER_DATA_SIZE);
-        pControl->changedTo = std::max(pControl->changedTo, end);
+        pControl->dirtyTo = std::max(pControl->dirtyTo, end);
     }
 }
 
@@ -176,11 +176,11 @@ void BlckFlushControlBlock(BlckControl* pControl)
         BLCK_TRACE(ALWAYS, "Modified control block has no handle");
     } else if (!FileSysSeekStart(pControl->hFile)) {
         BLCK_TRACE(ALWAYS, "Failed to seek to begining of file");
-    } else if (!FileSysWrite(&moved, pControl->hFile, pControl, pControl->changedTo)) {
+    } else if (!FileSysWrite(&moved, pControl->hFile, pControl, pControl->dirtyTo)) {
         BLCK_TRACE(ALWAYS, "Failed to write control block to file");
     } else {
         pControl->bModified = FALSE; // after the write: the image on disk carries 1
-        pControl->changedTo = offsetof(BlckControl, userData);
+        pControl->dirtyTo = offsetof(BlckControl, userData);
         return;
     }
     HeldMemory<char> dump;

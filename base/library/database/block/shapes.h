@@ -45,14 +45,15 @@ struct BlckControl {
     void* hFile;
     void* oMap;
     uint8_t userData[BLCK_USER_DATA_SIZE];
-    // Behind the image: how many of its bytes, from its start on, may differ from the file's.
-    uint32_t changedTo;
+    // Behind the image: how many of its bytes, from its start on, are dirty: may differ from the
+    // file's.
+    uint32_t dirtyTo;
     uint32_t reserved;
 };
 static_assert(offsetof(BlckControl, blockCount) == 8 && offsetof(BlckControl, tFreeChain) == 12);
 static_assert(offsetof(BlckControl, bModified) == 16 && offsetof(BlckControl, hFile) == 24);
 static_assert(offsetof(BlckControl, oMap) == 32 && offsetof(BlckControl, userData) == 40);
-static_assert(offsetof(BlckControl, changedTo) == BLCK_CONTROL_SIZE);
+static_assert(offsetof(BlckControl, dirtyTo) == BLCK_CONTROL_SIZE);
 
 // The block object, template "p;n16384;i;b;b;". A block's pData is the address of `data`.
 struct BlckBlock {
