@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "database/dbconfig_internal.h"
+#include "database/trace.h"
 #include "nim/config.h"
 #include "nim/drive.h"
 #include "nim/list.h"
@@ -28,13 +29,6 @@ constinit const DbDrives kDbSystemDrives = {
 constinit const DbDrives* gpDbDrives = &kDbSystemDrives;
 
 namespace {
-
-constexpr char TAG[] = "DBCONFIG        ";
-constexpr int32_t LEVEL_FAILURE = -1;
-constexpr int32_t LEVEL_DRIVE = 1;
-constexpr int32_t LEVEL_DETAIL = 4;
-
-#define TRACE_LINE(error, level, ...) NIM_TRACE(TAG, error, level, __VA_ARGS__)
 
 constexpr char HOME_NAME[] = "db";
 constexpr char CONFIG_FILE[] = "configure.cfg";
@@ -119,10 +113,11 @@ void AppendDrive(void* list, char letter)
     std::memcpy(root, DRIVE_ROOT, sizeof root);
     root[0] = letter;
     const uint32_t type = gpDbDrives->getDriveType(root);
-    TRACE_LINE(
-        0, LEVEL_DRIVE, "The drive type for drive %s is %d", root, static_cast<int32_t>(type));
+    DBCONFIG_TRACE(
+        TraceLevel::NOTICE, "The drive type for drive %s is %d", root, static_cast<int32_t>(type));
     if (type == DB_DRIVE_UNKNOWN)
-        TRACE_LINE(1, LEVEL_FAILURE, "Failed to tell the type of drive %s; it is left out", root);
+        DBCONFIG_TRACE_ERROR(
+            TraceLevel::ALWAYS, "Failed to tell the type of drive %s; it is left out", root);
     if (type != DB_DRIVE_FIXED)
         return;
 
@@ -131,13 +126,13 @@ void AppendDrive(void* list, char letter)
     path[0] = letter;
     const uint32_t kind = PathKind(path);
     if (kind == PATH_DIRECTORY) {
-        TRACE_LINE(0, LEVEL_DRIVE, "PathIsADirectory returned TRUE for %s", path);
+        DBCONFIG_TRACE(TraceLevel::NOTICE, "PathIsADirectory returned TRUE for %s", path);
         AppendPath(list, path);
     } else if (kind == PATH_UNKNOWN) {
-        TRACE_LINE(
-            1, LEVEL_FAILURE, "Failed to tell whether %s is a directory; it is left out", path);
+        DBCONFIG_TRACE_ERROR(
+            TraceLevel::ALWAYS, "Failed to tell whether %s is a directory; it is left out", path);
     } else {
-        TRACE_LINE(0, LEVEL_DRIVE, "PathIsADirectory returned FALSE for %s", path);
+        DBCONFIG_TRACE(TraceLevel::NOTICE, "PathIsADirectory returned FALSE for %s", path);
     }
 }
 
@@ -149,7 +144,7 @@ NimBool DbGetHomeDir(char** ppDir)
         return FALSE;
     const HeldMemory<> byDefault(PathHomeBuild(HOME_NAME, 0));
     CfgGetString(ppDir, CONFIG_FILE, CONFIG_STANZA, CONFIG_KEY, byDefault.get());
-    TRACE_LINE(0, LEVEL_DETAIL, "Db home dir is %s", *ppDir);
+    DBCONFIG_TRACE(TraceLevel::DETAIL, "Db home dir is %s", *ppDir);
     return TRUE;
 }
 
@@ -172,8 +167,8 @@ NimBool DbGetClusterDerivedPath(const char* path, char** ppDbPath)
     if (pDerived)
         *ppDbPath = pDerived;
     const NimBool lResult = pDerived ? TRUE : FALSE;
-    TRACE_LINE(
-        0, LEVEL_DETAIL, "For path %s, retval is %s, db is %s", path, lResult ? "TRUE" : "FALSE",
+    DBCONFIG_TRACE(
+        TraceLevel::DETAIL, "For path %s, retval is %s, db is %s", path, lResult ? "TRUE" : "FALSE",
         ppDbPath ? *ppDbPath : nullptr);
     return lResult;
 }
@@ -185,8 +180,8 @@ uint32_t DbMungeQtreeIdFromDbPath(uint32_t qtreeId, const char* path)
         HeldMemory<> home;
         DbGetHomeDir(home.Out());
         if (!home) {
-            TRACE_LINE(
-                1, LEVEL_FAILURE, "Failed to munge path %s: the home directory cannot be told",
+            DBCONFIG_TRACE_ERROR(
+                TraceLevel::ALWAYS, "Failed to munge path %s: the home directory cannot be told",
                 path);
         } else if (StrCompareNoCase(path, home.get()) != 0) {
             // Kept: a character below 64 wraps, and no more of the path than this is looked at.
@@ -194,8 +189,8 @@ uint32_t DbMungeQtreeIdFromDbPath(uint32_t qtreeId, const char* path)
             mungedId = (drive << DRIVE_SHIFT) | (qtreeId & QTREE_MASK);
         }
     }
-    TRACE_LINE(
-        0, LEVEL_DETAIL, "For path %s and qtree id %d 0x%x, the return value is 0x%x", path,
+    DBCONFIG_TRACE(
+        TraceLevel::DETAIL, "For path %s and qtree id %d 0x%x, the return value is 0x%x", path,
         static_cast<int32_t>(qtreeId), qtreeId, mungedId);
     return mungedId;
 }
@@ -222,8 +217,9 @@ void DbGetDbPathList(void* list, uint32_t includeHome)
     if (mask == 0) {
         // The line's error word carries the system's own error value.
         const uint32_t systemError = gpDbDrives->getLastError();
-        TRACE_LINE(
-            systemError, LEVEL_FAILURE, "GetLogicalDrives failed. Unable to enumerate drives");
+        NIM_TRACE(
+            DBCONFIG_TAG, systemError, TraceLevel::ALWAYS,
+            "GetLogicalDrives failed. Unable to enumerate drives");
         return;
     }
     for (uint32_t i = 0; i < DRIVE_LETTERS && mask != 0; ++i, mask >>= 1) {

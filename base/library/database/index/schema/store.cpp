@@ -9,11 +9,9 @@
 #include "database/block/blockstore.h"
 #include "database/index.h"
 #include "database/index/ground/runtime.h"
+#include "database/logids.h"
 
 namespace {
-
-constexpr uint32_t LOG_CLASS = 96;
-constexpr uint32_t LOG_UPDATE_TABLE = 1301;
 
 // The description as a whole, in the room of the user data.
 struct Form {
@@ -95,7 +93,7 @@ NimBool IndxUpdateTable(void* oTable)
         pTable->bChanged = FALSE;
         if (!StoreDescription(pTable)) {
             INDX_TRACE_ERROR(INDX_ALWAYS, "Failed to update table");
-            LogMessage(LOG_UPDATE_TABLE, LOG_CLASS, 0, "Failed to update table '%s'", pTable->name);
+            LogMessageAs(LOG_UPDATE_TABLE, "Failed to update table '%s'", pTable->name);
             bStored = FALSE;
         }
     }
