@@ -26,10 +26,6 @@ using namespace TraceLevel;
 
 namespace {
 
-// Dirty ranges closer than this are written with one call, where what lies between them is there: a
-// system call costs what copying so many bytes costs.
-constexpr uint32_t WORTH_A_CALL = 4096;
-
 // How much more than what was declared is brought in: the next entry or value will want it.
 constexpr uint32_t AHEAD = 192;
 
@@ -106,6 +102,9 @@ bool IsThere(const BlckBlock* pBlock, uint32_t from, uint32_t to)
     return to <= pBlock->frontTo || from >= pBlock->backFrom || pBlock->frontTo >= pBlock->backFrom;
 }
 
+// Ranges go to the file with one call where what lies between them is there: a process that dies
+// between two writes of one block leaves a node that contradicts itself, and a call costs what
+// copying some thousand bytes costs.
 bool WriteDirty(BlckControl* pOwner, const BlckBlock* pBlock)
 {
     ProveDeclared(pBlock);
@@ -113,9 +112,7 @@ bool WriteDirty(BlckControl* pOwner, const BlckBlock* pBlock)
     for (uint32_t i = 0; i < dirty.count;) {
         const uint32_t from = dirty.ranges[i].from;
         uint32_t to = dirty.ranges[i].to;
-        for (++i; i < dirty.count && dirty.ranges[i].from - to < WORTH_A_CALL &&
-                  IsThere(pBlock, to, dirty.ranges[i].from);
-             ++i)
+        for (++i; i < dirty.count && IsThere(pBlock, to, dirty.ranges[i].from); ++i)
             to = dirty.ranges[i].to;
         if (!WriteBytes(pOwner, pBlock, from, to))
             return false;
