@@ -48,8 +48,8 @@ NIMDB_API NimBool IndxModifyObject(void* oTable, void* oObject);
  * callback that raises every value it meets never comes to the end.
  *   context  in: handed to the callback.
  * 1 when the end was reached (also of an empty table), the callback's value when it stopped the
- * walk, 0 for an unusable argument or field, and 0 with last error INDX_ERROR_READ and a failure trace when a
- * damaged index ended the walk. */
+ * walk, 0 for an unusable argument or field, and 0 with last error INDX_ERROR_READ and a failure
+ * trace when a damaged index ended the walk. */
 NIMDB_API uint32_t
 IndxWalkTable(void* oTable, const char* fieldName, IndxWalkCallback callback, void* context);
 

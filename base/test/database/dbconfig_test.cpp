@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "database/dbconfig_internal.h"
-#include "database/indexinternal.h"
 #include "database/index.h"
+#include "database/indexinternal.h"
 #include "nim/fault.h"
 #include "nim/nim.h"
 #include "support/file_bytes.h"

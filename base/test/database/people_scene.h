@@ -36,10 +36,10 @@ class PeopleScene : public PeopleTest {
     using PeopleTest::HomePath;
     using PeopleTest::ListedTable;
     using PeopleTest::MustAdd;
+    using PeopleTest::Native;
     using PeopleTest::ObjectOf;
     using PeopleTest::OffsetOf;
     using PeopleTest::Open;
-    using PeopleTest::Native;
     using PeopleTest::OpenPeople;
     using PeopleTest::OpenTable;
     using PeopleTest::PathOf;

@@ -22,8 +22,8 @@ inline uint32_t RandomRounds(uint32_t usual)
     return ModelOperations() >= 1'000'000 ? 4 * usual : usual;
 }
 
-// What opens, makes and removes files: where the system runs under an emulator each of these takes a
-// hundred times as long, and the facts are the same.
+// What opens, makes and removes files: where the system runs under an emulator each of these takes
+// a hundred times as long, and the facts are the same.
 template <typename Number>
 constexpr Number FileEffort(Number times)
 {

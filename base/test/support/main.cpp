@@ -26,8 +26,8 @@ static void OnAbort(int)
 void SaveCoverage() {}
 #endif
 
-// A program that dies leaves no report: the file named by NIM_TEST_RUNNING then holds the test that it
-// died in. It goes when the program comes to its end.
+// A program that dies leaves no report: the file named by NIM_TEST_RUNNING then holds the test that
+// it died in. It goes when the program comes to its end.
 class RunningTest : public testing::EmptyTestEventListener {
   public:
     explicit RunningTest(std::string path) : path_(std::move(path)) {}
