@@ -462,10 +462,10 @@ TEST_F(Definition, KindDecidesTypeKeyTypeAndIndex)
 TEST_F(Definition, FlagsAreTracedAsWrittenAndDroppedByTheKind)
 {
     TraceRecorder trace;
-    IndxTable* pTable = Create("i;b;", "Id,a;Indexed;Unique");
+    IndxTable* pTable = Create("i;b;", "Id,a;Indexed;Case");
     ASSERT_NE(pTable, nullptr);
     EXPECT_TRUE(
-        trace.has(TAG, 0, 4, "Field 1 'a' offset 8 indexed TRUE unique TRUE case sensitive FALSE"));
+        trace.has(TAG, 0, 4, "Field 1 'a' offset 8 indexed TRUE unique FALSE case sensitive TRUE"));
     EXPECT_EQ(Field(pTable, 1)->bIndexed, 0u);
     EXPECT_EQ(trace.countLevel(-1), 0u) << trace.dump();
 }
