@@ -129,6 +129,20 @@ TEST_F(BlockRelease, ABlockIsWrittenAtOnceWhereAllBetweenIsThere)
     }
 }
 
+// Ranges are joined when there are many; what lies between two of them is not made up.
+TEST_F(BlockRelease, ManyChangesOnBothSidesOfWhatIsNotInMemory)
+{
+    const int32_t tId = MakeBlockOfY();
+    std::string expected = Stored(tId);
+    uint8_t* pData = TakeEnds(tId, 1000, 1000);
+    for (const uint32_t offset : {0u, 300u, 600u, 15400u, 15700u, 16000u, 16300u, 900u}) {
+        Change(pData, offset, 8, 'z');
+        expected.replace(offset, 8, 8, 'z');
+    }
+    Release();
+    EXPECT_TRUE(Stored(tId) == expected);
+}
+
 // Whatever is declared, in whatever order, is written, and of the rest nothing that differs.
 TEST_F(BlockRelease, RandomChangesAreAllWritten)
 {

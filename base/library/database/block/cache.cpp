@@ -114,6 +114,7 @@ bool WriteDirty(BlckControl* pOwner, const BlckBlock* pBlock)
         uint32_t to = dirty.ranges[i].to;
         for (++i; i < dirty.count && IsThere(pBlock, to, dirty.ranges[i].from); ++i)
             to = dirty.ranges[i].to;
+        assert(IsThere(pBlock, from, to));
         if (!WriteBytes(pOwner, pBlock, from, to))
             return false;
     }
@@ -350,7 +351,10 @@ bool BlckWillChange(void* pData, uint32_t offset, uint32_t size)
     assert(AsBlock(pData) && offset <= BLCK_BLOCK_SIZE && size <= BLCK_BLOCK_SIZE - offset);
     if (size == 0)
         return true;
-    if (!BringInRange(pBlock, offset, offset + size))
+    // One range more than there is room for joins two others, and what lies between them must be
+    // there.
+    const bool bMayJoin = pBlock->dirty.count == BlckRanges::ROOM;
+    if (!BringInRange(pBlock, offset, offset + size) || (bMayJoin && !BringInWhole(pBlock)))
         return false;
     if (!pBlock->bModified) {
         BLCK_TRACE(
