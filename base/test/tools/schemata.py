@@ -2,6 +2,7 @@
 starts. Reads the list of faults, finds their places, weaves them in, and proposes others."""
 
 import re
+import textwrap
 from dataclasses import dataclass, field
 
 SWITCH = "MutantOn"
@@ -24,6 +25,11 @@ class Wrong(Exception):
     """The list of faults does not fit the sources."""
 
 
+def wrapped(line):
+    """On lines that can be read, of which the further ones are indented."""
+    return "\n  ".join(textwrap.wrap(line, 98, break_long_words=False, break_on_hyphens=False))
+
+
 @dataclass
 class Mutant:
     """A fault: in `function` of `file` the fragment `old` becomes `new`. `build` is the build in which
@@ -44,10 +50,9 @@ class Mutant:
         return self.old.rstrip().endswith((";", "}"))
 
     def text(self):
-        lines = [f"{name}: {getattr(self, name)}" for name in FIELDS if getattr(self, name)]
-        if not self.new:
-            lines.append("new:")
-        return "\n".join(lines) + "\n"
+        lines = [f"{name}: {getattr(self, name)}".rstrip() for name in NEEDED]
+        lines += [f"{name}: {getattr(self, name)}" for name in FIELDS[6:] if getattr(self, name)]
+        return "\n".join(map(wrapped, lines)) + "\n"
 
 
 def parse_list(text):
