@@ -5,10 +5,11 @@
     mutants.py --propose FILE...
 
 The faults stand in mutants.txt. All of them are built in at once, each behind a switch that the
-variable NIM_MUTANT sets (schemata.py), so that there is one build. A first run without a fault notes
-which test reaches which of them; then each fault is switched on for the tests that reach it, until one
-of them fails, dies or hangs. A fault that no test finds needs an explanation in the list ("equivalent:
-why nobody can tell"). Ends with 0 when at least --wanted faults were found and the others are explained.
+variable NIM_MUTANT sets (schemata.py), so that there is one build of them, and one with sanitizers for
+those that only they can see ("build: sanitize"). A first run without a fault notes which test reaches
+which of them; then each fault is switched on for the tests that reach it, until one of them fails, dies
+or hangs. A fault that no test finds needs an explanation in the list ("equivalent: why nobody can
+tell"). Ends with 0 when at least --wanted faults were found and the others are explained.
 
 --propose prints candidates for a list out of sources, to choose from.
 """
@@ -139,13 +140,16 @@ def plant(mutants, directory):
             path.unlink()
 
 
-def build(directory, jobs):
-    log = directory / "build.log"
+def build(directory, kind, jobs):
+    """Builds the tests with all faults in directory/<kind>."""
+    log = directory / f"{kind}.log"
+    sanitize = "ON" if kind == "sanitize" else "OFF"
     commands = [
-        ["cmake", "-G", "Ninja", "-S", directory / "source", "-B", directory / "build"]
-        + ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-g1 -O1"]
+        ["cmake", "-G", "Ninja", "-S", directory / "source", "-B", directory / kind]
+        + ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-g1 -O1", f"-DNIM_SANITIZE={sanitize}"]
         + ["-DNIM_EXAMPLES=OFF", "-DNIM_BENCHMARKS=OFF"],
-        ["cmake", "--build", directory / "build", "--parallel", str(jobs), "--target", *PROGRAMS],
+        ["cmake", "--build", directory / kind, "--parallel", str(jobs), "--target", *PROGRAMS]
+        + ["--", "-k", "0"],  # all that does not build, at once
     ]
     with log.open("w") as output:
         for command in commands:
@@ -158,8 +162,13 @@ def build(directory, jobs):
 
 
 def limits():
-    """A fault may make a program allocate without end."""
+    """No pictures of the dead; and a fault may make a program allocate without end."""
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     resource.setrlimit(resource.RLIMIT_AS, (24 * GIB, 24 * GIB))
+
+
+def limits_of_sanitizers():
+    """They take addresses as if there were no end of them."""
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
 
@@ -187,8 +196,9 @@ def output_of(child, directory, seconds):
 
 
 class Runner:
-    def __init__(self, directory):
-        self.programs = directory / "build/base/test"
+    def __init__(self, directory, kind):
+        self.programs = directory / kind / "base/test"
+        self.limits = limits_of_sanitizers if kind == "sanitize" else limits
         self.scratch = directory / "scratch"
         shutil.rmtree(self.scratch, ignore_errors=True)
         self.scratch.mkdir()
@@ -211,7 +221,7 @@ class Runner:
         child = subprocess.Popen(
             [self.programs / program, "--gtest_brief=1", "--gtest_fail_fast", f"--gtest_flagfile={flags}"],
             cwd=place, env=environment, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-            stdin=subprocess.DEVNULL, start_new_session=True, preexec_fn=limits, errors="replace",
+            stdin=subprocess.DEVNULL, start_new_session=True, preexec_fn=self.limits, errors="replace",
         )  # fmt: skip
         output, ended = output_of(child, place, seconds)
         what = "hung" if not ended else "passed" if child.returncode == 0 else "failed"
@@ -293,6 +303,25 @@ def hunt(runner, reach, mutant, remembered):
     return "survived", "", ""
 
 
+def hunt_in(directory, kind, mutants, killers, jobs, results, tests):
+    """Tries faults in one of the builds: `results` and the numbers of `tests` that reach them grow."""
+    say(f"building the tests ({kind})")
+    build(directory, kind, jobs)
+    runner, reach = Runner(directory, kind), Reach()
+    say("running the tests without a fault, to see which of them reach what")
+    reach.note(runner, directory, jobs)
+    say(f"trying {len(mutants)} faults")
+    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        running = {pool.submit(hunt, runner, reach, m, killers.get(m)): m for m in mutants}
+        for number, done in enumerate(concurrent.futures.as_completed(running), 1):
+            mutant, result = running[done], done.result()
+            results[mutant.id] = result
+            tests[mutant.id] = len(reach.tests.get(mutant.number, []))
+            if result[1]:
+                killers.set(mutant, *result[1:])
+            say(f"{number} of {len(mutants)}: {mutant.id} {' '.join(result)}")
+
+
 class Killers:
     """The test that found a fault the last time, by the fault itself."""
 
@@ -315,11 +344,11 @@ class Killers:
 # ---- the report ---------------------------------------------------------------------------------
 
 
-def describe(mutant, result, reach):
+def describe(mutant, result, tests):
+    """What became of a fault that so many tests reach."""
     status, program, test = result
     where = f"{mutant.id}  {mutant.function}: {mutant.kind}: {mutant.old} -> {mutant.new or 'nothing'}"
     if status in ("survived", "never reached"):
-        tests = len(reach.tests.get(mutant.number, []))
         seen = f"survived {tests} tests that reach it" if tests else "NEVER REACHED by a test"
         return f"{where}\n    {seen}; " + (
             f"explained: {mutant.equivalent}" if mutant.equivalent else "NOT EXPLAINED"
@@ -328,16 +357,16 @@ def describe(mutant, result, reach):
     return f"{where}\n    {status}: {program} {test}{remark}"
 
 
-def conclude(mutants, results, reach, directory, wanted):
+def conclude(mutants, results, tests, directory, wanted):
     """Prints the report; 0 when it is good enough."""
-    lines = [describe(mutant, results[mutant.id], reach) for mutant in mutants]
+    lines = [describe(mutant, results[mutant.id], tests[mutant.id]) for mutant in mutants]
     (directory / "report.txt").write_text("\n".join(lines) + "\n")
     alive = [m for m in mutants if results[m.id][0] in ("survived", "never reached")]
     wrong = [m for m in mutants if m not in alive and m.equivalent]
     unexplained = [m for m in alive if not m.equivalent]
     print()
     for mutant in alive + wrong:
-        print(describe(mutant, results[mutant.id], reach))
+        print(describe(mutant, results[mutant.id], tests[mutant.id]))
     killed = len(mutants) - len(alive)
     print(
         f"{len(mutants)} faults: {killed} found ({wanted} wanted), {len(alive)} not found,"
@@ -373,25 +402,16 @@ def main():
     directory = options.directory.resolve()
     directory.mkdir(parents=True, exist_ok=True)
     mutants = schemata.parse_list(options.list.read_text())
-    say(f"planting {len(mutants)} faults and building the tests once")
+    say(f"planting {len(mutants)} faults")
     plant(mutants, directory)
-    build(directory, options.jobs)
-    runner, reach = Runner(directory), Reach()
-    say("running the tests without a fault, to see which of them reach what")
-    reach.note(runner, directory, options.jobs)
     if options.only:
         mutants = [m for m in mutants if fnmatch.fnmatch(m.id, options.only)]
-    say(f"trying {len(mutants)} faults")
-    killers, results = Killers(directory / "killers.json"), {}
-    with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
-        running = {pool.submit(hunt, runner, reach, m, killers.get(m)): m for m in mutants}
-        for number, done in enumerate(concurrent.futures.as_completed(running), 1):
-            mutant, result = running[done], done.result()
-            results[mutant.id] = result
-            if result[1]:
-                killers.set(mutant, *result[1:])
-            say(f"{number} of {len(mutants)}: {mutant.id} {' '.join(result)}")
-    return conclude(mutants, results, reach, directory, options.wanted)
+    killers, results, tests = Killers(directory / "killers.json"), {}, {}
+    for kind in schemata.BUILDS:
+        own = [m for m in mutants if (m.build or schemata.BUILDS[0]) == kind]
+        if own:
+            hunt_in(directory, kind, own, killers, options.jobs, results, tests)
+    return conclude(mutants, results, tests, directory, options.wanted)
 
 
 if __name__ == "__main__":

@@ -63,7 +63,8 @@ equivalent: it is done
         self.assertEqual(schemata.parse_list("\n".join(m.text() for m in mutants)), mutants)
 
     def test_a_name_twice_and_a_missing_part_are_refused(self):
-        for text in (self.TEXT + "\n" + self.TEXT, "id: x\nfile: y\n", "what: is this\n"):
+        other_build = self.TEXT + "build: release\n"
+        for text in (self.TEXT + "\n" + self.TEXT, "id: x\nfile: y\n", "what: is this\n", other_build):
             with self.assertRaises(schemata.Wrong):
                 schemata.parse_list(text)
 
@@ -127,7 +128,7 @@ class ProposeTest(unittest.TestCase):
         found = [(m.function, m.old, m.new) for m in schemata.propose("a/x.cpp", SOURCE)]
         self.assertIn(("Reach", "a <= b && Check(a)", "a < b && Check(a)"), found)
         self.assertIn(("Reach", "a <= b && Check(a)", "a <= b || Check(a)"), found)
-        self.assertIn(("Reach", "a <= b && Check(a)", "Check(a)"), found)
+        self.assertIn(("Reach", "a <= b && Check(a)", "bool(Check(a))"), found)
         self.assertIn(("Reach", "a + 1 == b", "a == b"), found)
         self.assertIn(("Reach", "Release(a);", ""), found)
         self.assertIn(("Reach2", "a < 7", "a <= 7"), found)

@@ -2,10 +2,13 @@
 starts. Reads the list of faults, finds their places, weaves them in, and proposes others."""
 
 import re
+import textwrap
 from dataclasses import dataclass, field
 
 SWITCH = "MutantOn"
-FIELDS = ("id", "file", "function", "kind", "old", "new", "equivalent")
+NEEDED = ("id", "file", "function", "kind", "old", "new")
+FIELDS = NEEDED + ("build", "equivalent")
+BUILDS = ("debug", "sanitize")
 
 SILENT = re.compile(
     r'//[^\n]*|/\*.*?\*/|R"(?P<mark>[^()\s\\]*)\(.*?\)(?P=mark)"'
@@ -14,14 +17,24 @@ SILENT = re.compile(
 )
 
 
+# Behind a function's parameters, up to the brace that opens it.
+OPENING = re.compile(r"\s*(?:const\s*)?(?:noexcept\s*)?(?:override\s*)?(?::[^{;]*)?\{")
+
+
 class Wrong(Exception):
     """The list of faults does not fit the sources."""
 
 
+def wrapped(line):
+    """On lines that can be read, of which the further ones are indented."""
+    return "\n  ".join(textwrap.wrap(line, 98, break_long_words=False, break_on_hyphens=False))
+
+
 @dataclass
 class Mutant:
-    """A fault: in `function` of `file` the fragment `old` becomes `new`. `equivalent` says why no test
-    can tell, where none can."""
+    """A fault: in `function` of `file` the fragment `old` becomes `new`. `build` is the build in which
+    tests can tell, when only the sanitizers see it; `equivalent` says why no test can tell, where none
+    can."""
 
     id: str
     file: str
@@ -29,6 +42,7 @@ class Mutant:
     kind: str
     old: str
     new: str
+    build: str = ""
     equivalent: str = ""
     number: int = field(default=0, compare=False)
 
@@ -36,10 +50,9 @@ class Mutant:
         return self.old.rstrip().endswith((";", "}"))
 
     def text(self):
-        lines = [f"{name}: {getattr(self, name)}" for name in FIELDS if getattr(self, name)]
-        if not self.new:
-            lines.append("new:")
-        return "\n".join(lines) + "\n"
+        lines = [f"{name}: {getattr(self, name)}".rstrip() for name in NEEDED]
+        lines += [f"{name}: {getattr(self, name)}" for name in FIELDS[6:] if getattr(self, name)]
+        return "\n".join(map(wrapped, lines)) + "\n"
 
 
 def parse_list(text):
@@ -59,9 +72,11 @@ def parse_list(text):
             values[last] = value.strip()
         if not values:
             continue
-        missing = [name for name in FIELDS[:-1] if name not in values]
+        missing = [name for name in NEEDED if name not in values]
         if missing or values["id"] in seen:
             raise Wrong(f"{values.get('id', '?')}: stands twice, or has no {', '.join(missing)}")
+        if values.get("build", BUILDS[0]) not in BUILDS:
+            raise Wrong(f"{values['id']}: no build {values['build']}")
         seen.add(values["id"])
         mutants.append(Mutant(**values, number=len(mutants) + 1))
     return mutants
@@ -91,10 +106,10 @@ def bodies(code, function):
     found = []
     for match in re.finditer(rf"(?<![\w.>])~?{re.escape(function)}\(", code):
         behind = closing(code, match.end() - 1)
-        opening = re.match(r"\s*(?:const\s*)?(?:noexcept\s*)?(?:override\s*)?(?::[^{;]*)?\{", code[behind:])
+        opening = OPENING.match(code, behind)
         line = code[code.rfind("\n", 0, match.start()) + 1 : match.start()]
         if opening and not re.search(r"\b(if|while|for|switch|return)\b|[=!&|]\s*$", line):
-            start = behind + opening.end() - 1
+            start = opening.end() - 1
             found.append((start, closing(code, start)))
     return found
 
@@ -163,7 +178,8 @@ def switched(mutant, old):
 TURNED = {"<=": "<", "<": "<=", ">=": ">", ">": ">=", "==": "!=", "!=": "=="}
 OPERATOR = re.compile(r"(?<=\s)(<=|>=|==|!=|<|>)(?=\s)")
 HEAD = re.compile(
-    r"^ *(?!\s*(?:if|for|while|switch|return|else|do|case)\b)[\w:<>,*&~\[\] ]*?\b(\w+)\((?=[^;{]*\{)", re.M
+    r"^ *(?!\s*(?:if|for|while|switch|return|else|do|case)\b)[\w:<>,*&~\[\] ]*?\b(\w+)\((?=[^;{]*\{)",
+    re.M,
 )
 CONDITION = re.compile(r"\b(?:if|while) (?=\()")
 RETURN = re.compile(r"\breturn ([^;{}]+);")
@@ -222,7 +238,7 @@ def _in_expression(text, code):
         if code.count(one) == 1 and other not in code:
             yield "conditions joined otherwise", text, text.replace(one, other)
             left, right = text.split(one)
-            yield "a condition dropped", text, left
-            yield "a condition dropped", text, right
+            yield "a condition dropped", text, f"bool({left.strip()})"
+            yield "a condition dropped", text, f"bool({right.strip()})"
     for match in re.finditer(r" [+-] 1\b(?![\w'.])", code):
         yield "off by one", text, text[: match.start()] + text[match.end() :]
