@@ -114,10 +114,10 @@ void AppendDrive(void* list, char letter)
     root[0] = letter;
     const uint32_t type = gpDbDrives->getDriveType(root);
     DBCONFIG_TRACE(
-        TraceLevel::NOTICE, "The drive type for drive %s is %d", root, static_cast<int32_t>(type));
+        trace_level::NOTICE, "The drive type for drive %s is %d", root, static_cast<int32_t>(type));
     if (type == DB_DRIVE_UNKNOWN)
         DBCONFIG_TRACE_ERROR(
-            TraceLevel::ALWAYS, "Failed to tell the type of drive %s; it is left out", root);
+            trace_level::ALWAYS, "Failed to tell the type of drive %s; it is left out", root);
     if (type != DB_DRIVE_FIXED)
         return;
 
@@ -126,13 +126,13 @@ void AppendDrive(void* list, char letter)
     path[0] = letter;
     const uint32_t kind = PathKind(path);
     if (kind == PATH_DIRECTORY) {
-        DBCONFIG_TRACE(TraceLevel::NOTICE, "PathIsADirectory returned TRUE for %s", path);
+        DBCONFIG_TRACE(trace_level::NOTICE, "PathIsADirectory returned TRUE for %s", path);
         AppendPath(list, path);
     } else if (kind == PATH_UNKNOWN) {
         DBCONFIG_TRACE_ERROR(
-            TraceLevel::ALWAYS, "Failed to tell whether %s is a directory; it is left out", path);
+            trace_level::ALWAYS, "Failed to tell whether %s is a directory; it is left out", path);
     } else {
-        DBCONFIG_TRACE(TraceLevel::NOTICE, "PathIsADirectory returned FALSE for %s", path);
+        DBCONFIG_TRACE(trace_level::NOTICE, "PathIsADirectory returned FALSE for %s", path);
     }
 }
 
@@ -144,7 +144,7 @@ NimBool DbGetHomeDir(char** ppDir)
         return FALSE;
     const HeldMemory<> byDefault(PathHomeBuild(HOME_NAME, 0));
     CfgGetString(ppDir, CONFIG_FILE, CONFIG_STANZA, CONFIG_KEY, byDefault.get());
-    DBCONFIG_TRACE(TraceLevel::DETAIL, "Db home dir is %s", *ppDir);
+    DBCONFIG_TRACE(trace_level::DETAIL, "Db home dir is %s", *ppDir);
     return TRUE;
 }
 
@@ -168,8 +168,8 @@ NimBool DbGetClusterDerivedPath(const char* path, char** ppDbPath)
         *ppDbPath = pDerived;
     const NimBool lResult = pDerived ? TRUE : FALSE;
     DBCONFIG_TRACE(
-        TraceLevel::DETAIL, "For path %s, retval is %s, db is %s", path, lResult ? "TRUE" : "FALSE",
-        ppDbPath ? *ppDbPath : nullptr);
+        trace_level::DETAIL, "For path %s, retval is %s, db is %s", path,
+        lResult ? "TRUE" : "FALSE", ppDbPath ? *ppDbPath : nullptr);
     return lResult;
 }
 
@@ -181,7 +181,7 @@ uint32_t DbMungeQtreeIdFromDbPath(uint32_t qtreeId, const char* path)
         DbGetHomeDir(home.Out());
         if (!home) {
             DBCONFIG_TRACE_ERROR(
-                TraceLevel::ALWAYS, "Failed to munge path %s: the home directory cannot be told",
+                trace_level::ALWAYS, "Failed to munge path %s: the home directory cannot be told",
                 path);
         } else if (StrCompareNoCase(path, home.get()) != 0) {
             // Kept: a character below 64 wraps, and no more of the path than this is looked at.
@@ -190,7 +190,7 @@ uint32_t DbMungeQtreeIdFromDbPath(uint32_t qtreeId, const char* path)
         }
     }
     DBCONFIG_TRACE(
-        TraceLevel::DETAIL, "For path %s and qtree id %d 0x%x, the return value is 0x%x", path,
+        trace_level::DETAIL, "For path %s and qtree id %d 0x%x, the return value is 0x%x", path,
         static_cast<int32_t>(qtreeId), qtreeId, mungedId);
     return mungedId;
 }
@@ -218,7 +218,7 @@ void DbGetDbPathList(void* list, uint32_t includeHome)
         // The line's error word carries the system's own error value.
         const uint32_t systemError = gpDbDrives->getLastError();
         NIM_TRACE(
-            DBCONFIG_TAG, systemError, TraceLevel::ALWAYS,
+            DBCONFIG_TAG, systemError, trace_level::ALWAYS,
             "GetLogicalDrives failed. Unable to enumerate drives");
         return;
     }

@@ -72,13 +72,13 @@ ObjTemplate* BlobTemplate()
 // An item that no record can hold, met where only storable items may be: memory corruption.
 void CrashOnKind()
 {
-    DBLIB_TRACE(TraceLevel::ALWAYS, "Should not get these");
+    DBLIB_TRACE(trace_level::ALWAYS, "Should not get these");
     ProcCrash(0);
 }
 
 void TraceNoMemory(uint32_t lSize)
 {
-    DBLIB_TRACE(TraceLevel::ALWAYS, "No memory for %lu bytes", lSize);
+    DBLIB_TRACE(trace_level::ALWAYS, "No memory for %lu bytes", lSize);
 }
 
 // The pointer in an item, whatever its type is to the module that owns the object.
@@ -126,14 +126,14 @@ bool MeasureItem(uint32_t* pLength, const ObjDbField* pField, const uint8_t* pBo
         // Without this an object that holds a map, or for which there is no memory now, would be
         // stored as none at all, and be gone.
         if (*pLength == 0)
-            DBLIB_TRACE(TraceLevel::ALWAYS, "Failed to serialise object at '%p'", oNested);
+            DBLIB_TRACE(trace_level::ALWAYS, "Failed to serialise object at '%p'", oNested);
         return *pLength != 0;
     }
     case DB_KIND_DATA: {
         const ObjData* pData = reinterpret_cast<const ObjData*>(pItem);
         *pLength = pData->size;
         if (pData->size != 0 && !pData->data)
-            DBLIB_TRACE(TraceLevel::ALWAYS, "Data of %lu bytes has none", pData->size);
+            DBLIB_TRACE(trace_level::ALWAYS, "Data of %lu bytes has none", pData->size);
         return pData->size == 0 || pData->data;
     }
     case DB_KIND_ARRAY:
@@ -172,10 +172,10 @@ bool WriteNested(uint8_t* pTo, uint32_t lLength, uint32_t lOffset, const void* o
         ObjSerializeToMemory(oNested, pTo, &lReported);
     }
     DBLIB_TRACE(
-        TraceLevel::DETAIL, "size is %ld at %ld", static_cast<int32_t>(lReported),
+        trace_level::DETAIL, "size is %ld at %ld", static_cast<int32_t>(lReported),
         static_cast<int32_t>(lOffset));
     if (lReported != lLength)
-        DBLIB_TRACE(TraceLevel::ALWAYS, "Failed to serialise object at '%p'", oNested);
+        DBLIB_TRACE(trace_level::ALWAYS, "Failed to serialise object at '%p'", oNested);
     return lReported == lLength;
 }
 
@@ -248,13 +248,13 @@ bool WriteObject(
 const ObjDbData* StorableDbData(const void* oObject)
 {
     if ((ObjGetMagic(oObject) & OBJ_MAGIC_MASK) != OBJ_MAGIC_VALID) {
-        DBLIB_TRACE(TraceLevel::ALWAYS, "Invalid object at '%p'", oObject);
+        DBLIB_TRACE(trace_level::ALWAYS, "Invalid object at '%p'", oObject);
         ProcCrash(0);
         return nullptr;
     }
     const ObjDbData* pDbData = ObjGetDbData(oObject);
     if (!pDbData) {
-        DBLIB_TRACE(TraceLevel::ALWAYS, "Corrupt object - no template at '%p'", oObject);
+        DBLIB_TRACE(trace_level::ALWAYS, "Corrupt object - no template at '%p'", oObject);
         ProcCrash(0);
         return nullptr;
     }
@@ -271,12 +271,12 @@ bool EncodeObject(ObjData* pRecord, const ObjDbData* pDbData, const void* oObjec
         return false;
     const uint64_t lTotal = pDbData->fixedSize + lVariable;
     if (lTotal > DB_RECORD_MAX) {
-        DBLIB_TRACE(TraceLevel::ALWAYS, "Record of %I64u bytes is too long", lTotal);
+        DBLIB_TRACE(trace_level::ALWAYS, "Record of %I64u bytes is too long", lTotal);
         return false;
     }
     const uint32_t lSize = static_cast<uint32_t>(lTotal);
     DBLIB_TRACE(
-        TraceLevel::DETAIL, "Size of database BLOB is %ld bytes (%ld + %ld)",
+        trace_level::DETAIL, "Size of database BLOB is %ld bytes (%ld + %ld)",
         static_cast<int32_t>(lSize), static_cast<int32_t>(pDbData->fixedSize),
         static_cast<int32_t>(lVariable));
 
@@ -310,7 +310,7 @@ uint32_t SizeOf(Bytes bytes)
 bool Damaged(Bytes record, const ObjDbField* pField)
 {
     DBLIB_TRACE(
-        TraceLevel::ALWAYS, "Damaged record of %lu bytes, slot at %ld", SizeOf(record),
+        trace_level::ALWAYS, "Damaged record of %lu bytes, slot at %ld", SizeOf(record),
         pField->fixedOffset);
     return false;
 }
@@ -400,7 +400,7 @@ bool DecodeNested(Bytes record, const ObjDbField* pField, uint8_t* pItem)
     const uint8_t* pSlot = record.data() + pField->fixedOffset;
     const int32_t lLength = GetI32(pSlot);
     DBLIB_TRACE(
-        TraceLevel::DETAIL, "Reconstruct Object from %ld bytes at %lx", lLength,
+        trace_level::DETAIL, "Reconstruct Object from %ld bytes at %lx", lLength,
         GetU32(pSlot + SLOT_OFFSET));
     if (lLength <= 0)
         return true;
@@ -410,7 +410,7 @@ bool DecodeNested(Bytes record, const ObjDbField* pField, uint8_t* pItem)
     // Kept: an object that cannot be rebuilt is reported, and the rest of the record still counts.
     void* oNested;
     if (!ObjReconstructFromMemorySized(&oNested, pForm, static_cast<uint32_t>(lLength)))
-        DBLIB_TRACE(TraceLevel::ALWAYS, "Reconstruct failed");
+        DBLIB_TRACE(trace_level::ALWAYS, "Reconstruct failed");
     SetPointer(pItem, oNested);
     return true;
 }
@@ -460,7 +460,7 @@ bool DecodeFields(uint8_t* pBody, const ObjDbData* pDbData, Bytes record)
 {
     if (!record.data() || record.size() < pDbData->fixedSize) {
         DBLIB_TRACE(
-            TraceLevel::ALWAYS, "Damaged record of %lu bytes, fixed size %lu", SizeOf(record),
+            trace_level::ALWAYS, "Damaged record of %lu bytes, fixed size %lu", SizeOf(record),
             pDbData->fixedSize);
         return false;
     }
@@ -556,13 +556,13 @@ NimBool SetField(
 bool DbDecodeRecord(void** ppObject, uint32_t magic, const char* format, Bytes record)
 {
     *ppObject = nullptr;
-    DBLIB_TRACE(TraceLevel::DETAIL, "Magic %ld format %s", static_cast<int32_t>(magic), format);
+    DBLIB_TRACE(trace_level::DETAIL, "Magic %ld format %s", static_cast<int32_t>(magic), format);
     // Any size, any destructor: the template is the one that the records' owner has registered.
     void* oObject = nullptr;
     if (!ObjCreateInternal(&oObject, OBJ_SIZE_COMPUTED, magic, format, nullptr, Pool()))
         return false;
     DBLIB_TRACE(
-        TraceLevel::DETAIL, "Size of database BLOB is %ld bytes",
+        trace_level::DETAIL, "Size of database BLOB is %ld bytes",
         static_cast<int32_t>(record.size()));
     if (!DecodeFields(static_cast<uint8_t*>(oObject), ObjGetDbData(oObject), record)) {
         ObjReleaseInternal(&oObject);
@@ -620,12 +620,12 @@ NimBool DbConvertObjectToDbFormat(void** ppBlob, const void* oObject)
 
 NimBool DbConvertObjectFromDbFormat(void** ppObject, const void* oBlob)
 {
-    DBLIB_TRACE(TraceLevel::DETAIL, "DbConvertObjectFromDbFormat(%p, %p)", ppObject, oBlob);
+    DBLIB_TRACE(trace_level::DETAIL, "DbConvertObjectFromDbFormat(%p, %p)", ppObject, oBlob);
     if (!ppObject)
         return FALSE;
     *ppObject = nullptr;
     if (ObjGetMagic(oBlob) != DB_BLOB_MAGIC) {
-        DBLIB_TRACE(TraceLevel::ALWAYS, "Invalid BLOB at '%p'", oBlob);
+        DBLIB_TRACE(trace_level::ALWAYS, "Invalid BLOB at '%p'", oBlob);
         return FALSE;
     }
     const auto* pBlob = static_cast<const DbBlob*>(oBlob);

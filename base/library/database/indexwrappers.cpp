@@ -62,11 +62,11 @@ IndxDeleteObjectFromTable(void* oTable, const char* fieldName, uint32_t id, void
 {
     HeldCursor cursor(oTable, fieldName);
     if (!cursor) {
-        WRAP_TRACE_ERROR(TraceLevel::ALWAYS, "Failed to get cursor on '%s'", fieldName);
+        WRAP_TRACE_ERROR(trace_level::ALWAYS, "Failed to get cursor on '%s'", fieldName);
         return FALSE;
     }
     if (!cursor.Find(id, oKeyObject)) {
-        WRAP_TRACE_ERROR(TraceLevel::ALWAYS, "Could not find key");
+        WRAP_TRACE_ERROR(trace_level::ALWAYS, "Could not find key");
         return FALSE;
     }
     return IndxDeleteRecord(cursor.get());
@@ -114,7 +114,7 @@ uint32_t VisitRecord(const Walk& walk, const HeldCursor& cursor)
     if (!FetchObject(object.Out(), walk, cursor.get())) {
         if (walk.idCallback)
             WRAP_TRACE(
-                TraceLevel::ALWAYS, "Failed to fetch object at cursor - skip record in walk");
+                trace_level::ALWAYS, "Failed to fetch object at cursor - skip record in walk");
         return 1;
     }
     if (!walk.idCallback)
@@ -154,12 +154,12 @@ uint32_t IndxWalkTableWithRecordId(
 {
     if (!IndxIsTable(oTable) || !fieldName || !callback) {
         // Names the form with a callback, not this operation: operators know the text.
-        WRAP_TRACE(TraceLevel::ALWAYS, "Munged args to IndxWalkCallbackWithRecordId");
+        WRAP_TRACE(trace_level::ALWAYS, "Munged args to IndxWalkCallbackWithRecordId");
         return 0;
     }
     HeldCursor cursor(oTable, fieldName);
     if (!cursor) {
-        WRAP_TRACE(TraceLevel::ALWAYS, "Failed to get field cursor for '%s'", fieldName);
+        WRAP_TRACE(trace_level::ALWAYS, "Failed to get field cursor for '%s'", fieldName);
         return 0;
     }
     return WalkField({nullptr, callback, context, false, nullptr}, cursor);

@@ -8,13 +8,13 @@
 
 #include "nim/trace.h"
 
-namespace TraceLevel {
+namespace trace_level {
 constexpr int32_t ALWAYS = -1;      // failures: always shown
 constexpr int32_t NODE_FAILURE = 0; // a key that could not be entered into, or taken out of, a node
 constexpr int32_t NOTICE = 1;       // what shows at low verbosity
 constexpr int32_t OPENED = 3;       // results of opens and creations
 constexpr int32_t DETAIL = 4;       // every entry and every step
-} // namespace TraceLevel
+} // namespace trace_level
 
 #define BLCK_TAG "BLCK        "
 #define DBCONFIG_TAG "DBCONFIG        "

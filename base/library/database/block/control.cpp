@@ -15,7 +15,7 @@
 #include "nim/nim.h"
 #include "nim/scope.h"
 
-using namespace TraceLevel;
+using namespace trace_level;
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include "nim/nim.h"
 
 // The levels of trace.h, under the names that this module's lines give them.
-constexpr int32_t INDX_ALWAYS = TraceLevel::ALWAYS;
-constexpr int32_t INDX_NODE_FAILURE = TraceLevel::NODE_FAILURE;
-constexpr int32_t INDX_OPENED = TraceLevel::OPENED;
-constexpr int32_t INDX_DETAIL = TraceLevel::DETAIL;
+constexpr int32_t INDX_ALWAYS = trace_level::ALWAYS;
+constexpr int32_t INDX_NODE_FAILURE = trace_level::NODE_FAILURE;
+constexpr int32_t INDX_OPENED = trace_level::OPENED;
+constexpr int32_t INDX_DETAIL = trace_level::DETAIL;
 
 inline const char* IndxTruth(NimBool b)
 {

@@ -120,10 +120,10 @@ struct CompareInt64 {
 
 // Values in the heap. `heapUsed` bounds every value of the node.
 enum class HeapOrder { Text, TextNoCase, UniqueId };
-template <HeapOrder order>
+template <HeapOrder ORDER>
 struct CompareHeap {
     static constexpr bool TOTAL = true;
-    static constexpr bool INTERPOLATES = order == HeapOrder::UniqueId;
+    static constexpr bool INTERPOLATES = ORDER == HeapOrder::UniqueId;
     const char* pValue;
     uint32_t size;
     const uint8_t* pEnd;
@@ -156,9 +156,9 @@ struct CompareHeap {
         const auto* pOther = reinterpret_cast<const char*>(ValueOf(pEntry));
         if (!pOther)
             return false;
-        if constexpr (order == HeapOrder::Text) {
+        if constexpr (ORDER == HeapOrder::Text) {
             *pResult = StrCompareBounded(pValue, size, pOther, length);
-        } else if constexpr (order == HeapOrder::TextNoCase) {
+        } else if constexpr (ORDER == HeapOrder::TextNoCase) {
             *pResult = StrCompareBoundedNoCase(pValue, size, pOther, length);
         } else {
             if (length != INDX_UNIQUE_ID_SIZE || size != INDX_UNIQUE_ID_SIZE)
@@ -311,8 +311,8 @@ struct Search {
     }
 };
 
-template <HeapOrder order>
-CompareHeap<order> InHeap(const uint8_t* pNode, const IndxKeyInfo* pKey)
+template <HeapOrder ORDER>
+CompareHeap<ORDER> InHeap(const uint8_t* pNode, const IndxKeyInfo* pKey)
 {
     return {
         KeyBytes(pKey), KeySize(pKey), pNode + INDX_NODE_SIZE,
