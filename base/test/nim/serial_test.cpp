@@ -324,6 +324,23 @@ TEST(Serial, DepthEndsAt64)
     }
 }
 
+// Lists in lists go as deep as objects in objects, and are refused by the writer where the reader
+// would stop.
+TEST(Serial, ListsInListsEndAtTheSameDepth)
+{
+    Ref nest(ListNewFromPool(0, 1));
+    for (int depth = 1; depth <= 70; ++depth) {
+        const uint32_t size = ObjSerializedSize(nest.get());
+        EXPECT_EQ(size != 0, depth <= 64) << depth;
+        if (size != 0) {
+            EXPECT_NE(Reconstructed(Serialised(nest.get())).get(), nullptr) << depth;
+        }
+        Ref outer(ListNewFromPool(0, 1));
+        ASSERT_EQ(ListAddLastItem(outer.get(), nest.get()), 1u);
+        nest = std::move(outer);
+    }
+}
+
 TEST(Serial, TheSizeNeedNotBeAskedFor)
 {
     Ref object = NewObject(MAGIC, "i;");
