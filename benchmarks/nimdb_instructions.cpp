@@ -85,7 +85,15 @@ void CountAll(Engine& engine, uint32_t records, uint32_t operations)
         for (const Record& record : inputs)
             found += engine.find_by_hash(record.hash, out);
     });
-    Check(found == 2 * operations, "a record is not found");
+    Counted("find by record id", operations, [&] {
+        for (int32_t id : ids)
+            found += engine.find_by_id(id, out);
+    });
+    Counted("find by 32-bit integer", operations, [&] {
+        for (const Record& record : inputs)
+            found += engine.find_by_size(record.size, out);
+    });
+    Check(found == 4 * operations, "a record is not found");
 
     Sink sink;
     Counted("walk step", all, [&] { engine.walk_by_name(sink); });

@@ -53,9 +53,12 @@ class Engine {
     virtual void end_batch() {}
     virtual bool find_by_name(const std::string& name, Record& out) = 0;
     virtual bool find_by_hash(const uint8_t hash[32], Record& out) = 0;
-    virtual void walk_by_name(Sink& sink) = 0;              // whole table, Name order
-    virtual bool modify_size(int32_t id, int32_t size) = 0; // position by Id, change Size
-    virtual bool erase(int32_t id) = 0;                     // position by Id, delete
+    // By the two orders that wrap; asked of this library alone.
+    virtual bool find_by_id(int32_t, Record&) { return false; }
+    virtual bool find_by_size(int32_t, Record&) { return false; } // any record of this size
+    virtual void walk_by_name(Sink& sink) = 0;                    // whole table, Name order
+    virtual bool modify_size(int32_t id, int32_t size) = 0;       // position by Id, change Size
+    virtual bool erase(int32_t id) = 0;                           // position by Id, delete
     virtual void close() = 0;
     // Levels of the trees of a closed table by the names of their fields, from an engine that can
     // tell.

@@ -52,6 +52,7 @@ class NimdbEngine : public Engine {
     void* oById_ = nullptr;
     void* oByName_ = nullptr;
     void* oByHash_ = nullptr;
+    void* oBySize_ = nullptr;
 
     bool Position(int32_t id)
     {
@@ -86,6 +87,7 @@ class NimdbEngine : public Engine {
         Must(IndxGetFieldCursor(&oById_, oTable_, "Id"), "cursor");
         Must(IndxGetFieldCursor(&oByName_, oTable_, "Name"), "cursor");
         Must(IndxGetFieldCursor(&oByHash_, oTable_, "Hash"), "cursor");
+        Must(IndxGetFieldCursor(&oBySize_, oTable_, "Size"), "cursor");
     }
 
     void insert(Record& r) override
@@ -114,6 +116,19 @@ class NimdbEngine : public Engine {
         UniqueId id;
         memcpy(&id, hash, sizeof id);
         return FindAndFetch(oByHash_, ObjUniqueNew(&id), out);
+    }
+
+    bool find_by_id(int32_t id, Record& out) override
+    {
+        if (!Position(id))
+            return false;
+        Fetch(oById_, out);
+        return true;
+    }
+
+    bool find_by_size(int32_t size, Record& out) override
+    {
+        return FindAndFetch(oBySize_, ObjIntegerNew(size), out);
     }
 
     void walk_by_name(Sink& sink) override
@@ -149,7 +164,7 @@ class NimdbEngine : public Engine {
 
     void close() override
     {
-        for (void** poCursor : {&oById_, &oByName_, &oByHash_})
+        for (void** poCursor : {&oById_, &oByName_, &oByHash_, &oBySize_})
             IndxReleaseCursor(poCursor);
         IndxReleaseTable(&oTable_);
         Must(IndxCloseDatabase(&oDatabase_), "close");

@@ -27,15 +27,21 @@ bool Visit(IndxPlace* pPlace, IndxCursor* pCursor, const IndxKeyInfo* pKey, Indx
     return pPlace->position != INDX_POSITION_DAMAGED;
 }
 
+// A tree has no more levels than the file has blocks; a descent that takes more runs in a cycle.
+// Few trees have more than three levels, so the file is asked late.
+bool MayGoDown(uint32_t levels, const IndxCursor* pCursor)
+{
+    constexpr uint32_t FEW = 16;
+    return levels < FEW || levels < BlckBlockLimit(pCursor->oField->oTable->oBlck);
+}
+
 } // namespace
 
 bool IndxDescend(IndxPlace* pPlace, IndxCursor* pCursor, const IndxKeyInfo* pKey, IndxFor what)
 {
     *pPlace = {};
     pPlace->tNode = pCursor->oField->roots.tRoot;
-    // A tree has no more levels than the file has blocks; a descent that takes more runs in a ring.
-    const uint32_t limit = BlckBlockLimit(pCursor->oField->oTable->oBlck);
-    while (pPlace->levels < limit && Visit(pPlace, pCursor, pKey, what)) {
+    while (MayGoDown(pPlace->levels, pCursor) && Visit(pPlace, pCursor, pKey, what)) {
         ++pPlace->levels;
         if (NodeIsLeaf(pPlace->pNode) || (pPlace->bFound && what == IndxFor::Entering))
             return true;
