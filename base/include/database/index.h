@@ -180,6 +180,16 @@ NIMDB_API NimBool IndxUpdateTable(void* oTable);
  * it says something only after an operation that has failed, and whose contract names a code. */
 NIMDB_API uint32_t IndxError(void);
 
+/* Two limits of keys, which files in use depend on:
+ * - Record ids and 32-bit integers are ordered by wrapping subtraction, and so are the ids of records
+ *   with equal values in any index. Keys that lie within 2^31 of each other are in order. Among keys
+ *   that lie further apart (hashes, say, or ids of the caller's choice over the whole range) some
+ *   cannot be found, modified or deleted by them afterwards, and an id that is present may be accepted
+ *   once more. Keep hashes in 64-bit integer fields.
+ * - A text key has up to 8168 bytes with its NUL. Two keys of up to 8152 bytes always fit one node;
+ *   with longer ones in an index an add, modification or deletion may be refused (INDX_ERROR_UPDATE
+ *   from an add) though the key itself is lawful; everything is then as it was. */
+
 /* ---- fields and cursors -------------------------------------------------------------------- */
 
 /* The field `name` of a table, compared without regard to case.
@@ -238,7 +248,8 @@ NIMDB_API int32_t IndxPreviousKey(void* oCursor);
 
 /* The next key if it has the same value: INDX_RESULT_FOUND; INDX_RESULT_NOT_FOUND when the value
  * differs (the cursor moved all the same), for a unique index and for a cursor without a key;
- * INDX_RESULT_NO_KEY, INDX_RESULT_STATUS, INDX_RESULT_CURSOR as above. */
+ * INDX_RESULT_NO_KEY, INDX_RESULT_STATUS, INDX_RESULT_CURSOR as above. Not for the index of record
+ * ids, whose keys have no value: there a cursor that has a key behind it ends the process. */
 NIMDB_API int32_t IndxNextMatchingKey(void* oCursor);
 
 /* Finds the cursor's key again if the index changed; the result code. Any change of the index
@@ -265,7 +276,7 @@ NIMDB_API NimBool IndxCursorGetOffset(uint32_t* pOffset, void* oCursor);
  *   pId      out: the new id, which every add that enters the record hands out; untouched when it
  *            does not. May be null.
  *   oTable   in: the table.
- *   oObject  in: an object of the table's record type; another type ends the process.
+ *   oObject  in: an object of the table's record type; null or another type ends the process.
  * TRUE or FALSE. Last error INDX_ERROR_SEEK: the records file cannot be positioned or would pass
  * 2 GiB; INDX_ERROR_UPDATE: a key was refused (it is there already, its text is absent or too long)
  * or the record could not be written. No code: the object cannot be encoded, the companion file

@@ -166,11 +166,11 @@ NIM_API NimBool ObjTemplateCreateInstanceFromPool(void** out, ObjTemplate* tmpl,
 NIM_API NimBool ObjTemplateCreateInstanceUncleared(void** out, ObjTemplate* tmpl, uint32_t pool);
 
 /* A new zeroed object from magic and format: of the first registered template with this magic and
- * format (when `destructor` is given: and this destructor; when `size` is given: and this size),
- * else of one made for it. Registered is what ObjTemplateCreateInternal was asked for: a template
- * that was made for objects alone gives way to whatever is registered later. Parameters as in
- * ObjTemplateCreateInternal.
- * Result: 1; 0 with *out null for a null or refused format or without memory. */
+ * format, with or without the ";" at its end (when `destructor` is given: and this destructor; when
+ * `size` is given: and this size), else of one made for it. Registered is what
+ * ObjTemplateCreateInternal was asked for: a template that was made for objects alone gives way to
+ * whatever is registered later. Parameters as in ObjTemplateCreateInternal. Result: 1; 0 with *out
+ * null for a null or refused format or without memory. */
 NIM_API NimBool ObjCreateInternal(
     void** out, uint32_t size, uint32_t magic, const char* format, ObjDestructor destructor,
     uint32_t pool);

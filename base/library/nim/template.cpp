@@ -220,10 +220,25 @@ bool ReadFormat(Layout* layout, const LayoutArrays& arrays, const char* format)
 }
 
 // FNV-1a over the magic and the text.
+// A format without the ";" at its end, which says nothing: "i;s" and "i;s;" are one format, and a
+// host that spells it otherwise than a table that was made long ago still gets its own objects
+// back.
+size_t LengthOf(const char* format)
+{
+    const size_t length = strlen(format);
+    return length > 0 && format[length - 1] == ';' ? length - 1 : length;
+}
+
+bool IsSameFormat(const char* one, const char* other)
+{
+    const size_t length = LengthOf(one);
+    return length == LengthOf(other) && memcmp(one, other, length) == 0;
+}
+
 uint32_t HashOf(uint32_t magic, const char* format)
 {
     uint32_t hash = 2166136261u ^ magic;
-    for (; *format; ++format)
+    for (const char* end = format + LengthOf(format); format < end; ++format)
         hash = (hash ^ static_cast<uint8_t>(*format)) * 16777619u;
     return hash ^ hash >> 15;
 }
@@ -249,7 +264,11 @@ ObjTemplate* Find(uint32_t hash, uint32_t magic, const char* format, const Wante
     ObjTemplate* found = nullptr;
     ObjTemplate* tmpl = gBuckets[hash % BUCKETS].load(std::memory_order_acquire);
     for (; tmpl; tmpl = tmpl->next.load(std::memory_order_acquire)) {
-        if (tmpl->hash != hash || tmpl->magic != magic || strcmp(tmpl->db.format, format) != 0)
+        if (tmpl->hash != hash || tmpl->magic != magic)
+            continue;
+        // A template that is registered has its text exactly; for an object any spelling will do.
+        if (wanted.anyDestructor ? !IsSameFormat(tmpl->db.format, format)
+                                 : strcmp(tmpl->db.format, format) != 0)
             continue;
         if (wanted.size != OBJ_SIZE_COMPUTED && wanted.size != tmpl->size)
             continue;

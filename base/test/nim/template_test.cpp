@@ -417,6 +417,23 @@ TEST(Template, ThreadsThatRegisterTheSameTemplatesGetTheSameHandles)
         EXPECT_EQ(seen[t], seen[0]);
 }
 
+// An object is made of the first template that was registered for its magic and format, however the
+// ";" at the end is spelt; handles of templates go by the exact text.
+TEST(Template, ASemicolonAtTheEndMakesNoOtherObject)
+{
+    ObjTemplate* host = TemplateOf(MAGIC + 9, "i;s;i", nullptr, 64);
+    ObjTemplate* later = TemplateOf(MAGIC + 9, "i;s;i;");
+    EXPECT_NE(later, host);
+    for (const char* format : {"i;s;i", "i;s;i;"}) {
+        void* object = nullptr;
+        ASSERT_EQ(
+            ObjCreateInternal(&object, NO_SIZE, MAGIC + 9, format, nullptr, MemGetDefaultPoolId()),
+            1u);
+        EXPECT_EQ(OBJ_HEADER(object)->tmpl, host) << format;
+        ObjReleaseInternal(&object);
+    }
+}
+
 TEST(Template, TypedCreationFillsAVariableOfAnyPointerType)
 {
     void* tmpl = nullptr;

@@ -45,6 +45,7 @@ enum class Registered { BeforeTheTable, AfterTheTable, AfterReopening, AfterARea
 struct Case {
     Registered when;
     bool traced;
+    const char* format = FORMAT; // as the host spells it
 };
 
 class RecordObjectTest : public DatabaseTest, public testing::WithParamInterface<Case> {
@@ -104,7 +105,8 @@ class RecordObjectTest : public DatabaseTest, public testing::WithParamInterface
     void Register()
     {
         ASSERT_EQ(
-            ObjTemplateCreateInternal(&pTemplate_, sizeof(RecordWithTail), magic_, FORMAT, Destroy),
+            ObjTemplateCreateInternal(
+                &pTemplate_, sizeof(RecordWithTail), magic_, GetParam().format, Destroy),
             1u);
         ObjTemplate* pOther = nullptr;
         ASSERT_EQ(
@@ -196,6 +198,7 @@ std::vector<Case> AllCases()
           Registered::AfterARead}) {
         cases.push_back({when, false});
         cases.push_back({when, true});
+        cases.push_back({when, false, "i;s;i"}); // the same format to a table
     }
     return cases;
 }
@@ -204,7 +207,8 @@ std::string NameOf(const testing::TestParamInfo<Case>& info)
 {
     const char* const when[] = {"BeforeTheTable", "AfterTheTable", "AfterReopening", "AfterARead"};
     const std::string name = when[static_cast<int>(info.param.when)];
-    return name + (info.param.traced ? "Traced" : "");
+    const bool respelt = std::string(info.param.format) != FORMAT;
+    return name + (info.param.traced ? "Traced" : "") + (respelt ? "SpeltOtherwise" : "");
 }
 
 INSTANTIATE_TEST_SUITE_P(All, RecordObjectTest, testing::ValuesIn(AllCases()), NameOf);
