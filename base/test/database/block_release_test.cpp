@@ -134,8 +134,9 @@ TEST_F(BlockRelease, ManyChangesOnBothSidesOfWhatIsNotInMemory)
 {
     const int32_t tId = MakeBlockOfY();
     std::string expected = Stored(tId);
-    uint8_t* pData = TakeEnds(tId, 1000, 1000);
-    for (const uint32_t offset : {0u, 300u, 600u, 15400u, 15700u, 16000u, 16300u, 900u}) {
+    // What is not there lies between the two that are closest.
+    uint8_t* pData = TakeEnds(tId, 8000, 8000);
+    for (const uint32_t offset : {0u, 2500u, 7900u, 8500u, 12000u, 16000u}) {
         Change(pData, offset, 8, 'z');
         expected.replace(offset, 8, 8, 'z');
     }
