@@ -237,6 +237,27 @@ TEST_F(Wrapping, AModificationLeavesAKeyWhereHalvingWouldEnterIt)
     EXPECT_EQ(index.Walk(), halved.Ids());
 }
 
+// In a leaf that holds the whole range, one that is taken out may not come back to its place.
+TEST_F(Wrapping, AKeyOfASmallIndexGoesWhereHalvingWouldEnterIt)
+{
+    std::mt19937_64 random(TestSeed());
+    for (int round = 0; round < 150; ++round) {
+        IndexFixture index(path() + std::to_string(round), {{INDX_KEY_INTEGER}});
+        HalvedTree halved(false);
+        std::vector<Entry> entries;
+        const auto count = static_cast<uint32_t>(3 + random() % 60);
+        for (uint32_t n = 1; n <= count; ++n) {
+            entries.push_back({static_cast<uint32_t>(random()), n});
+            ASSERT_EQ(index.Insert(n, KeyOf(entries.back()), n), halved.Insert(entries.back()));
+        }
+        for (const Entry& entry : entries) {
+            ASSERT_NO_FATAL_FAILURE(ModifyLikeHalving(index, halved, entry, KeyOf(entry)));
+            ASSERT_EQ(index.Walk(), halved.Ids()) << round << ": " << entry.id;
+        }
+        index.Update();
+    }
+}
+
 // Record ids are ordered in the same way, and so are equal values of every index that is not
 // unique.
 TEST_F(Wrapping, RecordIdsOfTheWholeRangeDoWhatHalvingDoes)
